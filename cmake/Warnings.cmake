@@ -1,0 +1,17 @@
+# One place for what the compilers are asked to say, and for what they are asked not to.
+option(KOLMO_WERROR "Treat warnings as errors" ON)
+option(KOLMO_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
+
+add_library(kolmo_warnings INTERFACE)
+target_compile_options(kolmo_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wnull-dereference
+  $<$<BOOL:${KOLMO_WERROR}>:-Werror>)
+
+add_library(kolmo_build INTERFACE)
+target_compile_features(kolmo_build INTERFACE cxx_std_20)
+if(KOLMO_SANITIZE)
+  # Address sanitizer reports what a test process leaks or overruns; undefined behaviour ends it at once.
+  target_compile_options(kolmo_build INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(kolmo_build INTERFACE -fsanitize=address,undefined)
+endif()

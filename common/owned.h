@@ -1,0 +1,75 @@
+/*
+ * owned: owners of what C interfaces hand out.
+ *
+ * They hold and release, nothing else: no logging, no retries, no exceptions.  What leaves a function
+ * for its caller leaves with release() in the return statement; that line is the transfer.
+ */
+#ifndef KOLMO_COMMON_OWNED_H
+#define KOLMO_COMMON_OWNED_H
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include <unistd.h>
+
+namespace kolmo
+{
+
+struct FreeMemory {
+    void operator()(void *memory) const noexcept { std::free(memory); }
+};
+
+struct CloseFile {
+    void operator()(std::FILE *file) const noexcept { (void)std::fclose(file); }
+};
+
+/* Text or a plain record from malloc and its relatives, freed at the end of its scope. */
+template <typename T>
+using Owned = std::unique_ptr<T, FreeMemory>;
+using OwnedText = std::unique_ptr<char[], FreeMemory>;
+
+/* A stdio stream; the result of closing is not looked at, so only for streams that are read. */
+using OwnedFile = std::unique_ptr<std::FILE, CloseFile>;
+
+/* A file descriptor, -1 when there is none.  Closing keeps errno: it runs on the way out of failures. */
+class Fd
+{
+public:
+    Fd() noexcept = default;
+    explicit Fd(int fd) noexcept : fd_(fd) {}
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
+    Fd &operator=(Fd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    ~Fd() { reset(); }
+
+    [[nodiscard]] int get() const noexcept { return fd_; }
+    [[nodiscard]] bool is_open() const noexcept { return fd_ >= 0; }
+    [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) noexcept;
+
+private:
+    int fd_ = -1;
+};
+
+inline void Fd::reset(int fd) noexcept
+{
+    const int closing = std::exchange(fd_, fd);
+
+    if (closing >= 0) {
+        const int saved_errno = errno;
+        (void)::close(closing);
+        errno = saved_errno;
+    }
+}
+
+} // namespace kolmo
+
+#endif
