@@ -18,11 +18,11 @@ namespace kolmo
 {
 
 /* A log function: priority, printf format, its arguments. */
-using LogSink = void (*)(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+using LogSink [[gnu::format(printf, 2, 3)]] = void (*)(int priority, const char *format, ...);
 
 /* Its twin for an argument list that was gathered already; the list is the caller's to end. */
-using LogListSink = void (*)(int priority, const char *format, std::va_list arguments)
-    __attribute__((format(printf, 2, 0)));
+using LogListSink
+    [[gnu::format(printf, 2, 0)]] = void (*)(int priority, const char *format, std::va_list arguments);
 
 /*
  * The current log functions, switched together by log_init.
@@ -33,18 +33,21 @@ using LogListSink = void (*)(int priority, const char *format, std::va_list argu
  *
  * Syslog: every message is sent, the mask set by log_set_level sorts out.  With LOG_TRACE_ID it starts with
  * the trace id, a colon and a blank, and is cut at 8191 characters; without, it is as long as it likes.
+ *
+ * The attribute stands here for clang, which does not see the one in the type.
  */
-extern LogSink log_message;
-extern LogListSink log_vmessage;
+[[gnu::format(printf, 2, 3)]] extern LogSink log_message;
+[[gnu::format(printf, 2, 0)]] extern LogListSink log_vmessage;
 
-/* An option bit of the program's own (the others are syslog's): every syslog message starts with a trace id. */
+/* An option bit of the program's own: every syslog message starts with a trace id. */
 constexpr int LOG_TRACE_ID = 0x40;
 
 /* Added to a level: the environment variable KOLMO_LOG_LEVEL may raise it. */
 constexpr int LOG_LEVEL_FROM_ENVIRONMENT = 0x08;
 
 /*
- * Choose where messages go, and how many of them.  May be called again: syslog is then closed and opened anew.
+ * Choose where messages go, and how many of them.  May be called again: syslog is then closed and opened
+ * anew.
  *
  * sink      null for syslog; otherwise "console" or "stderr", in any case, for the console.  Kept, not
  *           copied: it must live as long as messages are logged.  With a sink syslog is neither opened nor
@@ -56,9 +59,9 @@ constexpr int LOG_LEVEL_FROM_ENVIRONMENT = 0x08;
  * ident     the name in front of every syslog line, copied, cut at 63 characters; null for the name that
  *           the process was started by, without its folders
  *
- * With LOG_TRACE_ID the trace id is that of the environment variable KOLMO_LOG_TRACE_ID, cut at 63 characters.
- * Without the variable, or with an empty one, it is the first letter of the name that the process was
- * started by, in upper case, with the process id; the variable is then set to it, so that child processes
+ * With LOG_TRACE_ID the trace id is that of the environment variable KOLMO_LOG_TRACE_ID, cut at 63
+ * characters. Without the variable, or with an empty one, it is the first letter of the name that the process
+ * was started by, in upper case, with the process id; the variable is then set to it, so that child processes
  * log under the same id.
  */
 void log_init(const char *sink, int level, int facility, int options, const char *ident);

@@ -12,11 +12,38 @@
 namespace kolmo
 {
 
+/*
+ * A path whose last component and ": " stand in front of every report; null, as it is from the start, for
+ * none.  Kept, not copied.  A switch for other programs: mail_responders_rebuild leaves it null.
+ */
+extern const char *error_program_path;
+
+/*
+ * Print the formatted message, of any length, and end the process when exit_code is not 0.
+ *
+ * exit_code  the status for exit(3); 0 to return
+ * flag       0 or 1, without effect
+ *
+ * When errno is not 0 at the call, a line "System error <errno>: <its text>" follows the message.  Callers
+ * who have no system error to tell of set errno to 0 first.  The line is left out when message and line
+ * need more than 4095 characters together; it is never cut.  When memory for a message of more than 4095
+ * characters runs out, the message is cut there; when there is no memory at all,
+ * "Can't allocate memory for error message" is printed instead.
+ *
+ * errno afterwards is what it was, unless writing failed.
+ */
 [[gnu::format(printf, 3, 4)]] void report_error(int exit_code, int flag, const char *format, ...);
 
+/* The same for an argument list that was gathered already; the list is the caller's to end. */
 [[gnu::format(printf, 3, 0)]] void vreport_error(int exit_code, int flag, const char *format,
                                                  std::va_list arguments);
 
+/*
+ * The output step of report_error: the text as it stands, to standard error and to standard output, each
+ * with the prefix of error_program_path, with a newline unless it ends in one, and flushed.
+ *
+ * Ends the process through exit(3) when exit_code is not 0; returns 0 otherwise.
+ */
 int print_error_message(const char *text, int exit_code, int flag);
 
 } // namespace kolmo

@@ -1,5 +1,7 @@
 /*
  * string_array: a null-terminated array of texts on the heap.
+ *
+ * The array owns its texts.  It is never empty: where there is nothing to return there is null instead.
  */
 #ifndef KOLMO_COMMON_STRING_ARRAY_H
 #define KOLMO_COMMON_STRING_ARRAY_H
@@ -9,13 +11,36 @@
 namespace kolmo
 {
 
-/* The array owns its texts; it is never empty (there is null instead). */
+/* A heap array of heap texts, closed by a null pointer; released with string_array_free. */
 using StringArray = char **;
 
+/*
+ * Split text wherever one of the characters of delimiters stands.
+ *
+ * Runs of delimiters, and those at the start, give no empty entries; the text after the last delimiter is an
+ * entry even when it is empty.  So ",,a,,b" gives a and b, "a," gives a and an empty text, "" one empty text.
+ *
+ * Returns a new array of copies, or null when memory runs out: logged at priority 3 as
+ * "System error: <reason>", and, when it ran out with an entry, as "Unable to add string into array" too.
+ */
 [[nodiscard]] StringArray string_array_split(const char *text, const char *delimiters);
+
+/*
+ * Append a copy of text.
+ *
+ * array   null to start a new one; it may move, so the result takes its place
+ *
+ * Returns the grown array; or null after "System error: <reason>" was logged at priority 3.  When there is
+ * no memory for the larger array, the old one is left as it is, the caller's still; when there is none for
+ * the copy, the array is freed with its texts.  A caller who cannot tell the two apart has to give the array
+ * up.
+ */
 [[nodiscard]] StringArray string_array_add(StringArray array, const char *text);
+
+/* Free the array with its texts; null is accepted. */
 void string_array_free(StringArray array);
 
+/* An owner of such an array. */
 struct FreeStringArray {
     void operator()(char **array) const noexcept { string_array_free(array); }
 };
