@@ -1,0 +1,63 @@
+/*
+ * panel_credentials: who connects to the panel database, from the files that the panel keeps.
+ *
+ * The DSN file may give every value; one that it lacks has a default, but for the password, which is
+ * then the first line of the administrator's password file.
+ */
+#ifndef KOLMO_PANEL_PANEL_CREDENTIALS_H
+#define KOLMO_PANEL_PANEL_CREDENTIALS_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "common/owned.h"
+
+namespace kolmo
+{
+
+/* The two files, "/etc/qsx/private/dsn.ini" and "/etc/qsx/.qsx.shadow" unless pointed elsewhere. */
+extern const char *panel_dsn_path;
+extern const char *panel_shadow_path;
+
+/* Leaves nothing of a secret in memory that others get next. */
+struct WipeMemory {
+    void operator()(char *secret) const noexcept
+    {
+        ::explicit_bzero(secret, std::strlen(secret));
+        std::free(secret);
+    }
+};
+using OwnedSecret = std::unique_ptr<char[], WipeMemory>;
+
+struct PanelCredentials {
+    OwnedText host;
+    unsigned int port = 0; /* 0: the client library's default port */
+    OwnedText user;
+    OwnedSecret password;
+    OwnedText database;
+};
+
+/*
+ * Gather the credentials.
+ *
+ * The DSN file's section "kolmo" is asked for the keys host, port, username, password and dbname, each
+ * with a reading of its own; a missing file has none of them.  Defaults: "localhost", 0, "admin", "qsx".
+ * The port is what strtol makes of the text's beginning, in base 10, without a range check.
+ * Of the password file the first line counts, without its newline and with everything else, blanks and
+ * carriage returns too.  It is not opened when the DSN file has the key.
+ *
+ * credentials   filled on success; after a failure what was read so far, to be dropped
+ * error_buffer  gets the text of a failure, cut to buffer_size bytes with the terminator; otherwise
+ *               left as it is
+ * Returns 0, or -1 when the password file cannot be opened, examined, stored or read (an empty one
+ * included), with the errno of that failure.  Logs nothing.  errno after success is whatever the last
+ * file left there (ENOENT when there is no DSN file).
+ */
+[[nodiscard]] int panel_read_credentials(PanelCredentials *credentials, char *error_buffer,
+                                         std::size_t buffer_size);
+
+} // namespace kolmo
+
+#endif
