@@ -1,0 +1,56 @@
+/*
+ * child_output: run a program to its end and take what it prints.
+ *
+ * The capturing runners ask for output with a time-out of a second.  They do not depend on the pipe's end: a
+ * program that is gone while something it started still holds its output open is done with, and what has
+ * not been read by then is lost.
+ */
+#ifndef KOLMO_EXEC_CHILD_OUTPUT_H
+#define KOLMO_EXEC_CHILD_OUTPUT_H
+
+namespace kolmo
+{
+
+/*
+ * Run `path` (not searched for) with the inherited standard input; collect standard output and standard
+ * error.  No other descriptor reaches it.
+ *
+ * out, err   receive the texts, terminated, to be freed with free by the caller in any case: empty when
+ *            nothing was printed, null only when that pipe was never read
+ * argv       closed by a null; entry 0 is what the program sees as its name
+ *
+ * Returns the exit code, 0 to 255, or -1 for a program that a signal ended or that could not be waited for.
+ * The program's end is logged by wait_child as it says there; not logged when it was noticed while its
+ * output was still held open.  255 with a line in *err ("fork_execv: ...") is the program that could not be
+ * executed, or a stream that could not be installed.
+ *
+ * The process ends with status 1, through report_error, when no pipe can be had ("fork_execv_getouterr:
+ * pipe() failed", also for the lack of a descriptor that select(2) can watch, with EMFILE), when its mode
+ * cannot be set ("fork_execv_getouterr: fcntl(O_NONBLOCK) failed"), when fork fails or memory runs out.  A
+ * failed read is told on standard error, ends that text and nothing else.
+ *
+ * Signals are left alone; a stopped program is waited for until it goes on.
+ */
+[[nodiscard]] int fork_execv_getouterr(char **out, char **err, const char *path, const char *const argv[]);
+
+/* The same for standard output only: standard error is inherited.  The messages name the other function. */
+[[nodiscard]] int fork_execv_getout(char **out, const char *path, const char *const argv[]);
+
+/*
+ * Run `path` with these two streams; what it prints on standard error is passed on at once, in pieces of up
+ * to 4095 bytes, through report_error (standard error and standard output).  Waits for the end of that
+ * output, then for the program.
+ *
+ * fd_in, fd_out   what becomes standard input and standard output: -1 stands for "/dev/null", others are
+ *                 installed as fork_execv_pipes does.  fd_in 0 and fd_out 1 are refused.
+ *
+ * Returns the exit code, 0 to 255; -1 after a report for refused descriptors, a failed wait, and a program
+ * that was killed or stopped.  A failed pipe or fork ends the process with status 1.  A program that cannot
+ * be executed gives 255 and "Error occured during execv(): ..." like output of its own.  errno is cleared on
+ * the way, so that no earlier failure is appended to the program's words.
+ */
+[[nodiscard]] int fork_exec_fd(int fd_in, int fd_out, const char *path, const char *const argv[]);
+
+} // namespace kolmo
+
+#endif

@@ -1,0 +1,24 @@
+/*
+ * closefrom: what a child process must not inherit.
+ */
+#ifndef KOLMO_EXEC_CLOSEFROM_H
+#define KOLMO_EXEC_CLOSEFROM_H
+
+namespace kolmo
+{
+
+/*
+ * Close every descriptor from `lowest` upward; a negative `lowest` counts as 0.
+ *
+ * The open ones are taken from "/proc/self/fd" (proc(5)).  When that cannot be trusted to be complete, every
+ * number from the descriptor table's size (getdtablesize(3), the soft RLIMIT_NOFILE) downward is closed as
+ * well, which takes a call for each; a descriptor that is above a limit lowered later then stays open.
+ *
+ * Silent, cannot fail, keeps errno.  The C library has a function of this name too; in this namespace it is
+ * this one.
+ */
+void closefrom(int lowest);
+
+} // namespace kolmo
+
+#endif
