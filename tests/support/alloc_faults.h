@@ -1,0 +1,40 @@
+/*
+ * alloc_faults: memory that runs out when a test says so.
+ *
+ * For test programs that use the target kolmo_alloc_faults, in which malloc, calloc, realloc, strdup, strndup
+ * and vasprintf, called from anything that is linked statically, lead here (-Wl,--wrap=).  They do
+ * what they always do, but while an AllocFaults lives they are counted, and one of them fails: null (or -1),
+ * and errno ENOMEM.  What libraries allocate inside themselves, and operator new, is neither counted nor
+ * failed.
+ *
+ *     AllocFaults faults(2);                  // the second call from here on fails
+ *     result = xasprintf(...);
+ *     // at the end of the scope: the test has failed unless there was a second call
+ *
+ * Keep the scope to the calls under test: googletest's own calls would be counted too.
+ */
+#ifndef KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
+#define KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
+
+namespace kolmo::testing
+{
+
+class AllocFaults
+{
+public:
+    /* Fail the nth call from now on, 1 being the next; 0 fails none and only counts.  One at a time. */
+    explicit AllocFaults(int nth);
+
+    /* Back to normal.  The test fails when the nth call never came. */
+    ~AllocFaults();
+
+    AllocFaults(const AllocFaults &) = delete;
+    AllocFaults &operator=(const AllocFaults &) = delete;
+
+    /* The calls so far, the failed one included.  For sweeps: count a good run, then fail 1 to calls(). */
+    [[nodiscard]] int calls() const;
+};
+
+} // namespace kolmo::testing
+
+#endif
