@@ -39,9 +39,7 @@ int close_with_retry(StoreConnection *connection)
     return result;
 }
 
-PauseWatch::PauseWatch() noexcept : before_(failed_pauses)
-{
-}
+PauseWatch::PauseWatch() noexcept : before_(failed_pauses) {}
 
 bool PauseWatch::failed() const noexcept
 {

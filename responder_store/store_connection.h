@@ -21,7 +21,8 @@ public:
     /* No connection: every operation on it fails, none crashes. */
     StoreConnection() noexcept = default;
 
-    /* Takes over a handle that the caller opened with sqlite3_open or sqlite3_open_v2; null is no connection. */
+    /* Takes over a handle that the caller opened with sqlite3_open or sqlite3_open_v2; null is no connection.
+     */
     explicit StoreConnection(sqlite3 *handle) noexcept : handle_(handle) {}
 
     StoreConnection(StoreConnection &&other) noexcept : handle_(other.release()) {}
