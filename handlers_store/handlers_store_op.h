@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "handlers_store/handlers_db.h"
+#include "handlers_store/owned_handler_list.h"
 #include "responder_store/store_op.h"
 
 namespace kolmo
@@ -51,21 +52,6 @@ template <typename Body>
 
 /* Appends a copy of a row that was read, or logs that it could not be kept and returns -1. */
 [[nodiscard]] int keep_row(HandlerList *list, const HandlerRecord *record);
-
-/* A list that lives for one operation. */
-class OwnedHandlerList
-{
-public:
-    OwnedHandlerList() { (void)handler_list_init(&list_); }
-    OwnedHandlerList(const OwnedHandlerList &) = delete;
-    OwnedHandlerList &operator=(const OwnedHandlerList &) = delete;
-    ~OwnedHandlerList() { handler_list_free(&list_); }
-
-    [[nodiscard]] HandlerList *get() noexcept { return &list_; }
-
-private:
-    HandlerList list_;
-};
 
 } // namespace kolmo
 
