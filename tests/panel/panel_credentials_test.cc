@@ -1,0 +1,298 @@
+#include "panel/panel_credentials.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "common/ini_file.h"
+#include "tests/panel/panel_files.h"
+#include "tests/support/alloc_faults.h"
+#include "tests/support/log_capture.h"
+
+namespace
+{
+
+/* What passed the seams below since the last test began, and what they fail. */
+std::vector<std::string> asked_keys;
+std::vector<std::string> wiped_texts;
+std::string failing_stat_path;
+
+} // namespace
+
+extern "C" {
+
+int __real_stat(const char *path, struct stat *status);
+void __real_explicit_bzero(void *memory, std::size_t length);
+char *__real__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key);
+
+int __wrap_stat(const char *path, struct stat *status)
+{
+    if (path != failing_stat_path)
+        return __real_stat(path, status);
+    errno = EACCES;
+    return -1;
+}
+
+void __wrap_explicit_bzero(void *memory, std::size_t length)
+{
+    wiped_texts.emplace_back(static_cast<const char *>(memory), length);
+    __real_explicit_bzero(memory, length);
+}
+
+/* kolmo::ini_get_value */
+char *__wrap__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key)
+{
+    asked_keys.push_back(std::string(section) + '.' + key);
+    return __real__ZN5kolmo13ini_get_valueEPKcS1_S1_(path, section, key);
+}
+
+} // extern "C"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using testing::AllocFaults;
+using testing::LogCapture;
+using testing::PanelFiles;
+
+class PanelCredentialsRead : public ::testing::Test
+{
+protected:
+    PanelCredentialsRead()
+    {
+        asked_keys.clear();
+        wiped_texts.clear();
+        failing_stat_path.clear();
+    }
+    ~PanelCredentialsRead() override { failing_stat_path.clear(); }
+
+    int read(std::size_t buffer_size = sizeof(error))
+    {
+        return panel_read_credentials(&credentials, error, buffer_size);
+    }
+
+    /* The password that a shadow file of this content gives. */
+    std::string password_of(const std::string &shadow)
+    {
+        PanelCredentials read_here;
+        files.write_shadow(shadow);
+        EXPECT_EQ(panel_read_credentials(&read_here, error, sizeof error), 0) << error;
+        return read_here.password != nullptr ? read_here.password.get() : "(none)";
+    }
+
+    /* Reads, expecting a failure, and gives its text. */
+    std::string failure()
+    {
+        EXPECT_EQ(read(), -1);
+        return error;
+    }
+
+    PanelFiles files;
+    LogCapture log;
+    PanelCredentials credentials;
+    char error[200] = "untouched";
+};
+
+TEST(PanelCredentialsPaths, TheFilesAreThePanels)
+{
+    EXPECT_STREQ(panel_dsn_path, "/etc/qsx/private/dsn.ini");
+    EXPECT_STREQ(panel_shadow_path, "/etc/qsx/.qsx.shadow");
+}
+
+TEST_F(PanelCredentialsRead, WithoutADsnFileEveryDefaultApplies)
+{
+    files.write_shadow("secret\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.host.get(), "localhost");
+    EXPECT_EQ(credentials.port, 0u);
+    EXPECT_STREQ(credentials.user.get(), "admin");
+    EXPECT_STREQ(credentials.password.get(), "secret");
+    EXPECT_STREQ(credentials.database.get(), "qsx");
+    EXPECT_STREQ(error, "untouched");
+}
+
+TEST_F(PanelCredentialsRead, TheDsnFileMayGiveEverything)
+{
+    files.write_dsn(
+        "[kolmo]\nhost = db1\nport = 3307\nusername = panel\npassword = pw1\ndbname = panel_db\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.host.get(), "db1");
+    EXPECT_EQ(credentials.port, 3307u);
+    EXPECT_STREQ(credentials.user.get(), "panel");
+    EXPECT_STREQ(credentials.password.get(), "pw1");
+    EXPECT_STREQ(credentials.database.get(), "panel_db");
+    EXPECT_STREQ(error, "untouched");
+}
+
+TEST_F(PanelCredentialsRead, TheKeysAreAskedForInTheirOrder)
+{
+    files.write_shadow("secret\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_EQ(asked_keys, (std::vector<std::string>{"kolmo.host", "kolmo.port", "kolmo.username",
+                                                    "kolmo.password", "kolmo.dbname"}));
+}
+
+TEST_F(PanelCredentialsRead, KeysOfAnotherSectionOrAnotherCaseDoNotCount)
+{
+    files.write_shadow("secret\n");
+    files.write_dsn("[Kolmo]\nhost = a\n[other]\nusername = b\n[kolmo]\nDbName = c\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.host.get(), "localhost");
+    EXPECT_STREQ(credentials.user.get(), "admin");
+    EXPECT_STREQ(credentials.database.get(), "qsx");
+}
+
+TEST_F(PanelCredentialsRead, ADsnPathThatIsNoRegularFileGivesTheDefaults)
+{
+    files.write_shadow("secret\n");
+    panel_dsn_path = "/";
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.host.get(), "localhost");
+}
+
+TEST_F(PanelCredentialsRead, EmptyValuesAreValues)
+{
+    files.write_dsn("[kolmo]\nhost =\nusername =\npassword =\ndbname =\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.host.get(), "");
+    EXPECT_STREQ(credentials.user.get(), "");
+    EXPECT_STREQ(credentials.password.get(), "");
+    EXPECT_STREQ(credentials.database.get(), "");
+}
+
+struct Port {
+    const char *text;
+    unsigned int number;
+};
+
+constexpr Port ports[] = {
+    {"3307", 3307},   {"3307abc", 3307},  {"", 0},           {"abc", 0}, {"0x10", 0}, {"010", 10},
+    {"70000", 70000}, {"-1", 4294967295}, {"4294967297", 1},
+};
+
+TEST_F(PanelCredentialsRead, ThePortIsWhatItsDigitsSay)
+{
+    for (const Port &port : ports) {
+        files.write_dsn("[kolmo]\npassword = pw1\nport = " + std::string(port.text) + "\n");
+        ASSERT_EQ(read(), 0);
+        EXPECT_EQ(credentials.port, port.number) << port.text;
+    }
+}
+
+TEST_F(PanelCredentialsRead, ADsnPasswordMakesTheShadowFileUnnecessary)
+{
+    files.write_dsn("[kolmo]\npassword = pw1\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.password.get(), "pw1");
+}
+
+TEST_F(PanelCredentialsRead, ASemicolonEndsADsnPassword)
+{
+    files.write_dsn("[kolmo]\npassword = pw;1\n");
+    ASSERT_EQ(read(), 0);
+    EXPECT_STREQ(credentials.password.get(), "pw");
+}
+
+struct Shadow {
+    std::string content;
+    std::string password;
+};
+
+TEST_F(PanelCredentialsRead, ThePasswordIsTheShadowFilesFirstLine)
+{
+    const Shadow shadows[] = {
+        {"secret\n", "secret"},
+        {"secret", "secret"},
+        {"first\nsecond\n", "first"},
+        {"secret\n\n", "secret"},
+        {"\n", ""},
+        {"\nsecond\n", ""},
+        {" blanks \n", " blanks "},
+        {"secret\r\n", "secret\r"},
+        {"semi;colon#\n", "semi;colon#"},
+        {"x", "x"},
+        {std::string(10000, 'p'), std::string(10000, 'p')},
+    };
+
+    for (const Shadow &shadow : shadows)
+        EXPECT_EQ(password_of(shadow.content), shadow.password) << shadow.content;
+}
+
+TEST_F(PanelCredentialsRead, AMissingShadowFileIsAnError)
+{
+    errno = 0;
+    EXPECT_EQ(failure(), "Unable to open admin password file: No such file or directory");
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(PanelCredentialsRead, AShadowFileThatCannotBeExaminedIsAnError)
+{
+    files.write_shadow("secret\n");
+    failing_stat_path = files.shadow_path();
+    EXPECT_EQ(failure(), "Unable to get admin password file stat: Permission denied");
+    EXPECT_EQ(errno, EACCES);
+}
+
+TEST_F(PanelCredentialsRead, NoMemoryForThePasswordIsAnError)
+{
+    files.write_shadow("secret\n");
+    int result;
+    {
+        AllocFaults faults(3); /* after the defaults of host and user */
+        result = read();
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_STREQ(error, "Unable to allocate memory for password");
+}
+
+TEST_F(PanelCredentialsRead, AShadowFileThatCannotBeReadIsAnError)
+{
+    panel_shadow_path = "/";
+    EXPECT_EQ(failure(), "Unable to read admin password file: Is a directory");
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(PanelCredentialsRead, AnEmptyShadowFileIsAnErrorWithWhateverErrnoThereIs)
+{
+    files.write_shadow("");
+    EXPECT_EQ(failure(), "Unable to read admin password file: No such file or directory");
+    files.write_dsn("");
+    EXPECT_EQ(failure(), "Unable to read admin password file: Success");
+}
+
+TEST_F(PanelCredentialsRead, TheTextOfAFailureIsCutToTheBuffer)
+{
+    EXPECT_EQ(read(15), -1);
+    EXPECT_STREQ(error, "Unable to open");
+}
+
+TEST_F(PanelCredentialsRead, AFailureLeavesNoDatabaseName)
+{
+    EXPECT_EQ(read(), -1);
+    EXPECT_EQ(credentials.database, nullptr);
+}
+
+TEST_F(PanelCredentialsRead, APasswordIsWipedBeforeItsMemoryGoes)
+{
+    files.write_shadow("secret\n");
+    ASSERT_EQ(read(), 0);
+    credentials = {};
+    EXPECT_EQ(wiped_texts, std::vector<std::string>{"secret"});
+
+    files.write_dsn("[kolmo]\npassword = pw1\n");
+    ASSERT_EQ(read(), 0);
+    credentials = {};
+    EXPECT_EQ(wiped_texts.back(), "pw1");
+}
+
+} // namespace
+
+} // namespace kolmo
