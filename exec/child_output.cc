@@ -27,12 +27,21 @@ namespace
 /* What is collected of a child: standard output, and standard error if there is a second one. */
 using Captures = std::span<CaptureBuffer>;
 
+/* False, with errno, for a descriptor beyond an fd_set (select(2)); there is no lower one free then. */
+bool can_be_selected(const Fd &fd)
+{
+    if (fd.get() < FD_SETSIZE)
+        return true;
+    errno = EMFILE;
+    return false;
+}
+
 /* Any failure ends the process; the two runners have always shared these texts. */
 void open_captures(Captures captures, std::span<Fd> write_ends)
 {
     for (std::size_t i = 0; i < captures.size(); i++) {
         Pipe pipe;
-        if (open_pipe(&pipe) != 0 || fit_into_fd_set(&pipe.read_end) != 0)
+        if (open_pipe(&pipe) != 0 || !can_be_selected(pipe.read_end))
             report_error(1, 0, "fork_execv_getouterr: pipe() failed");
         captures[i].read_end = std::move(pipe.read_end);
         write_ends[i] = std::move(pipe.write_end);
@@ -112,12 +121,12 @@ int run_captured(Captures captures, const char *path, const char *const argv[])
 
 void complain_exec_fd(const char *, int error)
 {
-    (void)std::fprintf(stderr, "Error occured during execv():\n%s", std::strerror(error));
-    (void)std::fputs(
+    /* In one write, or the parent may pass it on in two reports. */
+    (void)std::fprintf(
+        stderr, "Error occured during execv():\n%s%s", std::strerror(error),
         error == EFAULT
             ? ", possible reason - NULL parameter is absent in util_exec(path, arg1, arg2, NULL) call.\n"
-            : ".\n",
-        stderr);
+            : ".\n");
 }
 
 void pass_on(Fd read_end)

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 #include "common/report_error.h"
@@ -72,18 +71,6 @@ int open_pipe(Pipe *pipe)
     }
     *pipe = std::move(opened);
     return 0;
-}
-
-int fit_into_fd_set(Fd *fd)
-{
-    if (fd->get() < FD_SETSIZE)
-        return 0;
-    if (renumber(fd) != 0)
-        return -1;
-    if (fd->get() < FD_SETSIZE)
-        return 0;
-    errno = EMFILE;
-    return -1;
 }
 
 std::size_t read_pipe(Fd *read_end, char *bytes, std::size_t size)

@@ -27,13 +27,6 @@ struct Pipe {
 [[nodiscard]] int open_pipe(Pipe *pipe);
 
 /*
- * Bring a descriptor into the range of an fd_set (select(2)), by a lower number if need be.
- *
- * Returns 0; or -1 with errno EMFILE when no number below FD_SETSIZE is free.  Silent.
- */
-[[nodiscard]] int fit_into_fd_set(Fd *fd);
-
-/*
  * One read of at most `size` bytes from a pipe's read end, which is closed at the end of file and after a
  * failure.  A failure says "fork_exec*: read(pipe) failed: ..." on standard error and clears errno; that a
  * non-blocking pipe has nothing yet is none.

@@ -1,0 +1,112 @@
+/* Starting a child, waiting for it, and feeding a shell command, with failing calls. */
+#include "exec/child_process.h"
+
+#include <cerrno>
+#include <string>
+
+#include <unistd.h>
+
+#include "tests/exec/exec_support.h"
+#include "tests/exec/process_faults.h"
+
+namespace kolmo::testing
+{
+
+namespace
+{
+
+class ForkExecvPipesFaults : public ExecTest
+{
+};
+class WaitChildFaults : public ExecTest
+{
+};
+class ExecWithInputFaults : public ExecTest
+{
+};
+
+TEST_F(ForkExecvPipesFaults, FailedForkEndsTheProcess)
+{
+    EXPECT_EXIT(
+        {
+            const Fault fault(Call::fork, 1, EAGAIN);
+            (void)fork_execv_pipes(0, 1, 2, helper, Orders({}));
+        },
+        ::testing::ExitedWithCode(1),
+        "^fork_execv_pipes: fork\\(\\) failed\nSystem error 11: Resource temporarily unavailable\n$");
+}
+
+TEST_F(ForkExecvPipesFaults, NullDeviceThatCannotBeOpenedEndsTheChildWith255)
+{
+    const StreamCapture screen(STDERR_FILENO);
+    const Fault fault(Call::open, 1, ENODEV);
+
+    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({}))));
+    EXPECT_EQ("fork_execv: dup() failed: No such device\n", screen.text());
+}
+
+TEST_F(ForkExecvPipesFaults, StreamThatCannotBeInstalledEndsTheChildWith255)
+{
+    const StreamCapture screen(STDERR_FILENO);
+    const Fault fault(Call::dup2, 1, EBUSY);
+
+    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({}))));
+    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", screen.text());
+}
+
+TEST_F(WaitChildFaults, ZeroIsUnexpected)
+{
+    const FakeWait wait(0, 0, 0);
+
+    EXPECT_EQ(-1, wait_child(4242, "program", nullptr));
+    EXPECT_EQ("3 waitpid(4242) for 'program' process returned unexpected 0 code", log.take_one());
+}
+
+TEST_F(WaitChildFaults, ContinuedChildIsAWarning)
+{
+    const FakeWait wait(4242, 0xffff, 0);
+    int status = 0;
+
+    EXPECT_EQ(-1, wait_child(4242, "program", &status));
+    EXPECT_EQ(0xffff, status);
+    EXPECT_EQ("4 waitpid(4242)=4242: process 'program' continued", log.take_one());
+}
+
+TEST_F(WaitChildFaults, MessagesShowTheIdThatWaitpidGave)
+{
+    const FakeWait wait(17, 9, 0);
+
+    EXPECT_EQ(-1, wait_child(4242, nullptr, nullptr));
+    EXPECT_EQ("4 waitpid(4242)=17: process '<unknown>' killed by signal 9", log.take_one());
+}
+
+TEST_F(WaitChildFaults, OnlyAFailedWaitIsAFailureWhateverErrnoSays)
+{
+    const FakeWait wait(4242, 3 << 8, EINTR);
+
+    EXPECT_EQ(3, wait_child(4242, "program", nullptr));
+}
+
+TEST_F(WaitChildFaults, NegativeIdIsNotWaitedFor)
+{
+    const Fault fault(Call::waitpid, 1, EINVAL);
+
+    EXPECT_EQ(-1, wait_child(-1, "program", nullptr));
+    EXPECT_FALSE(Fault::has_fired());
+    EXPECT_EQ("3 fork before spawning 'program' failed", log.take_one());
+}
+
+TEST_F(ExecWithInputFaults, CommandThatCannotBeStartedIsReported)
+{
+    const StreamCapture screen(STDERR_FILENO);
+    const Fault fault(Call::popen, 1, EMFILE);
+
+    EXPECT_EQ(-1, exec_with_input("exit 3", "input"));
+    EXPECT_EQ("Failed to execute command with input: either pipe, fork or memory allocation failed.\n"
+              "System error 24: Too many open files\n",
+              screen.text());
+}
+
+} // namespace
+
+} // namespace kolmo::testing

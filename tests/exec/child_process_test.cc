@@ -1,0 +1,255 @@
+/* Starting a child, waiting for it, and feeding a shell command, with real programs. */
+#include "exec/child_process.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "common/owned.h"
+#include "tests/exec/exec_support.h"
+#include "tests/support/temp_dir.h"
+
+namespace kolmo::testing
+{
+
+namespace
+{
+
+class ForkExecvPipes : public ExecTest
+{
+};
+class WaitChild : public ExecTest
+{
+};
+class ExecWithInput : public ExecTest
+{
+};
+
+int start(std::initializer_list<const char *> words)
+{
+    return fork_execv_pipes(0, 1, 2, helper, Orders(words));
+}
+
+TEST_F(ForkExecvPipes, OwnNumbersLeaveTheStreamsAsTheyAreInherited)
+{
+    const StreamCapture out(STDOUT_FILENO);
+    const StreamCapture err(STDERR_FILENO);
+
+    EXPECT_EQ(0, raw_status(start({"out", "2", "err", "3"})));
+    EXPECT_EQ("oo", out.text());
+    EXPECT_EQ("eee", err.text());
+}
+
+TEST_F(ForkExecvPipes, MinusOneStandsForTheNullDevice)
+{
+    const StreamCapture out(STDOUT_FILENO);
+
+    EXPECT_EQ(0, raw_status(fork_execv_pipes(-1, 1, -1, helper, Orders({"fds"}))));
+    const std::string seen = out.text();
+    EXPECT_EQ(0U, seen.find("0 1 2 /dev/null ")) << seen;
+    EXPECT_NE(std::string::npos, seen.rfind(" /dev/null ")) << seen;
+    EXPECT_NE(seen.find("/dev/null"), seen.rfind("/dev/null")) << seen;
+}
+
+TEST_F(ForkExecvPipes, NullDeviceIsInstalledWhereTheStreamWasClosed)
+{
+    const StreamCapture out(STDOUT_FILENO);
+
+    EXPECT_EQ("0", in_child([] {
+                  close(0);
+                  return std::to_string(raw_status(fork_execv_pipes(-1, 1, 2, helper, Orders({"fds"}))));
+              }));
+    EXPECT_EQ(0U, out.text().find("0 1 2 /dev/null ")) << out.text();
+}
+
+TEST_F(ForkExecvPipes, NullDeviceIsReadAndWritten)
+{
+    EXPECT_EQ(0, raw_status(fork_execv_pipes(-1, -1, -1, helper, Orders({"input", "out", "9", "err", "9"}))));
+}
+
+TEST_F(ForkExecvPipes, OtherDescriptorIsInstalledAndClosed)
+{
+    const TempDir folder;
+    const std::string path = folder.path("output");
+    const Fd file(open(path.c_str(), O_RDWR | O_CREAT, 0600));
+    char list[256] = {};
+
+    EXPECT_EQ(0, raw_status(fork_execv_pipes(0, file.get(), 2, helper, Orders({"fds"}))));
+    EXPECT_GT(pread(file.get(), list, sizeof list - 1, 0), 0);
+    EXPECT_EQ(0U, std::string(list).find("0 1 2 ")) << list;
+    EXPECT_NE(std::string::npos, std::string(list).find(path)) << list;
+}
+
+TEST_F(ForkExecvPipes, LowDescriptorIsClosedWhereItCameFrom)
+{
+    const StreamCapture out(STDOUT_FILENO);
+
+    EXPECT_EQ(0, raw_status(fork_execv_pipes(2, 1, 2, helper, Orders({"fds"}))));
+    EXPECT_EQ(0U, out.text().find("0 1 ")) << out.text();
+    EXPECT_NE(0U, out.text().find("0 1 2 ")) << out.text();
+}
+
+TEST_F(ForkExecvPipes, DescriptorThatIsNotOpenEndsTheChildWith255)
+{
+    const int wrong[][3] = {{999, 1, 2}, {0, 999, 2}, {0, 1, 999}, {-2, 1, 2}};
+
+    for (const auto &fds : wrong) {
+        const StreamCapture err(STDERR_FILENO);
+        EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(fds[0], fds[1], fds[2], helper, Orders({}))));
+        EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", err.text());
+    }
+}
+
+TEST_F(ForkExecvPipes, MissingProgramEndsTheChildWith255)
+{
+    const StreamCapture err(STDERR_FILENO);
+
+    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({}))));
+    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", err.text());
+}
+
+TEST_F(ForkExecvPipes, BufferedOutputIsWrittenOnceThoughTheChildExits)
+{
+    const StreamCapture out(STDOUT_FILENO);
+    const StreamCapture err(STDERR_FILENO);
+
+    EXPECT_GT(std::printf("once"), 0);
+    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({}))));
+    EXPECT_EQ("once", out.text());
+}
+
+TEST_F(WaitChild, ExitCodeIsTheResultAndTheRawStatusIsStored)
+{
+    int status = -1;
+
+    EXPECT_EQ(3, wait_child(start({"exit", "3"}), "program", &status));
+    EXPECT_EQ(3 << 8, status);
+}
+
+TEST_F(WaitChild, StatusMayBeNull)
+{
+    EXPECT_EQ(255, wait_child(start({"exit", "255"}), "program", nullptr));
+}
+
+TEST_F(WaitChild, EndsWithErrnoCleared)
+{
+    errno = EPERM;
+    EXPECT_EQ(0, wait_child(start({}), "program", nullptr));
+    EXPECT_EQ(0, errno);
+}
+
+TEST_F(WaitChild, NegativeIdIsAFailedFork)
+{
+    EXPECT_EQ(-1, wait_child(-1, "program", nullptr));
+    EXPECT_EQ("3 fork before spawning 'program' failed", log.take_one());
+}
+
+TEST_F(WaitChild, NullNameShowsAsUnknown)
+{
+    EXPECT_EQ(-1, wait_child(-7, nullptr, nullptr));
+    EXPECT_EQ("3 fork before spawning '<unknown>' failed", log.take_one());
+}
+
+TEST_F(WaitChild, FailedWaitIsAnErrorWithItsReason)
+{
+    const pid_t pid = start({});
+    (void)raw_status(pid);
+
+    EXPECT_EQ(-1, wait_child(pid, "program", nullptr));
+    EXPECT_EQ("3 waitpid(" + std::to_string(pid) + ") for 'program' process failed: No child processes (10)",
+              log.take_one());
+}
+
+TEST_F(WaitChild, KilledChildIsAWarning)
+{
+    const pid_t pid = start({"signal", "9"});
+    const std::string id = std::to_string(pid);
+    int status = -1;
+
+    EXPECT_EQ(-1, wait_child(pid, "program", &status));
+    EXPECT_EQ(9, status);
+    EXPECT_EQ("4 waitpid(" + id + ")=" + id + ": process 'program' killed by signal 9", log.take_one());
+}
+
+TEST_F(WaitChild, StoppedChildIsAWarningAndCanBeWaitedForAgain)
+{
+    const pid_t pid = start({"stop", "exit", "8"});
+    const std::string id = std::to_string(pid);
+
+    EXPECT_EQ(-1, wait_child(pid, nullptr, nullptr));
+    EXPECT_EQ("4 waitpid(" + id + ")=" + id + ": process '<unknown>' stopped by signal " +
+                  std::to_string(SIGSTOP),
+              log.take_one());
+    EXPECT_EQ(0, kill(pid, SIGCONT));
+    EXPECT_EQ(8, wait_child(pid, nullptr, nullptr));
+}
+
+TEST_F(ExecWithInput, CommandGetsTheWholeInput)
+{
+    const TempDir folder;
+    const std::string input(300000, 'i');
+
+    EXPECT_EQ(0, exec_with_input(("cat > " + folder.path("copy")).c_str(), input.c_str()));
+    const OwnedFile copy(std::fopen(folder.path("copy").c_str(), "r"));
+    std::string read_back(400000, '\0');
+    read_back.resize(std::fread(read_back.data(), 1, read_back.size(), copy.get()));
+    EXPECT_EQ(input, read_back);
+}
+
+TEST_F(ExecWithInput, ExitCodeIsTheResult)
+{
+    EXPECT_EQ(7, exec_with_input("exit 7", ""));
+    EXPECT_EQ(127, exec_with_input("exec /nonexistent/program 2> /dev/null", ""));
+}
+
+TEST_F(ExecWithInput, CommandEndedByASignalCountsAsASuccess)
+{
+    EXPECT_EQ(0, exec_with_input("kill -9 $$", ""));
+}
+
+TEST_F(ExecWithInput, ShortWriteIsReportedAndGivesMinusOne)
+{
+    const StreamCapture err(STDERR_FILENO);
+
+    EXPECT_EQ(-1, exec_with_input("exec true", std::string(1048576, 'i').c_str()));
+    const std::string text = err.text();
+    const std::string start_of_text = "Failed to execute command with input: only ";
+    const long written = number_after(text, start_of_text);
+    EXPECT_EQ(start_of_text + std::to_string(written) +
+                  " of 1048576 bytes were written.\nSystem error 32: Broken pipe\n",
+              text);
+    EXPECT_LT(written, 1048576);
+}
+
+TEST_F(ExecWithInput, UnreadShortInputIsNoFailure)
+{
+    EXPECT_EQ(4, exec_with_input("exec <&-; exit 4", "short"));
+}
+
+TEST_F(ExecWithInput, SignalForBrokenPipesIsOnlyIgnoredHere)
+{
+    EXPECT_EQ(0, exec_with_input("kill -PIPE $$; exit 5", "")) << "the command was to be ended by it";
+    struct sigaction now = {};
+    EXPECT_EQ(0, sigaction(SIGPIPE, nullptr, &now));
+    EXPECT_EQ(SIG_DFL, now.sa_handler);
+}
+
+TEST_F(ExecWithInput, FailedCloseGivesMinusOneWithoutAReport)
+{
+    const StreamCapture err(STDERR_FILENO);
+
+    EXPECT_EQ("-1", in_child([] {
+                  (void)std::signal(SIGCHLD, SIG_IGN); /* so the command cannot be waited for */
+                  return std::to_string(exec_with_input("exit 3", ""));
+              }));
+    EXPECT_EQ("", err.text());
+}
+
+} // namespace
+
+} // namespace kolmo::testing

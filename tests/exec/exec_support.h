@@ -1,0 +1,89 @@
+/*
+ * exec_support: what the tests of child processes have in common.
+ */
+#ifndef KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
+#define KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include "tests/support/log_capture.h"
+
+namespace kolmo::testing
+{
+
+/* The program that the tests run, see child_helper.cc. */
+extern const char *const helper;
+
+/* An argument vector for the helper: its path and these words. */
+class Orders
+{
+public:
+    Orders(std::initializer_list<const char *> words);
+    operator const char * const *() const { return argv_.data(); }
+
+private:
+    std::vector<const char *> argv_;
+};
+
+/* What a descriptor of this process (and, inherited, of its children) gets written to it while this lives. */
+class StreamCapture
+{
+public:
+    explicit StreamCapture(int fd);
+    ~StreamCapture();
+    StreamCapture(const StreamCapture &) = delete;
+    StreamCapture &operator=(const StreamCapture &) = delete;
+
+    /* All that was written so far. */
+    [[nodiscard]] std::string text() const;
+
+private:
+    int fd_;
+    int saved_;
+    std::FILE *file_;
+};
+
+/* The open ones below `end`, asked one by one with fcntl: "0 1 2". */
+std::string open_descriptors(int end = 4096);
+
+/* Make every number from first to last an open descriptor. */
+void fill_descriptors(int first, int last);
+
+/*
+ * Run the body in a child process of its own, which may close and limit what it likes; its text comes back,
+ * or "ended with status ..." when the body never returned.
+ */
+std::string in_child(const std::function<std::string()> &body);
+
+/* The number behind `prefix` in a text; -1 when there is none. */
+long number_after(const std::string &text, const std::string &prefix);
+
+/* End a process that the test has left running, stopped or as a zombie, and reap it if it is a child. */
+void end_process(long pid);
+
+/* Wait for a child without a word. */
+int raw_status(pid_t pid);
+
+/* Logs are heard, a test ends in time, and it leaves neither a child nor a descriptor behind. */
+class ExecTest : public ::testing::Test
+{
+protected:
+    ExecTest();
+    ~ExecTest() override;
+
+    LogCapture log;
+
+private:
+    std::string descriptors_;
+};
+
+} // namespace kolmo::testing
+
+#endif

@@ -1,0 +1,160 @@
+/* The pipe from a child and the buffer behind it, without a child. */
+#include "exec/output_pipe.h"
+
+#include <cerrno>
+#include <climits>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "tests/exec/exec_support.h"
+
+namespace kolmo::testing
+{
+
+namespace
+{
+
+class OpenPipe : public ExecTest
+{
+};
+class ReadPipe : public ExecTest
+{
+};
+class ReadChunk : public ExecTest
+{
+};
+
+/* A buffer on a pipe that holds these bytes; the write end is closed. */
+CaptureBuffer filled(const std::string &bytes)
+{
+    Pipe pipe;
+    CaptureBuffer buffer;
+
+    EXPECT_EQ(0, open_pipe(&pipe));
+    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(pipe.write_end.get(), bytes.data(), bytes.size()));
+    buffer.read_end = std::move(pipe.read_end);
+    return buffer;
+}
+
+TEST_F(OpenPipe, EndsAreConnected)
+{
+    Pipe pipe;
+    char byte = 0;
+
+    ASSERT_EQ(0, open_pipe(&pipe));
+    EXPECT_EQ(1, write(pipe.write_end.get(), "x", 1));
+    EXPECT_EQ(1, read(pipe.read_end.get(), &byte, 1));
+    EXPECT_EQ('x', byte);
+}
+
+TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosed)
+{
+    EXPECT_EQ("0 closed, 1 closed, ends above", in_child([] {
+                  close(0);
+                  close(1);
+                  Pipe pipe;
+                  if (open_pipe(&pipe) != 0)
+                      return std::string("failed");
+                  std::string seen = fcntl(0, F_GETFD) < 0 ? "0 closed, " : "0 open, ";
+                  seen += fcntl(1, F_GETFD) < 0 ? "1 closed, " : "1 open, ";
+                  const bool above = pipe.read_end.get() > 2 && pipe.write_end.get() > 2;
+                  return seen + (above ? "ends above" : "ends below");
+              }));
+}
+
+TEST_F(ReadPipe, EmptyNonBlockingPipeIsNotAFailure)
+{
+    const StreamCapture err(STDERR_FILENO);
+    Pipe pipe;
+    char byte = 0;
+
+    ASSERT_EQ(0, open_pipe(&pipe));
+    ASSERT_EQ(0, fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK));
+    EXPECT_EQ(0U, read_pipe(&pipe.read_end, &byte, 1));
+    EXPECT_TRUE(pipe.read_end.is_open());
+    EXPECT_EQ("", err.text());
+}
+
+TEST_F(ReadPipe, EndOfFileClosesTheReadEnd)
+{
+    CaptureBuffer buffer = filled("");
+    char byte = 0;
+
+    EXPECT_EQ(0U, read_pipe(&buffer.read_end, &byte, 1));
+    EXPECT_FALSE(buffer.read_end.is_open());
+}
+
+TEST_F(ReadPipe, FailureIsToldClosesTheReadEndAndClearsErrno)
+{
+    const StreamCapture err(STDERR_FILENO);
+    Fd folder(open("/", O_RDONLY | O_DIRECTORY));
+    const int number = folder.get();
+    char byte = 0;
+
+    EXPECT_EQ(0U, read_pipe(&folder, &byte, 1));
+    EXPECT_EQ(0, errno);
+    EXPECT_FALSE(folder.is_open());
+    EXPECT_EQ(-1, fcntl(number, F_GETFD));
+    EXPECT_EQ("fork_exec*: read(pipe) failed: Is a directory\n", err.text());
+}
+
+TEST_F(ReadChunk, CapacityGrowsBy4096OnceAndDoublesThenAsRoomRunsOut)
+{
+    const struct {
+        int capacity;
+        int length;
+        int grown;
+    } cases[] = {{0, 0, 4096},          {4096, 0, 4096},       {4096, 2047, 4096},
+                 {4096, 2048, 8192},    {8192, 6143, 8192},    {8192, 6144, 16384},
+                 {16384, 14335, 16384}, {16384, 14336, 32768}, {32768, 32767, 65536}};
+
+    for (const auto &row : cases) {
+        CaptureBuffer buffer = filled("");
+        if (row.capacity > 0)
+            buffer.text.reset(static_cast<char *>(std::malloc(static_cast<std::size_t>(row.capacity))));
+        buffer.capacity = row.capacity;
+        buffer.length = row.length;
+        read_chunk(&buffer);
+        EXPECT_EQ(row.grown, buffer.capacity) << row.capacity << ' ' << row.length;
+    }
+}
+
+TEST_F(ReadChunk, FillsTheFreeRoomButTheTerminatorsByte)
+{
+    CaptureBuffer buffer = filled(std::string(10000, 'x'));
+
+    read_chunk(&buffer);
+    EXPECT_EQ(4095, buffer.length);
+    read_chunk(&buffer);
+    EXPECT_EQ(8191, buffer.length);
+}
+
+TEST_F(ReadChunk, CountsThatWouldOverflowEndTheProcessAsMissingMemory)
+{
+    EXPECT_EXIT(
+        {
+            CaptureBuffer buffer;
+            buffer.capacity = INT_MAX / 2 + 1;
+            buffer.length = INT_MAX / 2;
+            read_chunk(&buffer);
+        },
+        ::testing::ExitedWithCode(1), "^Cannot allocate memory\nSystem error 12: Cannot allocate memory\n$");
+}
+
+TEST(ReleaseText, TerminatesAtTheFillLengthAndGivesNullForABufferNeverRead)
+{
+    CaptureBuffer never;
+    CaptureBuffer read = filled("text");
+
+    EXPECT_EQ(nullptr, release_text(&never));
+    read_chunk(&read);
+    const OwnedText text(release_text(&read));
+    EXPECT_STREQ("text", text.get());
+    EXPECT_EQ(nullptr, read.text);
+}
+
+} // namespace
+
+} // namespace kolmo::testing
