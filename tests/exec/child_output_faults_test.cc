@@ -4,13 +4,11 @@
 #include <cerrno>
 #include <string>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "common/owned.h"
 #include "tests/exec/exec_support.h"
 #include "tests/exec/process_faults.h"
 #include "tests/support/alloc_faults.h"
+#include "tests/support/output_capture.h"
 
 namespace kolmo::testing
 {
@@ -44,14 +42,6 @@ std::string shown_run(const char *path, const char *const argv[])
 std::string shown_run(std::initializer_list<const char *> words)
 {
     return shown_run(helper, Orders(words));
-}
-
-/* Until the child has ended, which leaves it to be waited for. */
-void await_end()
-{
-    siginfo_t ended = {};
-
-    (void)waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT);
 }
 
 TEST_F(ForkExecvGetouterrFaults, FailedPipeEndsTheProcess)
@@ -106,21 +96,25 @@ TEST_F(ForkExecvGetouterrFaults, MissingMemoryEndsTheProcess)
 
 TEST_F(ForkExecvGetouterrFaults, FailedReadIsToldEndsThatTextAndNothingElse)
 {
-    const StreamCapture screen(STDERR_FILENO);
     const Fault fault(Call::read, 1, EIO);
+    std::string run;
+    const Output shown = output_of([&] {
+        run = shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"});
+    });
 
-    EXPECT_EQ("3 out= err=ee", shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"}));
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", screen.text());
+    EXPECT_EQ("3 out= err=ee", run);
+    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", shown.err);
 }
 
 TEST_F(ForkExecvGetouterrFaults, ReadThatWouldBlockIsTriedAgain)
 {
-    const StreamCapture screen(STDERR_FILENO);
     const Fault fault(Call::read, 1, EAGAIN);
+    std::string run;
+    const Output shown = output_of([&] { run = shown_run({"out", "2"}); });
 
-    EXPECT_EQ("0 out=oo err=", shown_run({"out", "2"}));
+    EXPECT_EQ("0 out=oo err=", run);
     EXPECT_TRUE(Fault::has_fired());
-    EXPECT_EQ("", screen.text());
+    EXPECT_EQ("", shown.err);
 }
 
 TEST_F(ForkExecvGetouterrFaults, FailedSelectWithARunningChildIsRepeated)
@@ -189,14 +183,16 @@ TEST_F(ForkExecvGetouterrFaults, EverySelectHasASecondAndNonBlockingPipes)
     }
 }
 
-TEST_F(ForkExecvGetouterrFaults, StreamThatCannotBeInstalledIsToldInTheCapturedText)
+TEST_F(ForkExecvGetouterrFaults, StandardErrorThatCannotBeInstalledIsToldOnTheInheritedOne)
 {
-    const StreamCapture screen(STDERR_FILENO);
-    const Fault fault(Call::dup2, 2, EBUSY);
+    std::string run;
+    const Output shown = output_of([&] {
+        const Fault fault(Call::dup2, 2, EBUSY); /* standard error's: the words go to the inherited one */
+        run = shown_run({});
+    });
 
-    /* Standard error is the second to be installed, so the words go to the inherited one. */
-    EXPECT_EQ("255 out= err=", shown_run({}));
-    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", screen.text());
+    EXPECT_EQ("255 out= err=", run);
+    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", shown.err);
 }
 
 TEST_F(ForkExecvGetoutFaults, FailedPipeEndsTheProcessWithTheSharedText)
@@ -257,35 +253,33 @@ TEST_F(ForkExecFdFaults, FailedForkEndsTheProcess)
 
 TEST_F(ForkExecFdFaults, FailedWaitIsReported)
 {
-    const StreamCapture screen(STDERR_FILENO);
-
-    {
+    const Observed seen = observe([] {
         const Fault fault(Call::waitpid, 1, ECHILD);
-        EXPECT_EQ(-1, fork_exec_fd(-1, -1, helper, Orders({})));
-    }
-    const std::string text = screen.text();
-    const long pid = number_after(text, "pid: ");
+        return fork_exec_fd(-1, -1, helper, Orders({}));
+    });
+    const long pid = number_after(seen.err, "pid: ");
+
+    EXPECT_EQ(-1, seen.result);
     EXPECT_EQ("Error occured during waiting the child process with pid: " + std::to_string(pid) +
                   ": No child processes\n\nSystem error 10: No child processes\n",
-              text);
+              seen.err);
     end_process(pid);
 }
 
 TEST_F(ForkExecFdFaults, FailedReadIsToldAndTheProgramWaitedFor)
 {
-    const StreamCapture screen(STDERR_FILENO);
     const Fault fault(Call::read, 1, EIO);
+    const Observed seen = observe([] { return fork_exec_fd(-1, -1, helper, Orders({"exit", "6"})); });
 
-    EXPECT_EQ(6, fork_exec_fd(-1, -1, helper, Orders({"exit", "6"})));
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", screen.text());
+    EXPECT_EQ(6, seen.result);
+    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", seen.err);
 }
 
 TEST_F(ForkExecFdFaults, RefusedDescriptorsStartNothing)
 {
-    const StreamCapture screen(STDERR_FILENO);
     const ForkCount forks;
 
-    EXPECT_EQ(-1, fork_exec_fd(0, 1, helper, Orders({})));
+    EXPECT_EQ(-1, observe([] { return fork_exec_fd(0, 1, helper, Orders({})); }).result);
     EXPECT_EQ(0, forks.count());
 }
 

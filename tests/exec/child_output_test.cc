@@ -201,14 +201,17 @@ TEST_F(ForkExecvGetouterr, DescriptorThatSelectCannotWatchEndsTheProcessAsAFaile
 
 TEST_F(ForkExecvGetout, StandardOutputIsCapturedAndStandardErrorInherited)
 {
-    const StreamCapture screen(STDERR_FILENO);
-    char *out = nullptr;
-    const int result = fork_execv_getout(&out, helper, Orders({"out", "5000", "err", "3", "exit", "6"}));
-    const OwnedText owned(out);
+    OwnedText owned;
+    const Observed seen = observe([&] {
+        char *out = nullptr;
+        const int result = fork_execv_getout(&out, helper, Orders({"out", "5000", "err", "3", "exit", "6"}));
+        owned.reset(out);
+        return result;
+    });
 
-    EXPECT_EQ(6, result);
-    EXPECT_EQ(std::string(5000, 'o'), out);
-    EXPECT_EQ("eee", screen.text());
+    EXPECT_EQ(6, seen.result);
+    EXPECT_EQ(std::string(5000, 'o'), owned.get());
+    EXPECT_EQ("eee", seen.err);
 }
 
 TEST_F(ForkExecvGetout, NothingPrintedGivesAnEmptyText)
@@ -223,15 +226,17 @@ TEST_F(ForkExecvGetout, NothingPrintedGivesAnEmptyText)
 
 TEST_F(ForkExecvGetout, MissingProgramComplainsOnTheInheritedStandardError)
 {
-    const StreamCapture screen(STDERR_FILENO);
-    char *out = nullptr;
-    const int result = fork_execv_getout(&out, "/nonexistent/program", Orders({}));
-    const OwnedText owned(out);
+    OwnedText owned;
+    const Observed seen = observe([&] {
+        char *out = nullptr;
+        const int result = fork_execv_getout(&out, "/nonexistent/program", Orders({}));
+        owned.reset(out);
+        return result;
+    });
 
-    EXPECT_EQ(255, result);
-    EXPECT_STREQ("", out);
-    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n",
-              screen.text());
+    EXPECT_EQ(255, seen.result);
+    EXPECT_STREQ("", owned.get());
+    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", seen.err);
 }
 
 TEST_F(ForkExecvGetout, ProcessLeftBehindWithThePipeDoesNotKeepTheRunFromEnding)
@@ -254,21 +259,12 @@ TEST_F(ForkExecvGetout, ProgramKilledBySignalIsLogged)
     EXPECT_NE(std::string::npos, log.take_one().find("killed by signal 15"));
 }
 
-/* A run of fork_exec_fd with what both streams of this process showed. */
-struct ShownRun {
-    int result;
-    std::string out;
-    std::string err;
-};
-
-ShownRun run_fd(int fd_in, int fd_out, const char *path, const char *const argv[])
+Observed run_fd(int fd_in, int fd_out, const char *path, const char *const argv[])
 {
-    const StreamCapture out(STDOUT_FILENO);
-    const StreamCapture err(STDERR_FILENO);
-    errno = EPERM; /* an older failure, which is none of the program's */
-    const int result = fork_exec_fd(fd_in, fd_out, path, argv);
-
-    return {result, out.text(), err.text()};
+    return observe([&] {
+        errno = EPERM; /* an older failure, which is none of the program's */
+        return fork_exec_fd(fd_in, fd_out, path, argv);
+    });
 }
 
 TEST_F(ForkExecFd, StandardStreamsOfTheCallerAreRefused)
@@ -276,16 +272,18 @@ TEST_F(ForkExecFd, StandardStreamsOfTheCallerAreRefused)
     const int refused[][2] = {{0, -1}, {-1, 1}, {0, 1}};
 
     for (const auto &fds : refused) {
-        const StreamCapture screen(STDERR_FILENO);
-        errno = 0;
-        EXPECT_EQ(-1, fork_exec_fd(fds[0], fds[1], helper, Orders({"say", "started"})));
-        EXPECT_EQ("values 0,1,2 not allowed for variables fd_in & fd_out\n", screen.text());
+        const Observed seen = observe([&] {
+            return fork_exec_fd(fds[0], fds[1], helper, Orders({"say", "started"}));
+        });
+        EXPECT_EQ(-1, seen.result);
+        EXPECT_EQ("values 0,1,2 not allowed for variables fd_in & fd_out\n", seen.err);
+        EXPECT_EQ(seen.err, seen.out);
     }
 }
 
 TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreams)
 {
-    const ShownRun done = run_fd(-1, -1, helper, Orders({"out", "4", "say", "trouble", "exit", "7"}));
+    const Observed done = run_fd(-1, -1, helper, Orders({"out", "4", "say", "trouble", "exit", "7"}));
 
     EXPECT_EQ(7, done.result);
     EXPECT_EQ("trouble\n", done.err);
@@ -294,7 +292,7 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreams)
 
 TEST_F(ForkExecFd, LongErrorOutputIsPassedOnInPiecesOfUpTo4095Bytes)
 {
-    const ShownRun done = run_fd(-1, -1, helper, Orders({"err", "8190"}));
+    const Observed done = run_fd(-1, -1, helper, Orders({"err", "8190"}));
     const std::string piece = std::string(4095, 'e') + '\n';
 
     EXPECT_EQ(0, done.result);
@@ -324,7 +322,6 @@ TEST_F(ForkExecFd, ErrorOutputIsPassedOnAtOnce)
 
 TEST_F(ForkExecFd, DescriptorsBecomeTheStreamsAndNoOtherIsInherited)
 {
-    const StreamCapture lists(STDERR_FILENO);
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
     const Fd read_end(ends[0]);
@@ -355,7 +352,7 @@ TEST_F(ForkExecFd, MinusOneStandsForTheNullDevice)
 
 TEST_F(ForkExecFd, MissingProgramIsToldWithADot)
 {
-    const ShownRun done = run_fd(-1, -1, "/nonexistent/program", Orders({}));
+    const Observed done = run_fd(-1, -1, "/nonexistent/program", Orders({}));
 
     EXPECT_EQ(255, done.result);
     EXPECT_EQ("Error occured during execv():\nNo such file or directory.\n", done.err);
@@ -364,7 +361,7 @@ TEST_F(ForkExecFd, MissingProgramIsToldWithADot)
 TEST_F(ForkExecFd, BadArgumentAddressIsToldWithItsLikelyReason)
 {
     const char *const argv[] = {helper, reinterpret_cast<const char *>(1), nullptr};
-    const ShownRun done = run_fd(-1, -1, helper, argv);
+    const Observed done = run_fd(-1, -1, helper, argv);
 
     EXPECT_EQ(255, done.result);
     EXPECT_EQ("Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
@@ -374,7 +371,7 @@ TEST_F(ForkExecFd, BadArgumentAddressIsToldWithItsLikelyReason)
 
 TEST_F(ForkExecFd, DescriptorThatIsNotOpenEndsTheChildWith255)
 {
-    const ShownRun done = run_fd(999, -1, helper, Orders({}));
+    const Observed done = run_fd(999, -1, helper, Orders({}));
 
     EXPECT_EQ(255, done.result);
     EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", done.err);
@@ -382,7 +379,7 @@ TEST_F(ForkExecFd, DescriptorThatIsNotOpenEndsTheChildWith255)
 
 TEST_F(ForkExecFd, ProgramKilledBySignalIsReported)
 {
-    const ShownRun done = run_fd(-1, -1, helper, Orders({"signal", "9"}));
+    const Observed done = run_fd(-1, -1, helper, Orders({"signal", "9"}));
     const long pid = number_after(done.err, "pid ");
 
     EXPECT_EQ(-1, done.result);
@@ -391,7 +388,7 @@ TEST_F(ForkExecFd, ProgramKilledBySignalIsReported)
 
 TEST_F(ForkExecFd, StoppedProgramIsReportedAndLeftStopped)
 {
-    const ShownRun done = run_fd(-1, -1, helper, Orders({"close", "2", "stop"}));
+    const Observed done = run_fd(-1, -1, helper, Orders({"close", "2", "stop"}));
     const long pid = number_after(done.err, "pid ");
 
     end_process(pid);

@@ -38,20 +38,24 @@ TEST_F(ForkExecvPipesFaults, FailedForkEndsTheProcess)
 
 TEST_F(ForkExecvPipesFaults, NullDeviceThatCannotBeOpenedEndsTheChildWith255)
 {
-    const StreamCapture screen(STDERR_FILENO);
-    const Fault fault(Call::open, 1, ENODEV);
+    const Observed seen = observe([] {
+        const Fault fault(Call::open, 1, ENODEV);
+        return raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({})));
+    });
 
-    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({}))));
-    EXPECT_EQ("fork_execv: dup() failed: No such device\n", screen.text());
+    EXPECT_EQ(255 << 8, seen.result);
+    EXPECT_EQ("fork_execv: dup() failed: No such device\n", seen.err);
 }
 
 TEST_F(ForkExecvPipesFaults, StreamThatCannotBeInstalledEndsTheChildWith255)
 {
-    const StreamCapture screen(STDERR_FILENO);
-    const Fault fault(Call::dup2, 1, EBUSY);
+    const Observed seen = observe([] {
+        const Fault fault(Call::dup2, 1, EBUSY);
+        return raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({})));
+    });
 
-    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({}))));
-    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", screen.text());
+    EXPECT_EQ(255 << 8, seen.result);
+    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", seen.err);
 }
 
 TEST_F(WaitChildFaults, ZeroIsUnexpected)
@@ -98,13 +102,13 @@ TEST_F(WaitChildFaults, NegativeIdIsNotWaitedFor)
 
 TEST_F(ExecWithInputFaults, CommandThatCannotBeStartedIsReported)
 {
-    const StreamCapture screen(STDERR_FILENO);
     const Fault fault(Call::popen, 1, EMFILE);
+    const Observed seen = observe([] { return exec_with_input("exit 3", "input"); });
 
-    EXPECT_EQ(-1, exec_with_input("exit 3", "input"));
+    EXPECT_EQ(-1, seen.result);
     EXPECT_EQ("Failed to execute command with input: either pipe, fork or memory allocation failed.\n"
               "System error 24: Too many open files\n",
-              screen.text());
+              seen.err);
 }
 
 } // namespace

@@ -37,34 +37,31 @@ int start(std::initializer_list<const char *> words)
 
 TEST_F(ForkExecvPipes, OwnNumbersLeaveTheStreamsAsTheyAreInherited)
 {
-    const StreamCapture out(STDOUT_FILENO);
-    const StreamCapture err(STDERR_FILENO);
+    const Observed seen = observe([] { return raw_status(start({"out", "2", "err", "3"})); });
 
-    EXPECT_EQ(0, raw_status(start({"out", "2", "err", "3"})));
-    EXPECT_EQ("oo", out.text());
-    EXPECT_EQ("eee", err.text());
+    EXPECT_EQ(0, seen.result);
+    EXPECT_EQ("oo", seen.out);
+    EXPECT_EQ("eee", seen.err);
 }
 
 TEST_F(ForkExecvPipes, MinusOneStandsForTheNullDevice)
 {
-    const StreamCapture out(STDOUT_FILENO);
+    const Observed seen =
+        observe([] { return raw_status(fork_execv_pipes(-1, 1, -1, helper, Orders({"fds"}))); });
 
-    EXPECT_EQ(0, raw_status(fork_execv_pipes(-1, 1, -1, helper, Orders({"fds"}))));
-    const std::string seen = out.text();
-    EXPECT_EQ(0U, seen.find("0 1 2 /dev/null ")) << seen;
-    EXPECT_NE(std::string::npos, seen.rfind(" /dev/null ")) << seen;
-    EXPECT_NE(seen.find("/dev/null"), seen.rfind("/dev/null")) << seen;
+    EXPECT_EQ(0, seen.result);
+    EXPECT_EQ(0U, seen.out.find("0 1 2 /dev/null ")) << seen.out;
+    EXPECT_EQ(seen.out.size() - 11, seen.out.rfind(" /dev/null ")) << seen.out;
 }
 
 TEST_F(ForkExecvPipes, NullDeviceIsInstalledWhereTheStreamWasClosed)
 {
-    const StreamCapture out(STDOUT_FILENO);
+    const std::string seen = in_child([] {
+        close(0);
+        return observe([] { return raw_status(fork_execv_pipes(-1, 1, 2, helper, Orders({"fds"}))); }).out;
+    });
 
-    EXPECT_EQ("0", in_child([] {
-                  close(0);
-                  return std::to_string(raw_status(fork_execv_pipes(-1, 1, 2, helper, Orders({"fds"}))));
-              }));
-    EXPECT_EQ(0U, out.text().find("0 1 2 /dev/null ")) << out.text();
+    EXPECT_EQ(0U, seen.find("0 1 2 /dev/null ")) << seen;
 }
 
 TEST_F(ForkExecvPipes, NullDeviceIsReadAndWritten)
@@ -87,11 +84,12 @@ TEST_F(ForkExecvPipes, OtherDescriptorIsInstalledAndClosed)
 
 TEST_F(ForkExecvPipes, LowDescriptorIsClosedWhereItCameFrom)
 {
-    const StreamCapture out(STDOUT_FILENO);
+    const Observed seen =
+        observe([] { return raw_status(fork_execv_pipes(2, 1, 2, helper, Orders({"fds"}))); });
 
-    EXPECT_EQ(0, raw_status(fork_execv_pipes(2, 1, 2, helper, Orders({"fds"}))));
-    EXPECT_EQ(0U, out.text().find("0 1 ")) << out.text();
-    EXPECT_NE(0U, out.text().find("0 1 2 ")) << out.text();
+    EXPECT_EQ(0, seen.result);
+    EXPECT_EQ(0U, seen.out.find("0 1 ")) << seen.out;
+    EXPECT_NE(0U, seen.out.find("0 1 2 ")) << seen.out;
 }
 
 TEST_F(ForkExecvPipes, DescriptorThatIsNotOpenEndsTheChildWith255)
@@ -99,28 +97,31 @@ TEST_F(ForkExecvPipes, DescriptorThatIsNotOpenEndsTheChildWith255)
     const int wrong[][3] = {{999, 1, 2}, {0, 999, 2}, {0, 1, 999}, {-2, 1, 2}};
 
     for (const auto &fds : wrong) {
-        const StreamCapture err(STDERR_FILENO);
-        EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(fds[0], fds[1], fds[2], helper, Orders({}))));
-        EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", err.text());
+        const Observed seen =
+            observe([&] { return raw_status(fork_execv_pipes(fds[0], fds[1], fds[2], helper, Orders({}))); });
+        EXPECT_EQ(255 << 8, seen.result);
+        EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", seen.err);
     }
 }
 
 TEST_F(ForkExecvPipes, MissingProgramEndsTheChildWith255)
 {
-    const StreamCapture err(STDERR_FILENO);
+    const Observed seen =
+        observe([] { return raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({}))); });
 
-    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({}))));
-    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", err.text());
+    EXPECT_EQ(255 << 8, seen.result);
+    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", seen.err);
 }
 
 TEST_F(ForkExecvPipes, BufferedOutputIsWrittenOnceThoughTheChildExits)
 {
-    const StreamCapture out(STDOUT_FILENO);
-    const StreamCapture err(STDERR_FILENO);
+    const Observed seen = observe([] {
+        (void)std::printf("once");
+        return raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({})));
+    });
 
-    EXPECT_GT(std::printf("once"), 0);
-    EXPECT_EQ(255 << 8, raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({}))));
-    EXPECT_EQ("once", out.text());
+    EXPECT_EQ(255 << 8, seen.result);
+    EXPECT_EQ("once", seen.out);
 }
 
 TEST_F(WaitChild, ExitCodeIsTheResultAndTheRawStatusIsStored)
@@ -214,15 +215,15 @@ TEST_F(ExecWithInput, CommandEndedByASignalCountsAsASuccess)
 
 TEST_F(ExecWithInput, ShortWriteIsReportedAndGivesMinusOne)
 {
-    const StreamCapture err(STDERR_FILENO);
-
-    EXPECT_EQ(-1, exec_with_input("exec true", std::string(1048576, 'i').c_str()));
-    const std::string text = err.text();
+    const std::string input(1048576, 'i');
+    const Observed seen = observe([&] { return exec_with_input("exec true", input.c_str()); });
     const std::string start_of_text = "Failed to execute command with input: only ";
-    const long written = number_after(text, start_of_text);
+    const long written = number_after(seen.err, start_of_text);
+
+    EXPECT_EQ(-1, seen.result);
     EXPECT_EQ(start_of_text + std::to_string(written) +
                   " of 1048576 bytes were written.\nSystem error 32: Broken pipe\n",
-              text);
+              seen.err);
     EXPECT_LT(written, 1048576);
 }
 
@@ -241,13 +242,11 @@ TEST_F(ExecWithInput, SignalForBrokenPipesIsOnlyIgnoredHere)
 
 TEST_F(ExecWithInput, FailedCloseGivesMinusOneWithoutAReport)
 {
-    const StreamCapture err(STDERR_FILENO);
-
     EXPECT_EQ("-1", in_child([] {
                   (void)std::signal(SIGCHLD, SIG_IGN); /* so the command cannot be waited for */
-                  return std::to_string(exec_with_input("exit 3", ""));
+                  const Observed seen = observe([] { return exec_with_input("exit 3", ""); });
+                  return std::to_string(seen.result) + seen.err;
               }));
-    EXPECT_EQ("", err.text());
 }
 
 } // namespace

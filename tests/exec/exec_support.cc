@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/output_capture.h"
+
 namespace kolmo::testing
 {
 
@@ -21,33 +23,15 @@ Orders::Orders(std::initializer_list<const char *> words) : argv_{helper}
     argv_.push_back(nullptr);
 }
 
-StreamCapture::StreamCapture(int fd) : fd_(fd), saved_(fcntl(fd, F_DUPFD_CLOEXEC, 3)), file_(std::tmpfile())
+Observed observe(const std::function<int()> &run)
 {
-    (void)std::fflush(nullptr);
-    EXPECT_GE(dup2(fileno(file_), fd_), 0);
-}
+    int result = 0;
+    const Output shown = output_of([&] {
+        errno = 0;
+        result = run();
+    });
 
-StreamCapture::~StreamCapture()
-{
-    const std::string all = text();
-
-    EXPECT_GE(dup2(saved_, fd_), 0);
-    close(saved_);
-    if (::testing::Test::HasFailure()) /* the failures' own messages may be among it */
-        (void)!write(fd_, all.data(), all.size());
-    (void)std::fclose(file_);
-}
-
-std::string StreamCapture::text() const
-{
-    std::string all;
-    char chunk[4096];
-    ssize_t count;
-
-    (void)std::fflush(nullptr);
-    while ((count = pread(fileno(file_), chunk, sizeof chunk, static_cast<off_t>(all.size()))) > 0)
-        all.append(chunk, static_cast<std::size_t>(count));
-    return all;
+    return {result, shown.err, shown.out};
 }
 
 std::string open_descriptors(int end)
@@ -116,6 +100,13 @@ int raw_status(pid_t pid)
 
     (void)waitpid(pid, &status, 0);
     return status;
+}
+
+void await_end()
+{
+    siginfo_t ended = {};
+
+    (void)waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT);
 }
 
 ExecTest::ExecTest() : descriptors_(open_descriptors())

@@ -4,9 +4,8 @@
 #ifndef KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
 #define KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
 
-#include <cstdio>
 #include <functional>
-#include <memory>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -32,23 +31,15 @@ private:
     std::vector<const char *> argv_;
 };
 
-/* What a descriptor of this process (and, inherited, of its children) gets written to it while this lives. */
-class StreamCapture
-{
-public:
-    explicit StreamCapture(int fd);
-    ~StreamCapture();
-    StreamCapture(const StreamCapture &) = delete;
-    StreamCapture &operator=(const StreamCapture &) = delete;
-
-    /* All that was written so far. */
-    [[nodiscard]] std::string text() const;
-
-private:
-    int fd_;
-    int saved_;
-    std::FILE *file_;
+/* What a run returned, and what this process (and its children, by inheritance) showed meanwhile. */
+struct Observed {
+    int result;
+    std::string err;
+    std::string out;
 };
+
+/* The run starts with errno clear, as the program does. */
+Observed observe(const std::function<int()> &run);
 
 /* The open ones below `end`, asked one by one with fcntl: "0 1 2". */
 std::string open_descriptors(int end = 4096);
@@ -70,6 +61,9 @@ void end_process(long pid);
 
 /* Wait for a child without a word. */
 int raw_status(pid_t pid);
+
+/* Until a child has ended, which leaves it to be waited for. */
+void await_end();
 
 /* Logs are heard, a test ends in time, and it leaves neither a child nor a descriptor behind. */
 class ExecTest : public ::testing::Test

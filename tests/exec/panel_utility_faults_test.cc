@@ -1,12 +1,8 @@
 /* The runner of utilities: which program is run, with which arguments, and what no program does on demand. */
 #include "exec/panel_utility.h"
 
-#include <cerrno>
 #include <cstdarg>
 #include <string>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/exec/exec_support.h"
 #include "tests/exec/process_faults.h"
@@ -19,11 +15,6 @@ namespace
 
 class PanelUtilityFaults : public ExecTest
 {
-protected:
-    PanelUtilityFaults() { errno = 0; }
-
-    StreamCapture out{STDOUT_FILENO};
-    StreamCapture err{STDERR_FILENO};
 };
 
 [[gnu::sentinel]] int run_list(const char *path, ...)
@@ -45,40 +36,44 @@ std::string shown_as(const std::string &path, const std::string &arguments)
 TEST_F(PanelUtilityFaults, PanelUtilityIsRunFromTheAdministrationDirectory)
 {
     const ExecvShown shown;
+    const Observed seen =
+        observe([] { return run_panel_utility("mail_responders_control", "--init-db", nullptr); });
 
-    EXPECT_EQ(1, run_panel_utility("mail_responders_control", "--init-db", nullptr));
+    EXPECT_EQ(1, seen.result);
     EXPECT_EQ(shown_as("/opt/qsx/admin/sbin/mail_responders_control",
                        "[/opt/qsx/admin/sbin/mail_responders_control]\n[--init-db]\n"),
-              err.text());
+              seen.err);
 }
 
 TEST_F(PanelUtilityFaults, ArgumentVectorOfThePanelUtilityIsPassedAsItIs)
 {
     const ExecvShown shown;
     const char *const argv[] = {"own name", "one", "two", nullptr};
+    const Observed seen = observe([&] { return run_panel_utility_argv("utility", argv); });
 
-    EXPECT_EQ(1, run_panel_utility_argv("utility", argv));
-    EXPECT_EQ(shown_as("/opt/qsx/admin/sbin/utility", "[own name]\n[one]\n[two]\n"), err.text());
+    EXPECT_EQ(1, seen.result);
+    EXPECT_EQ(shown_as("/opt/qsx/admin/sbin/utility", "[own name]\n[one]\n[two]\n"), seen.err);
 }
 
 TEST_F(PanelUtilityFaults, LibraryUtilityIsRunFromItsDirectoryWithoutANameCheck)
 {
     const ExecvShown shown;
+    const Observed seen = observe([] { return run_lib_utility("sub/utility", "one", nullptr); });
 
-    EXPECT_EQ(1, run_lib_utility("sub/utility", "one", nullptr));
+    EXPECT_EQ(1, seen.result);
     EXPECT_EQ(shown_as("/usr/lib/kolmo-9.0/sub/utility", "[/usr/lib/kolmo-9.0/sub/utility]\n[one]\n"),
-              err.text());
+              seen.err);
 }
 
 TEST_F(PanelUtilityFaults, PathIsRunAsItStandsByBothRunners)
 {
     const ExecvShown shown;
 
-    EXPECT_EQ(1, run_utility_path("/some/path", "one", nullptr));
-    EXPECT_EQ(shown_as("/some/path", "[/some/path]\n[one]\n"), err.text());
-    EXPECT_EQ(1, run_list("/some/path", nullptr));
-    EXPECT_EQ(shown_as("/some/path", "[/some/path]\n[one]\n") + shown_as("/some/path", "[/some/path]\n"),
-              err.text());
+    for (const Observed &seen : {observe([] { return run_utility_path("/some/path", "one", nullptr); }),
+                                 observe([] { return run_list("/some/path", "one", nullptr); })}) {
+        EXPECT_EQ(1, seen.result);
+        EXPECT_EQ(shown_as("/some/path", "[/some/path]\n[one]\n"), seen.err);
+    }
 }
 
 TEST_F(PanelUtilityFaults, NameWithASlashStartsNothing)
@@ -86,21 +81,19 @@ TEST_F(PanelUtilityFaults, NameWithASlashStartsNothing)
     const char *const argv[] = {"sh", nullptr};
     const ForkCount forks;
 
-    EXPECT_EQ(-1, run_panel_utility("/bin/sh", nullptr));
-    EXPECT_EQ(-1, run_panel_utility_argv("sh/", argv));
+    EXPECT_EQ(-1, observe([] { return run_panel_utility("/bin/sh", nullptr); }).result);
+    EXPECT_EQ(-1, observe([&] { return run_panel_utility_argv("sh/", argv); }).result);
     EXPECT_EQ(0, forks.count());
 }
 
 TEST_F(PanelUtilityFaults, FailureWithOutputThatWasNeverReadIsReportedAsNoOutput)
 {
-    const Fault fault(Call::select, 1, 0, [] {
-        siginfo_t ended = {};
-        (void)waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT);
-    });
+    const Fault fault(Call::select, 1, 0, await_end);
+    const Observed seen = observe([] { return run_utility_path(helper, "out", "2", "exit", "3", nullptr); });
 
-    EXPECT_EQ(3, run_utility_path(helper, "out", "2", "exit", "3", nullptr));
-    EXPECT_EQ(std::string(helper) + " execution failed (no output)\n", err.text());
-    EXPECT_EQ(err.text(), out.text());
+    EXPECT_EQ(3, seen.result);
+    EXPECT_EQ(std::string(helper) + " execution failed (no output)\n", seen.err);
+    EXPECT_EQ(seen.err, seen.out);
 }
 
 } // namespace
