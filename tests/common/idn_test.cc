@@ -266,6 +266,7 @@ TEST_F(IdnUrl, OnlyTheHostIsConverted)
         {"https://j\u00f6rg@m\u00fcnchen.example:8443/stra\u00dfe?q=\u00fc",
          "https://j\u00f6rg@xn--mnchen-3ya.example:8443/stra\u00dfe?q=\u00fc"},
         {"http://m\u00fcnchen.example", "http://xn--mnchen-3ya.example"},
+        {"https://m\u00fcnchen.example", "https://xn--mnchen-3ya.example"},
         {"ftp://m\u00fcnchen.example/", "ftp://xn--mnchen-3ya.example/"},
         {"m\u00fcnchen.example:80", "xn--mnchen-3ya.example:80"},
         {"user:pass@m\u00fcnchen.example", "user:pass@xn--mnchen-3ya.example"},

@@ -173,6 +173,8 @@ TEST(IniValue, OtherLinesAreSkipped)
         {"[s]\nkey\nkey=1\n", "1"},
         {"[s]\nKEY=0\nkeys=0\nke=0\n=0\nkey=1\n", "1"},
         {"[s]\n\n   \n;key=0\nkey=1\n", "1"},
+        {"[s]\nlist=a]\nkey=1\n", "1"},
+        {"[s]\n[half a header\nkey=1\n", "1"},
     });
 }
 

@@ -1,7 +1,7 @@
 #include "common/log.h"
 
-#include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <string>
 #include <vector>
@@ -37,9 +37,9 @@ namespace kolmo
 namespace
 {
 
+using testing::break_standard_output;
 using testing::EnvironmentVariable;
 using testing::FakeSyslog;
-using testing::interleaved_output_of;
 using testing::Output;
 using testing::output_of;
 using Lines = std::vector<std::string>;
@@ -134,11 +134,12 @@ TEST_F(ConsoleLog, SinkNameChoosesTheStreamsInAnyCase)
 TEST_F(ConsoleLog, StandardErrorComesFirst)
 {
     init_console("console");
-    EXPECT_EQ(interleaved_output_of([] {
-                  log_message(LOG_ERR, "one");
-                  log_message(LOG_ERR, "two");
-              }),
-              "one\none\ntwo\ntwo\n");
+    EXPECT_EXIT(
+        {
+            break_standard_output();
+            log_message(LOG_ERR, "text");
+        },
+        ::testing::KilledBySignal(SIGPIPE), "^text\n$");
 }
 
 TEST_F(ConsoleLog, ListFunctionPrintsTheSameOnBothStreams)
@@ -163,7 +164,7 @@ TEST_F(ConsoleLog, PrioritiesAboveTheLevelAreNotPrinted)
                   log_message(LOG_WARNING, "warning");
                   log_message(LOG_ERR, "error");
                   log_message(LOG_EMERG, "emergency");
-                  log_message(LOG_USER | LOG_WARNING, "facility and all");
+                  log_message(LOG_USER | LOG_ERR, "with a facility, a larger number");
               }).err,
               "error\nemergency\n");
 }

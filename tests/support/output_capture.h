@@ -21,8 +21,11 @@ struct Output {
 /* Runs code; what it wrote, stream by stream. */
 Output output_of(const std::function<void()> &code);
 
-/* Runs code; what it wrote to both streams, in the order in which it arrived. */
-std::string interleaved_output_of(const std::function<void()> &code);
+/*
+ * For the code of a death test: from here on whoever writes to standard output dies of SIGPIPE.  What the
+ * test then finds on standard error was written before that.
+ */
+void break_standard_output();
 
 } // namespace kolmo::testing
 
