@@ -105,7 +105,7 @@ void choose_trace_id()
     (void)setenv("KOLMO_LOG_TRACE_ID", state.trace_id, 1);
 }
 
-void open_syslog(int facility, int options, const char *ident)
+void open_syslog(int options, const char *ident)
 {
     closelog(); /* before the ident changes under it */
     state.options = static_cast<unsigned int>(options) | LOG_PID;
@@ -113,7 +113,7 @@ void open_syslog(int facility, int options, const char *ident)
                         ident != nullptr ? ident : program_invocation_short_name);
     if ((state.options & LOG_TRACE_ID) != 0)
         choose_trace_id();
-    openlog(state.ident, static_cast<int>(state.options & syslog_options), facility);
+    openlog(state.ident, static_cast<int>(state.options & syslog_options), state.facility);
 }
 
 /* The level that KOLMO_LOG_LEVEL asks for, 0 when it does not ask properly. */
@@ -139,7 +139,7 @@ void log_init(const char *sink, int level, int facility, int options, const char
         log_message = console_message;
         log_vmessage = console_list;
     } else {
-        open_syslog(facility, options, ident);
+        open_syslog(options, ident);
         log_message = syslog_message;
         log_vmessage = syslog_list;
     }
