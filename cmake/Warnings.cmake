@@ -14,4 +14,8 @@ if(KOLMO_SANITIZE)
   target_compile_options(kolmo_build INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(kolmo_build INTERFACE -fsanitize=address,undefined)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    # What the fuzzers of tests/fuzz steer by.
+    target_compile_options(kolmo_build INTERFACE -fsanitize=fuzzer-no-link)
+  endif()
 endif()
