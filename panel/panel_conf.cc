@@ -172,7 +172,7 @@ int parse_line(char *line, QsxConfStore *store)
     char *name_end = name;
     while (is_name_character(*name_end))
         name_end++;
-    if (name_end == name || !is_space(*name_end)) {
+    if (!is_space(*name_end)) { /* a line that starts without a name ends up here too */
         log_message(CONF_READER_PRIORITY,
                     "Invalid variable definition %s\nExpected a space after variable name\n", name);
         return 0;

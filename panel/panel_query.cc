@@ -22,7 +22,7 @@ char setting_result[RESULT_SIZE];
 /* A statement that gives no rows by its nature has no result, and a result may be narrower than asked. */
 const char *first_row_value(MYSQL_RES *result, int column)
 {
-    if (result == nullptr || column < 0 || static_cast<unsigned int>(column) >= mysql_num_fields(result))
+    if (result == nullptr || static_cast<unsigned int>(column) >= mysql_num_fields(result))
         return "";
     const MYSQL_ROW row = mysql_fetch_row(result);
     return row != nullptr ? panel_text(row[column]) : "";
