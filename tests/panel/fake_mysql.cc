@@ -86,7 +86,7 @@ struct FakeMysqlCalls {
 
     static unsigned int error_number() { return current->number_; }
     static const char *error_text() { return current->error.c_str(); }
-    static void close() { errno = note("close").errno_of_close; }
+    static void release(const char *call) { errno = note(call).errno_of_release; }
 };
 
 extern "C" {
@@ -133,7 +133,7 @@ MYSQL_ROW __wrap_mysql_fetch_row(MYSQL_RES *)
 
 void __wrap_mysql_free_result(MYSQL_RES *)
 {
-    (void)FakeMysqlCalls::note("free");
+    FakeMysqlCalls::release("free");
 }
 
 unsigned int __wrap_mysql_errno(MYSQL *)
@@ -148,7 +148,7 @@ const char *__wrap_mysql_error(MYSQL *)
 
 void __wrap_mysql_close(MYSQL *)
 {
-    FakeMysqlCalls::close();
+    FakeMysqlCalls::release("close");
 }
 
 } // extern "C"

@@ -41,9 +41,9 @@ public:
     unsigned int errno_after_connect = 0;
     unsigned int errno_after_query = 0;
 
-    /* What errno is after the calls that fail, and after mysql_close. */
+    /* What errno is after the calls that fail, and after those that release something. */
     int errno_of_failures = 0;
-    int errno_of_close = 0;
+    int errno_of_release = 0;
 
 private:
     friend struct FakeMysqlCalls;

@@ -240,16 +240,57 @@ TEST_F(PanelConf, NoMemoryForTheStoreIsLoggedAsAnErrorAndTheDefaultServes)
     EXPECT_EQ(log.take_one(), "3 Not enough memory to allocate Kolmo runtime configuration structure");
 }
 
-TEST_F(PanelConf, NoMemoryForTheFirstSlotsFailsLoadingWithoutAWord)
+TEST_F(PanelConf, NoMemoryForTheFirstSlotsFailsLoadingWithoutAWordBeforeTheFileIsOpened)
 {
-    files.write_conf("SNI_SUPPORT false\n");
-    int result;
+    int result; /* there is no file: trying to open it would be logged */
     {
         AllocFaults faults(2);
         result = conf_load();
     }
     EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, ENOMEM);
+}
+
+/* A log that leaves errno as a failing syslog would; LogCapture puts the log function back. */
+void spoil_errno(int, const char *, ...)
+{
+    errno = EBADF;
+}
+
+TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfOpening)
+{
+    log_message = spoil_errno;
+    EXPECT_EQ(conf_load(), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfReading)
+{
+    log_message = spoil_errno;
+    panel_conf_path = "/";
+    EXPECT_EQ(conf_load(), -1);
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfMissingMemory)
+{
+    const OwnedStore store = new_store();
+    int result;
+
+    log_message = spoil_errno;
+    fill(store.get(), 20);
+    {
+        AllocFaults faults(1); /* the growth */
+        result = conf_store_set(store.get(), "N", "v");
+        result += errno == ENOMEM ? 0 : 1;
+    }
+    EXPECT_EQ(result, -1);
+    {
+        AllocFaults faults(2); /* the copy of the name */
+        result = conf_store_set(store.get(), "N", "v");
+        result += errno == ENOMEM ? 0 : 1;
+    }
+    EXPECT_EQ(result, -1);
 }
 
 TEST_F(PanelConf, AnUnknownNameIsLoggedAsAnError)
@@ -578,13 +619,14 @@ TEST(ConfStoreReserve, AFullStoreDoublesAndItsNewSlotsAreNull)
 
 TEST(ConfStoreReserve, WhenDoublingDoesNotCoverTheCountTwentyMoreAreMade)
 {
-    const OwnedStore store = new_store();
-
-    ASSERT_EQ(conf_store_reserve(store.get()), 0);
-    store->capacity = 2;
-    store->count = 6;
-    EXPECT_EQ(conf_store_reserve(store.get()), 0);
-    EXPECT_EQ(store->capacity, 26u);
+    for (const std::size_t capacity : {2u, 3u}) {
+        const OwnedStore store = new_store();
+        ASSERT_EQ(conf_store_reserve(store.get()), 0);
+        store->capacity = capacity;
+        store->count = 6;
+        EXPECT_EQ(conf_store_reserve(store.get()), 0);
+        EXPECT_EQ(store->capacity, 26u);
+    }
 }
 
 TEST(ConfStoreReserve, NoMemoryToGrowIsLoggedAndLeavesTheStore)

@@ -1,10 +1,11 @@
 #include "panel/panel_credentials.h"
 
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <vector>
 
+#include <stdio_ext.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -21,12 +22,14 @@ namespace
 std::vector<std::string> asked_keys;
 std::vector<std::string> wiped_texts;
 std::string failing_stat_path;
+std::size_t stream_buffer_size;
 
 } // namespace
 
 extern "C" {
 
 int __real_stat(const char *path, struct stat *status);
+char *__real_fgets(char *text, int size, std::FILE *stream);
 void __real_explicit_bzero(void *memory, std::size_t length);
 char *__real__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key);
 
@@ -36,6 +39,13 @@ int __wrap_stat(const char *path, struct stat *status)
         return __real_stat(path, status);
     errno = EACCES;
     return -1;
+}
+
+char *__wrap_fgets(char *text, int size, std::FILE *stream)
+{
+    char *const line = __real_fgets(text, size, stream);
+    stream_buffer_size = __fbufsize(stream);
+    return line;
 }
 
 void __wrap_explicit_bzero(void *memory, std::size_t length)
@@ -291,6 +301,14 @@ TEST_F(PanelCredentialsRead, APasswordIsWipedBeforeItsMemoryGoes)
     ASSERT_EQ(read(), 0);
     credentials = {};
     EXPECT_EQ(wiped_texts.back(), "pw1");
+}
+
+TEST_F(PanelCredentialsRead, NoCopyOfThePasswordStaysInTheStreamsBuffer)
+{
+    files.write_shadow("secret\n");
+    stream_buffer_size = 0;
+    ASSERT_EQ(read(), 0);
+    EXPECT_EQ(stream_buffer_size, 1u); /* the size that stdio gives an unbuffered stream */
 }
 
 } // namespace

@@ -126,7 +126,7 @@ TEST_F(PanelDb, ClosingKeepsTheErrnoOfTheRefusal)
 {
     fake.connect_fails = true;
     fake.errno_of_failures = ECONNREFUSED;
-    fake.errno_of_close = EBADF;
+    fake.errno_of_release = EBADF;
     (void)connect();
     EXPECT_EQ(errno, ECONNREFUSED);
 }
@@ -196,7 +196,7 @@ TEST_F(PanelDb, AReportCarriesTheSystemErrorOfTheFailure)
 {
     fake.connect_fails = true;
     fake.errno_of_failures = ECONNREFUSED;
-    fake.errno_of_close = EBADF;
+    fake.errno_of_release = EBADF;
     EXPECT_EQ(output_of_connecting().err, "Unable to connect to Kolmo Database: the server's words\n"
                                           "System error 111: Connection refused\n");
 }
@@ -238,6 +238,16 @@ TEST_F(PanelDb, SelectFreesTheResultWithItsOwner)
 {
     (void)panel_select(fake.connection(), "SELECT 1", 8);
     EXPECT_EQ(fake.calls().back(), "free");
+}
+
+TEST_F(PanelDb, FreeingAResultKeepsErrno)
+{
+    PanelResult result = panel_select(fake.connection(), "SELECT 1", 8);
+
+    fake.errno_of_release = EBADF;
+    errno = ENOMEM;
+    result.reset();
+    EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(PanelDb, SelectGivesNullWhenTheQueryFails)
