@@ -1,0 +1,137 @@
+/*
+ * The panel's utility in all its moods, as a whole run meets them.
+ */
+#include "tests/run/run_fixture.h"
+
+#include <csignal>
+#include <filesystem>
+
+namespace kolmo::testing
+{
+
+namespace
+{
+
+class UtilityRun : public RunTest
+{
+protected:
+    /* The run's end when the utility has failed, with what it printed. */
+    static std::vector<Said> failure(const std::string &out, const std::string &err)
+    {
+        return {printed(out), reported(utility_path + " execution failed:\n" + err),
+                logged("Unable to re-initialize autoresponder's database")};
+    }
+
+    void expect_no_rebuild()
+    {
+        EXPECT_FALSE(std::filesystem::exists(responder_store));
+        expect_handlers({});
+    }
+};
+
+} // namespace
+
+TEST_F(UtilityRun, IsRunByItsPathWithInitDbOnly)
+{
+    write_utility("printf '%s\\n' \"$0\" \"$@\" >/run/arguments; " + stand_in);
+
+    expect_run(0);
+    EXPECT_EQ(read_file("/run/arguments"), utility_path + "\n--init-db\n");
+}
+
+TEST_F(UtilityRun, GetsTheStandardInputOfTheRunAndNoOtherDescriptor)
+{
+    write_file("/run/input", "typed\n");
+    write_utility("cat >/run/seen; ls /proc/self/fd >/run/descriptors; " + stand_in);
+
+    expect_result(run({.input = "/run/input"}), 0);
+    EXPECT_EQ(read_file("/run/seen"), "typed\n");
+    EXPECT_EQ(read_file("/run/descriptors"), "0\n1\n2\n3\n"); /* 3: the listing's own */
+}
+
+TEST_F(UtilityRun, MissingUtilityEndsTheRun)
+{
+    (void)add_simple_domain("one.example");
+    std::filesystem::remove(utility_path);
+
+    expect_run(
+        255, failure("", "fork_execv: execv(\"" + utility_path + "\") failed: No such file or directory\n"));
+    expect_no_rebuild();
+}
+
+TEST_F(UtilityRun, UtilityThatMayNotBeExecutedEndsTheRun)
+{
+    write_file(utility_path, "#!/bin/sh\n", 0644);
+
+    expect_run(255, failure("", "fork_execv: execv(\"" + utility_path + "\") failed: Permission denied\n"));
+    expect_no_rebuild();
+}
+
+TEST_F(UtilityRun, FailureShowsBothOfItsStreams)
+{
+    (void)add_simple_domain("one.example");
+    write_utility("echo to-out; echo to-err >&2; printf more; printf tail >&2; exit 1");
+
+    expect_run(255, failure("to-out\nmore", "to-err\ntail"));
+    expect_no_rebuild();
+}
+
+TEST_F(UtilityRun, SilentFailureIsReportedAllTheSame)
+{
+    write_utility("exit 3");
+
+    expect_run(255, failure("", ""));
+    expect_no_rebuild();
+}
+
+/* That a signal ended it is said at warning only, and warnings are masked. */
+TEST_F(UtilityRun, KilledUtilityEndsTheRun)
+{
+    write_utility("echo dying >&2; kill -KILL $$");
+
+    expect_run(255, failure("", "dying\n"));
+    expect_no_rebuild();
+}
+
+TEST_F(UtilityRun, FailureShowsAMegabyteWhole)
+{
+    write_utility(
+        "head -c 1048576 /dev/zero | tr '\\0' e >&2; head -c 1048576 /dev/zero | tr '\\0' o; exit 1");
+
+    expect_run(255, failure(std::string(1048576, 'o'), std::string(1048576, 'e')));
+}
+
+TEST_F(UtilityRun, NothingThatASuccessPrintedIsShown)
+{
+    (void)add_simple_domain("one.example");
+    write_utility(stand_in + "; echo done; echo a warning >&2; head -c 1048576 /dev/zero | tr '\\0' o");
+
+    expect_run(0);
+    expect_responders({reply_row("info@one.example")});
+}
+
+/* A daemon that it leaves behind holds the pipes; what counts is that the utility itself has ended. */
+TEST_F(UtilityRun, GrandchildThatHoldsThePipesDoesNotHoldUpTheRun)
+{
+    (void)add_simple_domain("one.example");
+    write_utility(stand_in + "; sleep 30 & echo $! >/run/grandchild");
+
+    const ProgramResult result = run();
+    const pid_t grandchild = std::stoi(read_file("/run/grandchild"));
+
+    EXPECT_EQ(::kill(grandchild, SIGKILL), 0) << "it was to outlive the run";
+    EXPECT_LT(result.duration.count(), 3000);
+    expect_result(result, 0);
+    expect_responders({reply_row("info@one.example")});
+}
+
+TEST_F(UtilityRun, SlowUtilityIsWaitedFor)
+{
+    (void)add_simple_domain("one.example");
+    write_utility("sleep 1.3; " + stand_in);
+
+    expect_run(0);
+    expect_responders({reply_row("info@one.example")});
+}
+
+} // namespace kolmo::testing
