@@ -1,6 +1,7 @@
 #include "handlers_store/handlers_db.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,9 +31,11 @@ OwnedText checked_address(char *address)
 {
     OwnedText checked(address);
 
-    if (std::strlen(address) >= address_key_size)
+    if (std::strlen(address) >= address_key_size) {
+        errno = 0; /* no system error to tell of, whatever SQLite met before */
         report_error(EXIT_FAILURE, 0, "Handler address is longer than %zu characters: %s",
                      address_key_size - 1, address);
+    }
     return checked;
 }
 
