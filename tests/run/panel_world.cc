@@ -198,11 +198,12 @@ std::string add_foreign_handler(const std::string &address, int priority, const 
     return row;
 }
 
-StoreLock::StoreLock()
+StoreLock::StoreLock(Kind kind)
 {
     for (const std::string &path : {responder_store, handlers_store}) {
         holders_.push_back(open_file(path));
-        run_sql(holders_.back(), "BEGIN EXCLUSIVE");
+        run_sql(holders_.back(),
+                kind == Kind::exclusive ? "BEGIN EXCLUSIVE" : "BEGIN; SELECT count(*) FROM sqlite_master");
     }
 }
 

@@ -62,11 +62,16 @@ std::string handler_row(const std::string &address);
 std::string add_foreign_handler(const std::string &address, int priority = 10,
                                 const std::string &name = "antivirus");
 
-/* A lock on both stores that keeps every other process out, from construction to release(). */
+/* A transaction in both stores that stands in others' way, from construction to release(). */
 class StoreLock
 {
 public:
-    StoreLock();
+    enum class Kind {
+        exclusive, /* nobody else may read or write */
+        reader,    /* nobody else may end what they wrote */
+    };
+
+    explicit StoreLock(Kind kind);
     ~StoreLock() { release(); }
     StoreLock(const StoreLock &) = delete;
     StoreLock &operator=(const StoreLock &) = delete;
