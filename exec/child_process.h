@@ -26,6 +26,7 @@ namespace kolmo
  *
  * The child ends with status 255, after a line on its standard error, when a stream cannot be installed
  * ("fork_execv: dup() failed: ...") or the program not executed ("fork_execv: execv("...") failed: ...").
+ * It ends by exit, so what the caller has registered with atexit(3) runs in that child too.
  */
 [[nodiscard]] pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path,
                                      const char *const argv[]);

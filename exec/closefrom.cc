@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cstring>
 #include <memory>
-#include <system_error>
 
 #include <dirent.h>
 #include <unistd.h>
@@ -25,12 +24,11 @@ using OwnedDirectory = std::unique_ptr<DIR, CloseDirectory>;
 int descriptor_number(const char *name)
 {
     const char *end = name + std::strlen(name);
-    int number = -1;
+    int number = -1; /* as it remains when the digits mean more than an int */
 
     if (name[0] < '0' || name[0] > '9' || (name[0] == '0' && name[1] != '\0'))
         return -1;
-    const auto [rest, error] = std::from_chars(name, end, number);
-    return rest == end && error == std::errc() ? number : -1;
+    return std::from_chars(name, end, number).ptr == end ? number : -1;
 }
 
 /* How many entries are read before closing the whole table is thought to be the shorter way. */

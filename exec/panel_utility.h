@@ -5,8 +5,8 @@
  * Standard input is inherited.  Of a run that succeeds nothing is printed.  After one that fails, its
  * standard output is written to standard error as it is, and one report follows through report_error
  * (standard error and standard output): "... execution failed:" and what it wrote on its standard error.  A
- * utility that cannot be executed is such a failure too, with the result 255.  A lack of pipes, processes or
- * memory ends the process with status 1.
+ * utility that cannot be executed is such a failure too, with the result 255; one that a signal ended is
+ * logged besides, as wait_child does.  A lack of pipes, processes or memory ends this process with status 1.
  *
  * Arguments are texts, closed by a null; at most 99 reach the utility, further ones are dropped without a
  * word.  A path that exceeds the kernel's 4096 bytes is not cut to another one but fails like a utility that

@@ -19,10 +19,9 @@ namespace
 /* 0, or -1 with the errno of open or dup2. */
 int install_stream(int fd, int stream)
 {
-    if (fd == stream)
-        return 0;
     const int source = fd == -1 ? ::open("/dev/null", O_RDWR) : fd;
-    if (source == stream) /* it was closed, and open fills the lowest gap */
+
+    if (source == stream) /* left as inherited; or it was closed, and open has filled the lowest gap */
         return 0;
     if ((fd == -1 && source < 0) || ::dup2(source, stream) < 0)
         return -1;

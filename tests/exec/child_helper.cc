@@ -65,6 +65,8 @@ void print_input()
 
     while ((count = read(0, chunk, sizeof chunk)) > 0)
         print(1, std::string(chunk, static_cast<std::size_t>(count)));
+    if (count < 0)
+        std::_Exit(99);
 }
 
 void leave_one_behind()

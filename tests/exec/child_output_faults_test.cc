@@ -121,7 +121,7 @@ TEST_F(ForkExecvGetouterrFaults, FailedSelectWithARunningChildIsRepeated)
 {
     const Fault fault(Call::select, 1, EINTR);
 
-    EXPECT_EQ("5 out=oo err=", shown_run({"sleep", "100", "out", "2", "exit", "5"}));
+    EXPECT_EQ("5 out=oo err=", shown_run({"sleep", "500", "out", "2", "exit", "5"}));
     EXPECT_TRUE(Fault::has_fired());
 }
 
@@ -176,7 +176,7 @@ TEST_F(ForkExecvGetouterrFaults, EverySelectHasASecondAndNonBlockingPipes)
 
     EXPECT_EQ("0 out=ooo err=",
               shown_run({"out", "1", "sleep", "100", "out", "1", "sleep", "100", "out", "1"}));
-    EXPECT_GE(watch.calls.size(), 3U);
+    EXPECT_GE(watch.calls.size(), 2U);
     for (const SelectWatch::Seen &call : watch.calls) {
         EXPECT_EQ(1000, call.timeout);
         EXPECT_FALSE(call.is_blocking);

@@ -125,6 +125,7 @@ TEST_F(ForkExecvGetouterr, ProcessLeftBehindWithThePipesDoesNotKeepTheRunFromEnd
 
     EXPECT_EQ(4, done.result);
     EXPECT_EQ(nullptr, done.err);
+    ASSERT_NE(nullptr, done.out);
     end_process(number_after(done.out.get(), ""));
 }
 
@@ -133,6 +134,7 @@ TEST_F(ForkExecvGetouterr, ProgramKilledWhileThePipesAreHeldGivesMinusOneWithout
     const Captured done = run(helper, Orders({"hold", "signal", "9"}));
 
     EXPECT_EQ(-1, done.result);
+    ASSERT_NE(nullptr, done.out);
     end_process(number_after(done.out.get(), ""));
 }
 
@@ -246,6 +248,7 @@ TEST_F(ForkExecvGetout, ProcessLeftBehindWithThePipeDoesNotKeepTheRunFromEnding)
     const OwnedText owned(out);
 
     EXPECT_EQ(4, result);
+    ASSERT_NE(nullptr, out);
     end_process(number_after(out, ""));
 }
 

@@ -39,10 +39,11 @@ struct {
     std::size_t next = 0;
     int table_size = 0;
     int end_error = 0;
-    int own = -1;
     dirent entry = {};
     std::string closed;
 } descriptors;
+
+constexpr int own_descriptor = 901;
 
 SelectWatch *select_watch = nullptr;
 bool execv_is_shown = false;
@@ -67,7 +68,7 @@ dirent *next_entry()
         return nullptr;
     }
     const std::string &name = (*descriptors.names)[descriptors.next++];
-    const std::string shown = name == "*" ? std::to_string(descriptors.own) : name;
+    const std::string shown = name == "*" ? std::to_string(own_descriptor) : name;
     (void)std::snprintf(descriptors.entry.d_name, sizeof descriptors.entry.d_name, "%s", shown.c_str());
     return &descriptors.entry;
 }
@@ -129,7 +130,7 @@ int ForkCount::count() const
 
 FakeDescriptors::FakeDescriptors(std::optional<std::vector<std::string>> names, int table_size, int end_error)
 {
-    descriptors = {true, std::move(names), 0, table_size, end_error, -1, {}, {}};
+    descriptors = {true, std::move(names), 0, table_size, end_error, {}, {}};
 }
 
 FakeDescriptors::~FakeDescriptors()
@@ -149,6 +150,7 @@ using namespace kolmo::testing;
 extern "C" {
 
 int __real_close(int fd);
+int __real_dirfd(DIR *directory);
 int __real_dup2(int from, int to);
 int __real_execv(const char *path, char *const argv[]);
 int __real_fcntl(int fd, int command, ...);
@@ -170,6 +172,11 @@ int __wrap_close(int fd)
     descriptors.closed += (descriptors.closed.empty() ? "" : " ") + std::to_string(fd);
     errno = EBADF; /* as most of a table's numbers would give */
     return -1;
+}
+
+int __wrap_dirfd(DIR *directory)
+{
+    return descriptors.is_set ? own_descriptor : __real_dirfd(directory);
 }
 
 int __wrap_dup2(int from, int to)
@@ -225,10 +232,7 @@ DIR *__wrap_opendir(const char *path)
         errno = ENOENT;
         return nullptr;
     }
-    DIR *directory = __real_opendir(path);
-    if (directory != nullptr)
-        descriptors.own = dirfd(directory);
-    return directory;
+    return __real_opendir(path);
 }
 
 int __wrap_pipe(int ends[2])

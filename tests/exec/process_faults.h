@@ -84,8 +84,8 @@ private:
 };
 
 /*
- * The directory of open descriptors, its own number "*", and the size of the table; what is closed is only
- * noted.  `end_error` is what ends the entries, 0 for their end; without a list opening fails.
+ * The directory of open descriptors, its own number 901 ("*"), and the size of the table; what is closed is
+ * only noted.  `end_error` is what ends the entries, 0 for their end; without a list opening fails.
  */
 class FakeDescriptors
 {
