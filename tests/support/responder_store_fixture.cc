@@ -27,11 +27,12 @@ bool runs(sqlite3 *connection, const char *sql)
 }
 
 /* What the locking process does; it leaves without cleaning up what it inherited. */
-[[noreturn]] void hold_lock(const char *path, const char *sql, int ready, int milliseconds)
+[[noreturn]] void hold_lock(const char *path, int ready, int milliseconds)
 {
     sqlite3 *connection = nullptr;
 
-    if (sqlite3_open(path, &connection) != SQLITE_OK || !runs(connection, sql) || write(ready, "", 1) != 1)
+    if (sqlite3_open(path, &connection) != SQLITE_OK || !runs(connection, "BEGIN EXCLUSIVE") ||
+        write(ready, "", 1) != 1)
         _exit(1);
     (void)poll(nullptr, 0, milliseconds);
     _exit(runs(connection, "COMMIT") ? 0 : 1);
@@ -130,7 +131,7 @@ bool in_transaction(const StoreConnection &connection)
     return connection.is_open() && sqlite3_get_autocommit(connection.get()) == 0;
 }
 
-OtherProcessLock::OtherProcessLock(const std::string &path, int milliseconds, const char *sql)
+OtherProcessLock::OtherProcessLock(const std::string &path, int milliseconds)
 {
     int ends[2];
     char byte;
@@ -145,7 +146,7 @@ OtherProcessLock::OtherProcessLock(const std::string &path, int milliseconds, co
 
     process_ = fork();
     if (process_ == 0)
-        hold_lock(path.c_str(), sql, tell.get(), milliseconds);
+        hold_lock(path.c_str(), tell.get(), milliseconds);
     tell.reset();
     EXPECT_EQ(read(ready.get(), &byte, 1), 1) << "the other process has not locked " << path;
 }

@@ -77,13 +77,13 @@ protected:
 [[nodiscard]] bool in_transaction(const StoreConnection &connection);
 
 /*
- * A lock on an SQLite file, the one that `sql` takes, held by another process from the end of the constructor
+ * An exclusive lock on an SQLite file, held by another process from the end of the constructor
  * for so many milliseconds.  The connections of this process to the file must be idle at that moment.
  */
 class OtherProcessLock
 {
 public:
-    OtherProcessLock(const std::string &path, int milliseconds, const char *sql = "BEGIN EXCLUSIVE");
+    OtherProcessLock(const std::string &path, int milliseconds);
 
     /* Waits for the process's end. */
     ~OtherProcessLock();

@@ -45,6 +45,8 @@ struct SqliteFaults::State {
 
     std::vector<long> pauses;
     int pauses_to_failure = 0;
+    int pauses_to_action = 0;
+    std::function<void()> action;
     bool sleeps = false;
 
     std::set<sqlite3 *> open;
@@ -86,6 +88,11 @@ bool SqliteFaults::State::pause_fails(long nanoseconds)
 {
     calls.push_back("pause " + std::to_string(nanoseconds));
     pauses.push_back(nanoseconds);
+    if (--pauses_to_action == 0) {
+        const SqliteFaults::Aside aside;
+
+        action();
+    }
     return --pauses_to_failure == 0;
 }
 
@@ -324,6 +331,7 @@ SqliteFaults::~SqliteFaults()
     for (const Fault &fault : state_->faults)
         EXPECT_LE(fault.left, 0) << "the call that had to fail never came";
     EXPECT_LE(state_->pauses_to_failure, 0) << "the pause that had to fail never came";
+    EXPECT_LE(state_->pauses_to_action, 0) << "the pause in which something had to happen never came";
     for (const auto &[statement, sql] : state_->statements)
         (void)__real_sqlite3_finalize(statement);
     for (sqlite3 *const connection : state_->open)
@@ -359,6 +367,12 @@ void SqliteFaults::be_busy_everywhere(int times)
 void SqliteFaults::fail_pause(int nth)
 {
     state_->pauses_to_failure = nth;
+}
+
+void SqliteFaults::at_pause(int nth, std::function<void()> action)
+{
+    state_->pauses_to_action = nth;
+    state_->action = std::move(action);
 }
 
 void SqliteFaults::sleep_really()

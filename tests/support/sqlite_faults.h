@@ -20,6 +20,7 @@
 #ifndef KOLMO_TESTS_SUPPORT_SQLITE_FAULTS_H
 #define KOLMO_TESTS_SUPPORT_SQLITE_FAULTS_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -66,6 +67,9 @@ public:
 
     /* Fail the nth pause from now on, as a signal does: errno EINTR. */
     void fail_pause(int nth);
+
+    /* Do this in the nth pause from now on, as another process might: let go of a lock, for instance. */
+    void at_pause(int nth, std::function<void()> action);
 
     /* Pauses take their time.  Otherwise none is slept; one that nanosleep(2) rejects fails either way. */
     void sleep_really();
