@@ -1,0 +1,238 @@
+#include "responder_store/responder_db.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/responder_store/responder_operations.h"
+#include "tests/support/responder_store_fixture.h"
+#include "tests/support/sqlite_faults.h"
+#include "tests/support/store_sweep.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using namespace testing;
+
+const char replace_sql[] = "REPLACE INTO attachments VALUES (?, ?  );";
+const char delete_sql[] = "DELETE FROM attachments WHERE mn = ?;";
+
+class AttachmentsTest : public ResponderStoreTest
+{
+protected:
+    StoreConnection connection = store.open();
+};
+
+using AddAttachments = AttachmentsTest;
+using RemoveAttachments = AttachmentsTest;
+
+TEST_F(AddAttachments, FilesAreStoredInOrderUnderTheLowerCasedMailname)
+{
+    EXPECT_EQ(add_attachments(&connection), 0);
+    EXPECT_EQ(store.rows("attachments"), (Lines{"box@example.com|one.txt", "box@example.com|Two.txt"}));
+}
+
+TEST_F(AddAttachments, MailnameIsTheOneOfTheAutoresponder)
+{
+    ASSERT_EQ(add_autoresponder(&connection), 0);
+    ASSERT_EQ(add_attachments(&connection), 0);
+    EXPECT_EQ(store.query("SELECT filename FROM autoresponder JOIN attachments USING (mn)"),
+              (Lines{"one.txt", "Two.txt"}));
+}
+
+TEST_F(AddAttachments, NamesAreStoredUnchanged)
+{
+    const char *const files[] = {"100% 'it'.PDF", "", "\xc3\x84/b"};
+
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", files, 3), 0);
+    EXPECT_EQ(store.query("SELECT filename FROM attachments ORDER BY rowid"),
+              (Lines{"100% 'it'.PDF", "", "\xc3\x84/b"}));
+}
+
+TEST_F(AddAttachments, SameNameTwiceIsReplacedTwice)
+{
+    const char *const files[] = {"a", "a"};
+    const SqliteFaults faults;
+
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", files, 2), 0);
+    EXPECT_EQ(faults.count(std::string("prepare ") + replace_sql), 2);
+    EXPECT_EQ(store.rows("attachments"), Lines{"box@example.com|a"});
+}
+
+TEST_F(AddAttachments, SameNameTwiceGivesTwoRowsWhereNoKeyForbidsIt)
+{
+    const char *const files[] = {"a", "a"};
+
+    store.execute("DROP TABLE attachments; CREATE TABLE attachments (mn, filename)");
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", files, 2), 0);
+    EXPECT_EQ(store.rows("attachments"), (Lines{"box@example.com|a", "box@example.com|a"}));
+}
+
+TEST_F(AddAttachments, CountOfZeroTouchesNothing)
+{
+    const SqliteFaults faults;
+
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", nullptr, 0), 0);
+    EXPECT_TRUE(faults.calls().empty());
+}
+
+TEST_F(AddAttachments, CountOfZeroOpensAndClosesAConnectionOfItsOwn)
+{
+    const SqliteFaults faults;
+
+    EXPECT_EQ(responder_db_add_attachments(nullptr, "box", "example.com", nullptr, 0), 0);
+    EXPECT_EQ(faults.calls(), (Lines{"open " + store.path(), "busy_timeout 50", "close"}));
+}
+
+TEST_F(AddAttachments, NegativeCountIsAnEmptyTransaction)
+{
+    const SqliteFaults faults;
+
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", nullptr, -1), 0);
+    EXPECT_EQ(faults.calls(), (Lines{"prepare BEGIN TRANSACTION;", "step", "finalize",
+                                     "prepare END TRANSACTION;", "step", "finalize"}));
+}
+
+TEST_F(AddAttachments, RefusedFileIsReportedAndTheRestIsWritten)
+{
+    const char *const files[] = {"a", "b", "c"};
+
+    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON attachments "
+                  "WHEN NEW.filename = 'b' BEGIN SELECT RAISE(ABORT, 'no'); END");
+    EXPECT_EQ(responder_db_add_attachments(&connection, "Box", "example.com", files, 3), 0);
+    EXPECT_EQ(log.take_one(), "3 Unable to add autoresponder attachment (box@example.com): no");
+    EXPECT_EQ(store.rows("attachments"), (Lines{"box@example.com|a", "box@example.com|c"}));
+    EXPECT_TRUE(connection.is_open());
+}
+
+TEST_F(AddAttachments, EachRefusedFileIsReported)
+{
+    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON attachments BEGIN SELECT RAISE(FAIL, 'no'); END");
+    EXPECT_EQ(add_attachments(&connection), 0);
+    EXPECT_EQ(log.take(), Lines(2, "3 Unable to add autoresponder attachment (box@example.com): no"));
+}
+
+TEST_F(AddAttachments, RefusalThatRollsBackMakesTheEndFail)
+{
+    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON attachments "
+                  "WHEN NEW.filename = 'Two.txt' BEGIN SELECT RAISE(ROLLBACK, 'no'); END");
+    EXPECT_EQ(add_attachments(&connection), -1);
+    EXPECT_EQ(log.take(),
+              (Lines{"3 Unable to add autoresponder attachment (box@example.com): no",
+                     "3 Unable to end sqlite transaction: cannot commit - no transaction is active"}));
+    EXPECT_FALSE(connection.is_open());
+    EXPECT_TRUE(store.rows().empty());
+}
+
+TEST_F(AddAttachments, MakesTheseCallsInThisOrder)
+{
+    const SqliteFaults faults;
+    const std::string prepare = std::string("prepare ") + replace_sql;
+
+    EXPECT_EQ(add_attachments(&connection), 0);
+    EXPECT_EQ(faults.calls(),
+              (Lines{"prepare BEGIN TRANSACTION;", "step", "finalize",                            //
+                     prepare, "bind 1 'box@example.com'", "bind 2 'one.txt'", "step", "finalize", //
+                     prepare, "bind 1 'box@example.com'", "bind 2 'Two.txt'", "step", "finalize", //
+                     "prepare END TRANSACTION;", "step", "finalize"}));
+}
+
+TEST(AddAttachmentsSweep, EveryCallFailsInItsOwnWay)
+{
+    const Lines written = {"attachments: box@example.com|one.txt", "attachments: box@example.com|Two.txt"};
+    const ResponderSweep sweep(add_attachments, written);
+    const std::string prepare_replace = std::string("prepare ") + replace_sql;
+    const std::string cannot_prepare =
+        std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
+    const std::string refused = "Unable to add autoresponder attachment (box@example.com): ";
+
+    sweep.fail_each_call({
+        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, {}},
+        {"step", cannot_begin, -1, Left::closed, {}},
+        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
+        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, {}},
+        {"bind 2 'one.txt'", "Unable to bind parameter filename: ", -1, Left::closed, {}},
+        {"step", refused, 0, Left::open, {written[1]}},
+        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
+        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, {}},
+        {"bind 2 'Two.txt'", "Unable to bind parameter filename: ", -1, Left::closed, {}},
+        {"step", refused, 0, Left::open, {written[0]}},
+        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, {}},
+        {"step", cannot_end, -1, Left::closed, {}},
+    });
+    sweep.fail_each_pause({
+        {"BEGIN TRANSACTION;", Left::open, {}},
+        {"BEGIN TRANSACTION;", Left::in_transaction, {}},
+        {replace_sql, Left::in_transaction, {}},
+        {replace_sql, Left::in_transaction, {}},
+        {replace_sql, Left::in_transaction, {}},
+        {replace_sql, Left::in_transaction, {}},
+        {"END TRANSACTION;", Left::in_transaction, {}},
+        {"END TRANSACTION;", Left::open, written},
+    });
+}
+
+TEST_F(RemoveAttachments, AllFilesOfTheMailboxGoAndAllElseStays)
+{
+    store.execute(other_rows);
+    store.execute(rows_of_box);
+    ASSERT_EQ(add_attachments(&connection), 0);
+    EXPECT_EQ(responder_db_remove_attachments(&connection, "BOX", "Example.COM"), 0);
+    EXPECT_EQ(store.rows("attachments"), Lines{"other@example.com|stays"});
+    EXPECT_EQ(store.query("SELECT mn FROM autoresponder ORDER BY rowid"),
+              (Lines{"other@example.com", "box@example.com"}));
+    EXPECT_EQ(store.rows("extra_headers"), Lines{"X-Old|old"});
+}
+
+TEST_F(RemoveAttachments, MailboxWithoutFilesIsNoFailure)
+{
+    store.execute(other_rows);
+    EXPECT_EQ(remove_attachments(&connection), 0);
+    EXPECT_EQ(store.rows("attachments"), Lines{"other@example.com|stays"});
+}
+
+TEST_F(RemoveAttachments, RefusedDeletionIsCalledAnAdditionAndIsNoFailure)
+{
+    store.execute(rows_of_box);
+    store.execute("CREATE TRIGGER refuse BEFORE DELETE ON attachments BEGIN SELECT RAISE(FAIL, 'no'); END");
+    EXPECT_EQ(remove_attachments(&connection), 0);
+    EXPECT_EQ(log.take_one(), "3 Unable to add autoresponder attachment (box@example.com): no");
+    EXPECT_TRUE(connection.is_open());
+    EXPECT_FALSE(in_transaction(connection));
+    EXPECT_EQ(store.rows("attachments"), Lines{"box@example.com|old"});
+}
+
+TEST(RemoveAttachmentsSweep, EveryCallFailsInItsOwnWay)
+{
+    const Lines old = {"attachments: box@example.com|old"};
+    const ResponderSweep sweep(remove_attachments, {}, [](const ResponderStore &store) {
+        store.execute("INSERT INTO attachments VALUES ('box@example.com', 'old')");
+    });
+    const std::string cannot_prepare =
+        std::string("Unable to prepare SQL statement for query '") + delete_sql + "': ";
+
+    sweep.fail_each_call({
+        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, old},
+        {"step", cannot_begin, -1, Left::closed, old},
+        {std::string("prepare ") + delete_sql, cannot_prepare, -1, Left::closed, old},
+        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, old},
+        {"step", "Unable to add autoresponder attachment (box@example.com): ", 0, Left::open, old},
+        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, old},
+        {"step", cannot_end, -1, Left::closed, old},
+    });
+    sweep.fail_each_pause({
+        {"BEGIN TRANSACTION;", Left::open, old},
+        {"BEGIN TRANSACTION;", Left::in_transaction, old},
+        {delete_sql, Left::in_transaction, old},
+        {delete_sql, Left::in_transaction, old},
+        {"END TRANSACTION;", Left::in_transaction, old},
+        {"END TRANSACTION;", Left::open, {}},
+    });
+}
+
+} // namespace
+
+} // namespace kolmo

@@ -1,0 +1,72 @@
+/*
+ * responder_operations: the six operations on the responder store, for tests of what they share.
+ */
+#ifndef KOLMO_TESTS_RESPONDER_STORE_RESPONDER_OPERATIONS_H
+#define KOLMO_TESTS_RESPONDER_STORE_RESPONDER_OPERATIONS_H
+
+#include <string>
+#include <vector>
+
+#include "responder_store/responder_db.h"
+#include "tests/support/responder_store_fixture.h"
+#include "tests/support/store_sweep.h"
+
+namespace kolmo::testing
+{
+
+/* The operations with sample arguments: Box at Example.COM, two files or headers. */
+[[nodiscard]] inline int add_autoresponder(StoreConnection *connection)
+{
+    const ResponderRecord record = sample_responder();
+
+    return responder_db_add_autoresponder(connection, "Box", "Example.COM", &record);
+}
+
+[[nodiscard]] inline int remove_autoresponder(StoreConnection *connection)
+{
+    return responder_db_remove_autoresponder(connection, "Box", "Example.COM");
+}
+
+[[nodiscard]] inline int add_attachments(StoreConnection *connection)
+{
+    const char *const files[] = {"one.txt", "Two.txt"};
+
+    return responder_db_add_attachments(connection, "Box", "Example.COM", files, 2);
+}
+
+[[nodiscard]] inline int remove_attachments(StoreConnection *connection)
+{
+    return responder_db_remove_attachments(connection, "Box", "Example.COM");
+}
+
+[[nodiscard]] inline int add_extra_headers(StoreConnection *connection)
+{
+    const char *const names[] = {"X-One", "X-Two"};
+    const char *const values[] = {"1", "2"};
+
+    return responder_db_add_extra_headers(connection, names, values, 2);
+}
+
+[[nodiscard]] inline int remove_extra_headers(StoreConnection *connection)
+{
+    return responder_db_remove_extra_headers(connection);
+}
+
+/* A store with a row of Box's and one of somebody else in each table. */
+constexpr char other_rows[] = "INSERT INTO autoresponder (mn, body) VALUES ('other@example.com', 'stays');"
+                              "INSERT INTO attachments VALUES ('other@example.com', 'stays');";
+constexpr char rows_of_box[] = "INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old');"
+                               "INSERT INTO attachments VALUES ('box@example.com', 'old');"
+                               "INSERT INTO extra_headers VALUES ('X-Old', 'old');";
+
+/* The messages of the transaction's own statements, up to the detail. */
+constexpr char cannot_prepare_begin[] = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': ";
+constexpr char cannot_begin[] = "Unable to begin sqlite transaction: ";
+constexpr char cannot_prepare_end[] = "Unable to prepare SQL statement for query 'END TRANSACTION;': ";
+constexpr char cannot_end[] = "Unable to end sqlite transaction: ";
+
+using ResponderSweep = StoreSweep<ResponderStore>;
+
+} // namespace kolmo::testing
+
+#endif

@@ -1,0 +1,23 @@
+/*
+ * Compiled only, by tests that expect it to fail: with MISUSE_..., a message that does not fit its texts.
+ */
+#include "responder_store/store_message.h"
+#include "responder_store/store_op.h"
+
+int main()
+{
+#if defined(MISUSE_TOO_FEW)
+    kolmo::log_failure("Unable to add %s: %s", "one");
+#elif defined(MISUSE_TOO_MANY)
+    kolmo::log_failure("Unable to add: %s", "one", "two");
+#elif defined(MISUSE_OTHER_CONVERSION)
+    kolmo::log_failure("Unable to add: %d", "one");
+#elif defined(MISUSE_BIND)
+    (void)kolmo::bind_text("value", "Unable to bind parameter");
+#elif defined(MISUSE_ESCAPED_PERCENT)
+    kolmo::log_failure("Unable to add 100%%: %s", "one");
+#else
+    kolmo::log_failure("Unable to add %s: %s", "one", "two");
+    (void)kolmo::bind_text("value", "Unable to bind parameter: %s");
+#endif
+}
