@@ -4,7 +4,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "handlers_store/owned_handler_list.h"
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 namespace kolmo
 {
@@ -16,10 +16,10 @@ using testing::bind_row;
 using testing::Connection;
 using testing::FaultTable;
 using testing::handler;
+using testing::HandlersSweep;
 using testing::Lines;
 using testing::prepare_row;
 using testing::repeat;
-using testing::StoreSweep;
 
 constexpr const char *insert_sql =
     "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, protected, "
@@ -51,7 +51,7 @@ HandlerRecord odd_record(const char *name)
     return {-7, 3, 9, name, "A@d.test", "/program", "argument", true, false};
 }
 
-class ActionSweep : public StoreSweep
+class ActionSweep : public HandlersSweep
 {
 protected:
     void fill() override

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "handlers_store/handlers_db.h"
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 namespace kolmo
 {
@@ -15,12 +15,12 @@ using testing::bind_row;
 using testing::Connection;
 using testing::FaultTable;
 using testing::handler;
+using testing::HandlersSweep;
 using testing::Lines;
 using testing::prepare_row;
 using testing::repeat;
 using testing::SqliteCall;
 using testing::SqliteFaults;
-using testing::StoreSweep;
 
 constexpr const char *mailbox_sql =
     "SELECT priority, type, queue, name, executable, context, enabled FROM handlers WHERE address=?";
@@ -34,7 +34,7 @@ constexpr const char *insert_sql =
 /* The copy's own line, after the driver's or the action's. */
 const Lines not_added = {"3 Unable to add records into handlers database"};
 
-class CopyFaults : public StoreSweep
+class CopyFaults : public HandlersSweep
 {
 protected:
     void fill() override

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "handlers_store/handlers_db.h"
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 namespace kolmo
 {
@@ -16,12 +16,12 @@ using testing::Connection;
 using testing::FaultRow;
 using testing::FaultTable;
 using testing::handler;
+using testing::HandlersSweep;
 using testing::Lines;
 using testing::prepare_row;
 using testing::repeat;
 using testing::SqliteCall;
 using testing::SqliteFaults;
-using testing::StoreSweep;
 
 constexpr const char *by_name_sql = "DELETE FROM handlers WHERE name=?";
 constexpr const char *domain_sql =
@@ -33,7 +33,7 @@ constexpr const char *delete_sql =
 const Lines no_list = {"3 Get handlers list"};
 const Lines not_added = {"3 Unable to add records into handlers database"};
 
-class RemoveFaults : public StoreSweep
+class RemoveFaults : public HandlersSweep
 {
 protected:
     void fill() override

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "handlers_store/handlers_db.h"
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 namespace kolmo
 {
@@ -15,9 +15,9 @@ using testing::bind_row;
 using testing::Connection;
 using testing::FaultTable;
 using testing::handler;
+using testing::HandlersSweep;
 using testing::Lines;
 using testing::prepare_row;
-using testing::StoreSweep;
 using testing::texts_of;
 
 constexpr const char *to_run_sql =
@@ -30,7 +30,7 @@ constexpr const char *domain_sql =
     "FROM handlers WHERE address LIKE '%' || ? || '%'";
 
 /* Two rows for each of the selects; what is left is the list. */
-class SelectFaults : public StoreSweep
+class SelectFaults : public HandlersSweep
 {
 protected:
     ~SelectFaults() override { handler_list_free(&list); }

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "handlers_store/sqlite_file.h"
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 namespace kolmo
 {
@@ -13,14 +13,14 @@ namespace
 {
 
 using testing::Connection;
+using testing::HandlersSweep;
 using testing::Lines;
 using testing::SqliteFaults;
-using testing::StoreSweep;
 
 constexpr const char *script = "BEGIN TRANSACTION;CREATE TABLE t (x);COMMIT;";
 
 /* Starts without a file; what is left are the tables. */
-class SqliteDbRecreateFaults : public StoreSweep
+class SqliteDbRecreateFaults : public HandlersSweep
 {
 protected:
     void fill() override { (void)unlink(store.path().c_str()); }

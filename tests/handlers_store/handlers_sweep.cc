@@ -1,4 +1,4 @@
-#include "tests/handlers_store/store_sweep.h"
+#include "tests/handlers_store/handlers_sweep.h"
 
 #include <algorithm>
 #include <optional>
@@ -83,7 +83,7 @@ FaultTable rows_for(bool own, const FaultTable &table)
 
 } // namespace
 
-void StoreSweep::sweep_calls(const FaultTable &table, const Operation &operation)
+void HandlersSweep::sweep_calls(const FaultTable &table, const Operation &operation)
 {
     sweep_own_calls(table, operation);
 
@@ -95,7 +95,7 @@ void StoreSweep::sweep_calls(const FaultTable &table, const Operation &operation
     fail_no_call(false, rows, operation);
 }
 
-void StoreSweep::sweep_own_calls(const FaultTable &table, const Operation &operation)
+void HandlersSweep::sweep_own_calls(const FaultTable &table, const Operation &operation)
 {
     int nth = 0;
 
@@ -108,7 +108,7 @@ void StoreSweep::sweep_own_calls(const FaultTable &table, const Operation &opera
     fail_no_call(true, table, operation);
 }
 
-void StoreSweep::fail_one_call(bool own, int nth, const FaultRow &row, const Operation &operation)
+void HandlersSweep::fail_one_call(bool own, int nth, const FaultRow &row, const Operation &operation)
 {
     SCOPED_TRACE((own ? "own connection, call " : "caller's connection, call ") + std::to_string(nth) + ": " +
                  row.call);
@@ -130,7 +130,7 @@ void StoreSweep::fail_one_call(bool own, int nth, const FaultRow &row, const Ope
     EXPECT_EQ(left(), row.left);
 }
 
-void StoreSweep::open_without_handle(int nth, const FaultRow &row, const Operation &operation)
+void HandlersSweep::open_without_handle(int nth, const FaultRow &row, const Operation &operation)
 {
     SCOPED_TRACE("no handle from call " + std::to_string(nth));
     fill();
@@ -150,7 +150,7 @@ void StoreSweep::open_without_handle(int nth, const FaultRow &row, const Operati
     EXPECT_EQ(left(), row.left);
 }
 
-void StoreSweep::fail_no_call(bool own, const FaultTable &table, const Operation &operation)
+void HandlersSweep::fail_no_call(bool own, const FaultTable &table, const Operation &operation)
 {
     SCOPED_TRACE(own ? "own connection, no failure" : "caller's connection, no failure");
     const int prepared = static_cast<int>(std::count_if(
@@ -174,7 +174,7 @@ void StoreSweep::fail_no_call(bool own, const FaultTable &table, const Operation
 }
 
 /* The numbers, among all that can fail, of the calls that are tried again, in a run that succeeds. */
-std::vector<int> StoreSweep::repeated_calls(bool own, const Operation &operation)
+std::vector<int> HandlersSweep::repeated_calls(bool own, const Operation &operation)
 {
     std::vector<int> numbers;
     int number = 0;
@@ -194,7 +194,7 @@ std::vector<int> StoreSweep::repeated_calls(bool own, const Operation &operation
     return numbers;
 }
 
-void StoreSweep::sweep_own_busy_calls(const std::vector<Lines> &left_after, const Operation &operation)
+void HandlersSweep::sweep_own_busy_calls(const std::vector<Lines> &left_after, const Operation &operation)
 {
     const std::vector<int> numbers = repeated_calls(true, operation);
 
@@ -203,7 +203,7 @@ void StoreSweep::sweep_own_busy_calls(const std::vector<Lines> &left_after, cons
         be_busy_at(numbers[i], left_after[i], operation);
 }
 
-void StoreSweep::be_busy_at(int nth, const Lines &expected, const Operation &operation)
+void HandlersSweep::be_busy_at(int nth, const Lines &expected, const Operation &operation)
 {
     SCOPED_TRACE("own connection, busy call " + std::to_string(nth));
     fill();
@@ -222,17 +222,17 @@ void StoreSweep::be_busy_at(int nth, const Lines &expected, const Operation &ope
     EXPECT_EQ(left(), expected);
 }
 
-void StoreSweep::sweep_own_pauses(const std::vector<Lines> &left_after, const Operation &operation)
+void HandlersSweep::sweep_own_pauses(const std::vector<Lines> &left_after, const Operation &operation)
 {
     sweep_pauses(true, left_after, operation);
 }
 
-void StoreSweep::sweep_callers_pauses(const std::vector<Lines> &left_after, const Operation &operation)
+void HandlersSweep::sweep_callers_pauses(const std::vector<Lines> &left_after, const Operation &operation)
 {
     sweep_pauses(false, left_after, operation);
 }
 
-void StoreSweep::sweep_pauses(bool own, const std::vector<Lines> &left_after, const Operation &operation)
+void HandlersSweep::sweep_pauses(bool own, const std::vector<Lines> &left_after, const Operation &operation)
 {
     const std::vector<int> numbers = repeated_calls(own, operation);
 
@@ -241,7 +241,7 @@ void StoreSweep::sweep_pauses(bool own, const std::vector<Lines> &left_after, co
         fail_pause_at(own, numbers[i], left_after[i], operation);
 }
 
-void StoreSweep::fail_pause_at(bool own, int nth, const Lines &expected, const Operation &operation)
+void HandlersSweep::fail_pause_at(bool own, int nth, const Lines &expected, const Operation &operation)
 {
     SCOPED_TRACE((own ? "own connection, pause after call " : "caller's connection, pause after call ") +
                  std::to_string(nth));

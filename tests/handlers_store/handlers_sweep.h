@@ -1,13 +1,15 @@
 /*
- * store_sweep: every SQLite call of an operation on the handlers store fails once, and every pause.
+ * handlers_sweep: every SQLite call of an operation on the handlers store fails once, and every pause.
  *
  * A sweep runs the operation again and again, each time on a store filled anew, over a connection of the
  * operation's own and over a caller's, and compares what came of it with a table: row n says what happens
  * when the nth call fails.  After the last row the operation must succeed, with exactly as many calls as
  * there are rows, so that a step that is added, left out or moved breaks the table.
+ *
+ * Unlike store_sweep it knows operations that read rows, that open twice and that report twice.
  */
-#ifndef KOLMO_TESTS_HANDLERS_STORE_STORE_SWEEP_H
-#define KOLMO_TESTS_HANDLERS_STORE_STORE_SWEEP_H
+#ifndef KOLMO_TESTS_HANDLERS_STORE_HANDLERS_SWEEP_H
+#define KOLMO_TESTS_HANDLERS_STORE_HANDLERS_SWEEP_H
 
 #include <functional>
 #include <string>
@@ -29,12 +31,12 @@ struct FaultRow {
     Lines logged;     /* a line that ends in ": " goes on with SQLite's text */
     int result;
     Connection connection;
-    Lines left; /* what there is afterwards, see StoreSweep::left */
+    Lines left; /* what there is afterwards, see HandlersSweep::left */
 };
 
 using FaultTable = std::vector<FaultRow>;
 
-class StoreSweep : public HandlersStoreTest
+class HandlersSweep : public HandlersStoreTest
 {
 protected:
     using Operation = std::function<int(StoreConnection *connection)>;
