@@ -168,6 +168,12 @@ TEST_F(ConnectionRun, PortWithTextBehindItAndAnEmptyPortDoNotHarmALocalConnectio
     }
 }
 
+TEST_F(ConnectionRun, FolderInTheDsnFilesPlaceLeavesTheDefaults)
+{
+    std::filesystem::create_directory(dsn_path);
+    expect_rebuilt();
+}
+
 TEST_F(ConnectionRun, UserAndDatabaseOfTheDsnFileAreTaken)
 {
     panel->execute("CREATE OR REPLACE USER 'reader'@'localhost' IDENTIFIED BY 'pw;1'; "

@@ -204,12 +204,12 @@ TEST_F(DomainsRun, AliasOfADomainThatOthersContinueTakesTheirsToo)
 TEST_F(DomainsRun, HandlersOfTheBareDomainGoToTheBareAlias)
 {
     panel->add_alias(panel->add_domain("one.example"), "one.alias");
-    (void)add_foreign_handler("one.example");
-    (void)add_foreign_handler("one.example.org");
+    (void)add_foreign_handler("one.example", 10, "near");
+    (void)add_foreign_handler("one.example.org", 10, "far");
 
     expect_run(0);
-    EXPECT_EQ(query_store(handlers_store, "SELECT address FROM handlers ORDER BY address"),
-              (std::vector<std::string>{"one.alias", "one.example", "one.example.org"}));
+    EXPECT_EQ(query_store(handlers_store, "SELECT name, address FROM handlers ORDER BY address"),
+              (std::vector<std::string>{"near,one.alias", "near,one.example", "far,one.example.org"}));
 }
 
 /* The rows were written in lower case, and the copy looks for the name as the panel has it. */

@@ -63,10 +63,16 @@ TEST_F(FlowRun, TwoDomainsWithTwoAliasesEachAreRebuiltWhole)
     panel->add_alias(two, "two.alias");
     panel->set_reply_headers("{\"Auto-Submitted\": \"auto-replied\"}");
 
+    /* Somebody else's, with a mailbox of the domain's own and with none; and stale ones of ours. */
+    std::vector<std::string> handlers = {add_foreign_handler("desk@elsewhere.example")};
+
+    (void)add_foreign_handler("list@one.example");
+    (void)add_foreign_handler("desk@one.example", 5, "autoresponder");
+    (void)add_foreign_handler("sales@uno.alias", 5, "autoresponder");
+
     expect_run(0);
 
     std::vector<std::string> replies = {header_row("Auto-Submitted", "auto-replied")};
-    std::vector<std::string> handlers;
 
     for (const std::string domain : {"one.example", "one.alias", "uno.alias"}) {
         replies.push_back(
@@ -76,6 +82,7 @@ TEST_F(FlowRun, TwoDomainsWithTwoAliasesEachAreRebuiltWhole)
         replies.push_back(attachment_row("desk@" + domain, "price list.pdf"));
         handlers.push_back(handler_row("desk@" + domain));
         handlers.push_back(handler_row("sales@" + domain));
+        handlers.push_back(foreign_handler_row("list@" + domain));
     }
     for (const std::string domain : {"two.example", "dos.alias", "two.alias"}) {
         replies.push_back(reply_row("info@" + domain, {}, "info@two.example"));
@@ -225,6 +232,16 @@ TEST_F(FlowRun, WithoutStandardStreamsNoMessageGoesIntoTheDatabaseOrTheStores)
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(syslog->take().size(), 2U);
         expect_responders({reply_row("info@one.example"), attachment_row("info@one.example", "map.png")});
+    }
+}
+
+TEST_F(FlowRun, WithoutStandardStreamsTheUtilityHasThemAllTheSame)
+{
+    write_utility("ls /proc/self/fd >/run/descriptors; " + stand_in);
+
+    for (const std::vector<int> &closed : {std::vector{0, 1, 2}, {0}, {1}, {2}}) {
+        expect_result(run({.closed = closed}), 0);
+        EXPECT_EQ(read_file("/run/descriptors"), "0\n1\n2\n3\n"); /* 3: the listing's own */
     }
 }
 

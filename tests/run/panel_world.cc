@@ -190,9 +190,14 @@ std::string handler_row(const std::string &address)
     return handler(address, 90, "autoresponder", "/opt/qsx/handlers/hooks/autoresponder", "responder");
 }
 
+std::string foreign_handler_row(const std::string &address, int priority, const std::string &name)
+{
+    return handler(address, priority, name, "/opt/qsx/handlers/other", "other");
+}
+
 std::string add_foreign_handler(const std::string &address, int priority, const std::string &name)
 {
-    const std::string row = handler(address, priority, name, "/opt/qsx/handlers/other", "other");
+    const std::string row = foreign_handler_row(address, priority, name);
 
     change_store(handlers_store, "INSERT INTO handlers VALUES (" + row + ")");
     return row;

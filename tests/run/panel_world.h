@@ -58,7 +58,9 @@ std::string attachment_row(const std::string &address, const std::string &filena
 std::string header_row(const std::string &name, const std::string &value);
 std::string handler_row(const std::string &address);
 
-/* A handler of somebody else's, as it stands in handler_rows(), put into the store. */
+/* A handler of somebody else's as it stands in handler_rows(), and the same put into the store. */
+std::string foreign_handler_row(const std::string &address, int priority = 10,
+                                const std::string &name = "antivirus");
 std::string add_foreign_handler(const std::string &address, int priority = 10,
                                 const std::string &name = "antivirus");
 

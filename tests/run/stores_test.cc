@@ -332,7 +332,7 @@ TEST_F(StoresRun, FullDiskAtTheEndOfACopyOfHandlersFailsTheAlias)
 }
 
 /* Handlers come first: what was registered for the alias stays. */
-TEST_F(StoresRun, RefusedCopyOfARepliesLeavesTheAliasNeitherOfBoth)
+TEST_F(StoresRun, RefusedCopyOfRepliesLeavesTheAliasNeitherOfBoth)
 {
     add_everything();
     keep_store_of_test();

@@ -12,6 +12,8 @@ namespace kolmo::testing
 namespace
 {
 
+const std::string leave_grandchild = "sleep 30 & echo $! >/run/grandchild";
+
 class UtilityRun : public RunTest
 {
 protected:
@@ -20,6 +22,16 @@ protected:
     {
         return {printed(out), reported(utility_path + " execution failed:\n" + err),
                 logged("Unable to re-initialize autoresponder's database")};
+    }
+
+    /* A run whose utility has left a process behind that outlives both. */
+    static ProgramResult run_and_end_grandchild()
+    {
+        const ProgramResult result = run();
+        const pid_t grandchild = std::stoi(read_file("/run/grandchild"));
+
+        EXPECT_EQ(::kill(grandchild, SIGKILL), 0) << "it was to outlive the run";
+        return result;
     }
 
     void expect_no_rebuild()
@@ -114,15 +126,32 @@ TEST_F(UtilityRun, NothingThatASuccessPrintedIsShown)
 TEST_F(UtilityRun, GrandchildThatHoldsThePipesDoesNotHoldUpTheRun)
 {
     (void)add_simple_domain("one.example");
-    write_utility(stand_in + "; sleep 30 & echo $! >/run/grandchild");
+    write_utility(stand_in + "; " + leave_grandchild);
 
-    const ProgramResult result = run();
-    const pid_t grandchild = std::stoi(read_file("/run/grandchild"));
+    const ProgramResult result = run_and_end_grandchild();
 
-    EXPECT_EQ(::kill(grandchild, SIGKILL), 0) << "it was to outlive the run";
     EXPECT_LT(result.duration.count(), 3000);
     expect_result(result, 0);
     expect_responders({reply_row("info@one.example")});
+}
+
+TEST_F(UtilityRun, FailureWithAGrandchildShowsWhatWasPrinted)
+{
+    write_utility(leave_grandchild + "; echo to-out; echo to-err >&2; exit 1");
+
+    expect_result(run_and_end_grandchild(), 255, failure("to-out\n", "to-err\n"));
+}
+
+/* Nothing was ever read then, which is not the same as an empty text. */
+TEST_F(UtilityRun, SilentFailureWithAGrandchildIsReportedWithoutOutput)
+{
+    for (const char *end : {"exit 1", "kill -KILL $$"}) {
+        write_utility(leave_grandchild + "; " + end);
+
+        expect_result(run_and_end_grandchild(), 255,
+                      {reported(utility_path + " execution failed (no output)"),
+                       logged("Unable to re-initialize autoresponder's database")});
+    }
 }
 
 TEST_F(UtilityRun, SlowUtilityIsWaitedFor)
