@@ -143,7 +143,7 @@ TEST_F(AddAttachments, MakesTheseCallsInThisOrder)
 TEST(AddAttachmentsSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines written = {"attachments: box@example.com|one.txt", "attachments: box@example.com|Two.txt"};
-    const ResponderSweep sweep(add_attachments, written);
+    const StoreSweep sweep(add_attachments, written);
     const std::string prepare_replace = std::string("prepare ") + replace_sql;
     const std::string cannot_prepare =
         std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
@@ -208,7 +208,7 @@ TEST_F(RemoveAttachments, RefusedDeletionIsCalledAnAdditionAndIsNoFailure)
 TEST(RemoveAttachmentsSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines old = {"attachments: box@example.com|old"};
-    const ResponderSweep sweep(remove_attachments, {}, [](const ResponderStore &store) {
+    const StoreSweep sweep(remove_attachments, {}, [](const ResponderStore &store) {
         store.execute("INSERT INTO attachments VALUES ('box@example.com', 'old')");
     });
     const std::string cannot_prepare =

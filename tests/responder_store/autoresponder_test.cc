@@ -217,7 +217,7 @@ TEST(AddAutoresponderSweep, EveryCallFailsInItsOwnWay)
     const Lines old = {
         "autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
     const Lines written = {"autoresponder: " + sample_row("box@example.com", "owner@example.com")};
-    const ResponderSweep sweep(add_autoresponder, written, [](const ResponderStore &store) {
+    const StoreSweep sweep(add_autoresponder, written, [](const ResponderStore &store) {
         store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
     });
     const std::string prepare_replace = std::string("prepare ") + replace_sql;
@@ -306,7 +306,7 @@ TEST(RemoveAutoresponderSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines old = {
         "autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
-    const ResponderSweep sweep(remove_autoresponder, {}, [](const ResponderStore &store) {
+    const StoreSweep sweep(remove_autoresponder, {}, [](const ResponderStore &store) {
         store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
     });
     const std::string cannot_prepare =

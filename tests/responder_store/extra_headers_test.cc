@@ -115,7 +115,7 @@ TEST_F(AddExtraHeaders, RefusalThatRollsBackMakesTheEndFail)
 TEST(AddExtraHeadersSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines written = {"extra_headers: X-One|1", "extra_headers: X-Two|2"};
-    const ResponderSweep sweep(add_extra_headers, written);
+    const StoreSweep sweep(add_extra_headers, written);
     const std::string prepare_replace = std::string("prepare ") + replace_sql;
     const std::string cannot_prepare =
         std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
@@ -219,7 +219,7 @@ TEST_F(RemoveExtraHeaders, LockThatGoesIsWaitedForByRepeatingTheDeletion)
 TEST(RemoveExtraHeadersSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines old = {"extra_headers: X-Old|old"};
-    const ResponderSweep sweep(remove_extra_headers, {}, [](const ResponderStore &store) {
+    const StoreSweep sweep(remove_extra_headers, {}, [](const ResponderStore &store) {
         store.execute("INSERT INTO extra_headers VALUES ('X-Old', 'old')");
     });
 

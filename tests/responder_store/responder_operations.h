@@ -9,7 +9,6 @@
 
 #include "responder_store/responder_db.h"
 #include "tests/support/responder_store_fixture.h"
-#include "tests/support/store_sweep.h"
 
 namespace kolmo::testing
 {
@@ -64,8 +63,6 @@ constexpr char cannot_prepare_begin[] = "Unable to prepare SQL statement for que
 constexpr char cannot_begin[] = "Unable to begin sqlite transaction: ";
 constexpr char cannot_prepare_end[] = "Unable to prepare SQL statement for query 'END TRANSACTION;': ";
 constexpr char cannot_end[] = "Unable to end sqlite transaction: ";
-
-using ResponderSweep = StoreSweep<ResponderStore>;
 
 } // namespace kolmo::testing
 

@@ -29,6 +29,7 @@ struct Fault {
 struct Busyness {
     int times = 0;
     int done = 0;
+    bool is_due = false; /* it has to come, and has not yet */
 };
 
 constexpr std::size_t kinds = 6;
@@ -78,6 +79,7 @@ std::optional<int> SqliteFaults::State::refusal(SqliteCall kind, std::string cal
         return code;
     if (kind_busy.done < kind_busy.times) {
         kind_busy.done++;
+        kind_busy.is_due = false;
         return SQLITE_BUSY;
     }
     kind_busy.done = 0;
@@ -330,6 +332,8 @@ SqliteFaults::~SqliteFaults()
     living = nullptr;
     for (const Fault &fault : state_->faults)
         EXPECT_LE(fault.left, 0) << "the call that had to fail never came";
+    for (const Busyness &busy : state_->busy)
+        EXPECT_FALSE(busy.is_due) << "the call that had to be busy never came";
     EXPECT_LE(state_->pauses_to_failure, 0) << "the pause that had to fail never came";
     EXPECT_LE(state_->pauses_to_action, 0) << "the pause in which something had to happen never came";
     for (const auto &[statement, sql] : state_->statements)
@@ -355,13 +359,13 @@ void SqliteFaults::open_without_handle()
 
 void SqliteFaults::be_busy(SqliteCall kind, int times)
 {
-    state_->busy[static_cast<std::size_t>(kind)] = {times, 0};
+    state_->busy[static_cast<std::size_t>(kind)] = {times, 0, times > 0};
 }
 
 void SqliteFaults::be_busy_everywhere(int times)
 {
     for (const SqliteCall kind : {SqliteCall::prepare, SqliteCall::step, SqliteCall::exec, SqliteCall::close})
-        be_busy(kind, times);
+        state_->busy[static_cast<std::size_t>(kind)] = {times, 0, false};
 }
 
 void SqliteFaults::fail_pause(int nth)

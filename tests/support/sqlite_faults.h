@@ -39,7 +39,7 @@ public:
     /* Records from here on, and fails nothing yet.  One at a time. */
     SqliteFaults();
 
-    /* Closes what is still open.  The test fails when a call or pause that had to fail never came. */
+    /* Closes what is still open.  The test fails when what had to fail, or to be busy, never came. */
     ~SqliteFaults();
 
     SqliteFaults(const SqliteFaults &) = delete;
@@ -62,7 +62,7 @@ public:
      */
     void be_busy(SqliteCall kind, int times);
 
-    /* The same for all that is tried again: prepare, step, exec and close. */
+    /* The same for all that is tried again: prepare, step, exec and close, those of them that come. */
     void be_busy_everywhere(int times);
 
     /* Fail the nth pause from now on, as a signal does: errno EINTR. */
