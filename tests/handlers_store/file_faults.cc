@@ -111,6 +111,8 @@ char *__wrap_dirname(char *path)
 int __wrap_sqlite3_exec(sqlite3 *connection, const char *sql, sqlite3_callback callback, void *argument,
                         char **error)
 {
+    if (kolmo::testing::living != nullptr)
+        kolmo::testing::living->note_script(sql);
     return fails("sqlite3_exec") ? SQLITE_ERROR
                                  : __real_sqlite3_exec(connection, sql, callback, argument, error);
 }

@@ -30,12 +30,17 @@ public:
      * MODE". */
     [[nodiscard]] const std::vector<std::string> &calls() const { return calls_; }
 
+    /* The script that sqlite3_exec was last given. */
+    [[nodiscard]] const std::string &script() const { return script_; }
+    void note_script(const char *script) { script_ = script; }
+
     /* For the functions themselves: notes the call; true when it has to fail, with errno set. */
     bool fails(const std::string &function, const std::string &arguments);
 
 private:
     std::map<std::string, int> errors_;
     std::vector<std::string> calls_;
+    std::string script_;
 };
 
 } // namespace kolmo::testing

@@ -736,6 +736,17 @@ TEST_F(RunActions, WaitsForAnotherProcess)
     EXPECT_EQ(store.rows().size(), 2U);
 }
 
+TEST_F(RunActions, WaitsForAnotherProcessOnTheCallersConnectionToo)
+{
+    const StoreLock lock(store.path(), 300);
+    StoreConnection connection = store.open();
+
+    append(handler("A", "a@d.test"));
+    EXPECT_EQ(handlers_db_run_actions(list.get(), &connection, handlers_db_insert_action), 0);
+    EXPECT_TRUE(connection.is_open());
+    EXPECT_EQ(store.handlers(), Lines{"a@d.test A"});
+}
+
 } // namespace
 
 } // namespace kolmo

@@ -233,20 +233,21 @@ TEST_F(Copy, NothingToCopyIsASuccess)
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
 }
 
+/* Whichever row it is: nothing is read after it, and what was read before is not written. */
 TEST_F(Copy, RowThatCannotBeKeptIsReportedAndNothingIsCopied)
 {
-    int result = 0;
-
-    add("kept", "a@d.test");
-    add("lost", "a@d.test");
-    {
-        /* Two addresses, then six for the first row: node, record and four texts. */
-        const AllocFaults faults(9);
-        result = handlers_db_copy(nullptr, "a", "d.test", nullptr, "t.test");
+    for (const char *name : {"first", "second", "third"})
+        add(name, "a@d.test");
+    for (const int nth : {3, 9, 15}) { /* after two addresses six a row: node, record and four texts */
+        int result = 0;
+        {
+            const AllocFaults faults(nth);
+            result = handlers_db_copy(nullptr, "a", "d.test", nullptr, "t.test");
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
+        EXPECT_EQ(store.handlers(), (Lines{"a@d.test first", "a@d.test second", "a@d.test third"}));
     }
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
-    EXPECT_EQ(store.handlers(), (Lines{"a@d.test kept", "a@d.test lost"}));
 }
 
 TEST_F(Copy, RowThatCannotBeKeptLeavesTheCallersConnectionOpen)
@@ -263,6 +264,16 @@ TEST_F(Copy, RowThatCannotBeKeptLeavesTheCallersConnectionOpen)
     EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
     EXPECT_TRUE(connection.is_open());
     EXPECT_EQ(store.rows().size(), 1U);
+}
+
+TEST_F(Copy, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
+{
+    store.make_unreadable();
+    StoreConnection connection = store.open();
+
+    EXPECT_EQ(handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test"), -1);
+    EXPECT_EQ(log.take_one(), "3 Unable to select data from handlers database: integer overflow");
+    EXPECT_TRUE(connection.is_open());
 }
 
 TEST_F(Copy, CallersConnectionIsUsedForReadAndWriteAndLeftOpen)

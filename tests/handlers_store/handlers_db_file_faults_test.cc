@@ -76,6 +76,20 @@ TEST_F(CreateFaults, GivesTheFileToRootAndPopuserAndThenSetsItsMode)
     EXPECT_TRUE(store.rows().empty());
 }
 
+TEST_F(CreateFaults, ScriptIsRunAsAWholeAndToTheLetter)
+{
+    EXPECT_EQ(handlers_db_create_schema(), 0);
+    EXPECT_EQ(
+        faults.script(),
+        "BEGIN TRANSACTION;CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority "
+        "INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT "
+        "NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT "
+        "uniq_entries_constaraint PRIMARY KEY (queue, type, name, address));CREATE INDEX idx1 ON "
+        "handlers(queue, type, enabled, address);CREATE INDEX idx2 ON handlers(queue, type, enabled, "
+        "address, priority);CREATE INDEX idx3 ON handlers(name, queue, type, address);CREATE INDEX idx4 ON "
+        "handlers(name, queue, type);COMMIT;");
+}
+
 TEST_F(CreateFaults, AbsentGroupIsReportedAndTheFileRemoved)
 {
     faults.fail("getgrnam", 0); /* that the group is absent is no error to getgrnam(3) */

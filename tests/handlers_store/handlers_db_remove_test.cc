@@ -321,6 +321,17 @@ TEST_F(RemoveDomain, FailedReadIsReportedTwice)
     EXPECT_EQ(log.take(), (Lines{unprepared(domain_sql, "no such table: handlers"), no_list}));
 }
 
+TEST_F(RemoveDomain, ReadThatFailsLaterIsReportedTwiceAndLeavesTheCallersConnectionOpen)
+{
+    store.make_unreadable();
+    StoreConnection connection = store.open();
+
+    EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
+    EXPECT_EQ(log.take(),
+              (Lines{"3 Unable to select data from handlers database: integer overflow", no_list}));
+    EXPECT_TRUE(connection.is_open());
+}
+
 TEST_F(RemoveDomain, FailedReadOnTheCallersConnectionClosesItAndIsReportedTwice)
 {
     StoreConnection connection = store.open();

@@ -364,6 +364,17 @@ TEST_F(SelectToRun, FileWithoutTheTableCannotBePrepared)
                                   "': no such table: handlers");
 }
 
+TEST_F(SelectToRun, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
+{
+    const HandlerRecord wanted = filter("d.test");
+
+    store.make_unreadable();
+    StoreConnection connection = store.open(OpenMode::read_only);
+    EXPECT_EQ(handlers_db_select_to_run(&connection, list.get(), &wanted), -1);
+    EXPECT_EQ(log.take_one(), "3 Unable to get data from mail handlers database: integer overflow");
+    EXPECT_TRUE(connection.is_open());
+}
+
 TEST_F(SelectToRun, WaitsForAnotherProcess)
 {
     add("spam", "a@d.test");
@@ -478,6 +489,7 @@ TEST_F(SelectByAddress, ExactFormDoesNotFindTheDomainsMailboxes)
 TEST_F(SelectByAddress, ExactFormNeverFindsAMailbox)
 {
     add("spam", "a@d.test");
+    add("spam", "d.test");
     EXPECT_EQ(select_exact("a@d.test"), 0);
     EXPECT_TRUE(found().empty());
 }
@@ -561,6 +573,18 @@ TEST_F(SelectByAddress, MissingStoreIsReportedAndNotCreated)
                   "3 Unable to open database(readonly) " + store.path() + ": unable to open database file");
     }
     EXPECT_FALSE(store.exists());
+}
+
+TEST_F(SelectByAddress, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
+{
+    store.make_unreadable();
+    StoreConnection connection = store.open(OpenMode::read_only);
+
+    for (const bool exact : {true, false}) {
+        EXPECT_EQ(handlers_db_select_by_address(&connection, list.get(), "d.test", exact), -1);
+        EXPECT_EQ(log.take_one(), "3 Unable to select data from handlers database: integer overflow");
+        EXPECT_TRUE(connection.is_open());
+    }
 }
 
 TEST_F(SelectByAddress, WaitsForAnotherProcess)

@@ -152,6 +152,16 @@ TEST_F(DbMakeParentDirs, MakesTheFoldersButNotTheFile)
     EXPECT_FALSE(fs::exists(folder.path("a/b/file.db")));
 }
 
+/* dirname(3) cuts what it is given. */
+TEST_F(DbMakeParentDirs, CallersPathIsNotChanged)
+{
+    const std::string path = folder.path("a/b/file.db");
+    const std::string copy = path.c_str();
+
+    EXPECT_EQ(db_make_parent_dirs(path.c_str(), "test store"), 0);
+    EXPECT_EQ(path, copy);
+}
+
 TEST_F(DbMakeParentDirs, BareFileNameNeedsNoFolder)
 {
     EXPECT_EQ(db_make_parent_dirs("file.db", "test store"), 0);

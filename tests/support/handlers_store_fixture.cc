@@ -108,6 +108,14 @@ void HandlersStore::add(const HandlerRecord &record) const
     (void)sqlite3_finalize(insert);
 }
 
+/* The smallest integer has no absolute value, which shows when a row is made. */
+void HandlersStore::make_unreadable() const
+{
+    execute("DROP TABLE handlers; CREATE VIEW handlers AS SELECT 2 AS queue, 1 AS type, 1 AS enabled, "
+            "abs(-9223372036854775807 - 1) AS priority, 'spam' AS name, 'd.test' AS address, '/hook' AS "
+            "executable, 'none' AS context, 0 AS protected");
+}
+
 Lines HandlersStore::query(const std::string &sql) const
 {
     const StoreConnection connection = open(OpenMode::read_only);

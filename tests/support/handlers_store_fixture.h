@@ -46,6 +46,9 @@ public:
     /* Writes a row, the address as it stands, without the code under test. */
     void add(const HandlerRecord &record) const;
 
+    /* From now on every read fails once it has begun, with SQLite's text "integer overflow". */
+    void make_unreadable() const;
+
     /* The result rows of a statement, columns joined by "|", sorted. */
     [[nodiscard]] Lines query(const std::string &sql) const;
 
