@@ -34,6 +34,22 @@ using OwnedText = std::unique_ptr<char[], FreeMemory>;
 /* A stdio stream; the result of closing is not looked at, so only for streams that are read. */
 using OwnedFile = std::unique_ptr<std::FILE, CloseFile>;
 
+/* A list with functions of its own to begin and to free it, for the length of a scope. */
+template <typename List, auto Init, auto Free>
+class OwnedList
+{
+public:
+    OwnedList() noexcept { (void)Init(&list_); }
+    OwnedList(const OwnedList &) = delete;
+    OwnedList &operator=(const OwnedList &) = delete;
+    ~OwnedList() { Free(&list_); }
+
+    [[nodiscard]] List *get() noexcept { return &list_; }
+
+private:
+    List list_;
+};
+
 /* A file descriptor, -1 when there is none.  Closing keeps errno: it runs on the way out of failures. */
 class Fd
 {

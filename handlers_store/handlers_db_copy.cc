@@ -68,22 +68,6 @@ bool CopyPlan::set_row_target(const char *address)
     return true;
 }
 
-HandlerRecord record_from_row(sqlite3_stmt *row, const char *address)
-{
-    HandlerRecord record;
-
-    handler_record_init(&record);
-    record.priority = sqlite3_column_int(row, 0);
-    record.type = sqlite3_column_int(row, 1);
-    record.queue = sqlite3_column_int(row, 2);
-    record.name = column_text(row, 3);
-    record.executable = column_text(row, 4);
-    record.context = column_text(row, 5);
-    record.enabled = sqlite3_column_int(row, 6) == 1;
-    record.address = address;
-    return record;
-}
-
 int read_copies(StoreOp &op, CopyPlan *plan, HandlerList *list)
 {
     const std::array key = {
@@ -96,8 +80,10 @@ int read_copies(StoreOp &op, CopyPlan *plan, HandlerList *list)
                       if (plan->whole_domain && !plan->set_row_target(column_text(row, 7)))
                           return 0;
 
-                      const HandlerRecord copy = record_from_row(row, plan->target.get());
+                      HandlerRecord copy = record_from_row(row, 4);
 
+                      copy.address = plan->target.get();
+                      copy.enabled = sqlite3_column_int(row, 6) == 1;
                       kept = keep_row(list, &copy) == 0;
                       return kept ? 0 : -1;
                   }) != 0 ||

@@ -71,7 +71,9 @@ int select_to_run(StoreOp &op, HandlerList *list, const HandlerRecord &wanted)
     return -1;
 }
 
-HandlerRecord record_from_row(sqlite3_stmt *row)
+} // namespace
+
+HandlerRecord record_from_row(sqlite3_stmt *row, int executable)
 {
     HandlerRecord record;
 
@@ -80,14 +82,10 @@ HandlerRecord record_from_row(sqlite3_stmt *row)
     record.type = sqlite3_column_int(row, 1);
     record.queue = sqlite3_column_int(row, 2);
     record.name = column_text(row, 3);
-    record.address = column_text(row, 4);
-    record.executable = column_text(row, 5);
-    record.context = column_text(row, 6);
-    record.enabled = sqlite3_column_int(row, 7) != 0;
+    record.executable = column_text(row, executable);
+    record.context = column_text(row, executable + 1);
     return record;
 }
-
-} // namespace
 
 int keep_row(HandlerList *list, const HandlerRecord *record)
 {
@@ -126,8 +124,10 @@ int select_by_address(StoreOp &op, HandlerList *list, const char *address, bool 
     /* LIKE is wider than a domain, so a row's own domain decides; in the exact form, too, which for that
        reason never finds a mailbox. */
     if (op.select(exact ? select_address_sql : select_domain_sql, key, &step, [&](sqlite3_stmt *row) {
-            const HandlerRecord record = record_from_row(row);
+            HandlerRecord record = record_from_row(row, 5);
 
+            record.address = column_text(row, 4);
+            record.enabled = sqlite3_column_int(row, 7) != 0;
             if (record.address != nullptr && std::strcmp(domain_part(record.address), wanted) == 0 &&
                 keep_row(list, &record) != 0)
                 result = -1;

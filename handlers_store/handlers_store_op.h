@@ -50,6 +50,13 @@ template <typename Body>
     return reinterpret_cast<const char *>(sqlite3_column_text(row, column));
 }
 
+/*
+ * The record of a row whose first columns are priority, type, queue and name, and whose columns `executable`
+ * and the one after it are executable and context; its texts are borrowed until the next step.  What each
+ * select means by its address and its enabled column it sets itself.
+ */
+[[nodiscard]] HandlerRecord record_from_row(sqlite3_stmt *row, int executable);
+
 /* Appends a copy of a row that was read, or logs that it could not be kept and returns -1. */
 [[nodiscard]] int keep_row(HandlerList *list, const HandlerRecord *record);
 

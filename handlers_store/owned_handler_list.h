@@ -4,25 +4,13 @@
 #ifndef KOLMO_HANDLERS_STORE_OWNED_HANDLER_LIST_H
 #define KOLMO_HANDLERS_STORE_OWNED_HANDLER_LIST_H
 
+#include "common/owned.h"
 #include "handlers_store/handler_record.h"
 
 namespace kolmo
 {
 
-/* A list that lives for one scope. */
-class OwnedHandlerList
-{
-public:
-    OwnedHandlerList() { (void)handler_list_init(&list_); }
-    OwnedHandlerList(const OwnedHandlerList &) = delete;
-    OwnedHandlerList &operator=(const OwnedHandlerList &) = delete;
-    ~OwnedHandlerList() { handler_list_free(&list_); }
-
-    [[nodiscard]] HandlerList *get() noexcept { return &list_; }
-
-private:
-    HandlerList list_;
-};
+using OwnedHandlerList = OwnedList<HandlerList, handler_list_init, handler_list_free>;
 
 } // namespace kolmo
 

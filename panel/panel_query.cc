@@ -19,6 +19,15 @@ constexpr std::size_t QUERY_SIZE = 4096;
 char query_result[RESULT_SIZE];
 char setting_result[RESULT_SIZE];
 
+/* The caller's connection or, when that is null, one that `own` closes; null when there is none to be had. */
+MYSQL *connection_or_own(MYSQL *connection, PanelConnection *own)
+{
+    if (connection != nullptr)
+        return connection;
+    own->reset(panel_db_connect());
+    return own->get();
+}
+
 /* A statement that gives no rows by its nature has no result, and a result may be narrower than asked. */
 const char *first_row_value(MYSQL_RES *result, int column)
 {
@@ -43,10 +52,7 @@ const char *panel_query_value(const char *query, MYSQL *connection, int column)
 {
     PanelConnection own;
 
-    if (connection == nullptr) {
-        own.reset(panel_db_connect());
-        connection = own.get();
-    }
+    connection = connection_or_own(connection, &own);
     if (connection == nullptr) {
         report_error(0, 0, "Unable to connect to the mysql database\n");
         return nullptr;
@@ -82,10 +88,7 @@ const char *panel_mail_server_setting(const char *name, MYSQL *connection)
 {
     PanelConnection own;
 
-    if (connection == nullptr) {
-        own.reset(panel_db_connect());
-        connection = own.get();
-    }
+    connection = connection_or_own(connection, &own);
     if (connection == nullptr) {
         report_error(0, 0, "Unable to connect to mysql database\n");
         return nullptr;

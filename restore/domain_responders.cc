@@ -23,20 +23,7 @@ namespace
 
 constexpr std::size_t query_size = 4096;
 
-/* A list that lives for one domain. */
-class OwnedResponderList
-{
-public:
-    OwnedResponderList() { responder_list_init(&list_); }
-    OwnedResponderList(const OwnedResponderList &) = delete;
-    OwnedResponderList &operator=(const OwnedResponderList &) = delete;
-    ~OwnedResponderList() { responder_list_free(&list_); }
-
-    [[nodiscard]] ResponderList *get() noexcept { return &list_; }
-
-private:
-    ResponderList list_;
-};
+using OwnedResponderList = OwnedList<ResponderList, responder_list_init, responder_list_free>;
 
 /* File names in the server's order. */
 class FileNames
