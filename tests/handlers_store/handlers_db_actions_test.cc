@@ -11,6 +11,7 @@
 #include "responder_store/busy_retry.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -22,7 +23,7 @@ using testing::AllocFaults;
 using testing::handler;
 using testing::HandlersStoreTest;
 using testing::Lines;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 using testing::text_of;
 
 constexpr const char *insert_sql =
@@ -355,7 +356,7 @@ TEST_F(InsertAction, StoreThatCannotBeOpenedIsReported)
 
 TEST_F(InsertAction, WaitsForAnotherProcess)
 {
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(insert(handler("spam", "a@d.test")), 0);
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
@@ -533,7 +534,7 @@ TEST_F(DeleteAction, StoreThatCannotBeOpenedIsReported)
 
 TEST_F(DeleteAction, WaitsForAnotherProcess)
 {
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(remove(handler("spam", "all")), 0);
     EXPECT_EQ(store.handlers(), virus_only);
@@ -728,7 +729,7 @@ TEST_F(RunActions, MissingStoreIsCreated)
 
 TEST_F(RunActions, WaitsForAnotherProcess)
 {
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     append(handler("A", "a@d.test"));
     append(handler("B", "a@d.test"));
@@ -738,7 +739,7 @@ TEST_F(RunActions, WaitsForAnotherProcess)
 
 TEST_F(RunActions, WaitsForAnotherProcessOnTheCallersConnectionToo)
 {
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
     StoreConnection connection = store.open();
 
     append(handler("A", "a@d.test"));

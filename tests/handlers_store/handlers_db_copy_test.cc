@@ -9,6 +9,7 @@
 #include "handlers_store/handlers_db.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -20,7 +21,7 @@ using testing::AllocFaults;
 using testing::handler;
 using testing::HandlersStoreTest;
 using testing::Lines;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 
 constexpr const char *mailbox_sql =
     "SELECT priority, type, queue, name, executable, context, enabled FROM handlers WHERE address=?";
@@ -335,7 +336,7 @@ TEST_F(Copy, FailedBatchIsReportedByTheDriverAndThenByTheCopy)
 TEST_F(Copy, WaitsForAnotherProcess)
 {
     add("spam", "a@d.test");
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(copy_domain("d.test", "t.test"), 0);
     EXPECT_EQ(store.handlers(), (Lines{"a@d.test spam", "a@t.test spam"}));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -19,7 +20,7 @@ using testing::handler;
 using testing::HandlersStore;
 using testing::HandlersStoreTest;
 using testing::Lines;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 
 namespace fs = std::filesystem;
 
@@ -133,7 +134,7 @@ TEST_F(HandlersDbFile, CreateSchemaOnALockedFileFailsBecauseTheRepeatedScriptMee
 {
     store.remove();
     {
-        const StoreLock lock(store.path(), 300);
+        const OtherProcessLock lock(store.path(), 300);
 
         EXPECT_EQ(handlers_db_create_schema(), -1);
     }

@@ -5,6 +5,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -15,7 +16,7 @@ namespace
 using testing::handler;
 using testing::HandlersStoreTest;
 using testing::Lines;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 
 constexpr const char *by_address_sql = "DELETE FROM handlers WHERE address=?";
 constexpr const char *by_name_sql = "DELETE FROM handlers WHERE name=?";
@@ -163,7 +164,7 @@ TEST_F(ExecWithParam, MissingStoreIsCreatedWithoutItsTable)
 TEST_F(ExecWithParam, WaitsForAnotherProcess)
 {
     add("spam", "a@d.test");
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(handlers_db_exec_with_param(nullptr, by_name_sql, "spam"), 0);
     EXPECT_TRUE(store.rows().empty());
@@ -389,7 +390,7 @@ TEST_F(RemoveDomain, FailedBatchIsReportedByTheDriverAndThenWithTheCopysMessage)
 TEST_F(RemoveDomain, WaitsForAnotherProcess)
 {
     add("spam", "a@d.test");
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(handlers_db_remove_domain(nullptr, "d.test"), 0);
     EXPECT_TRUE(store.rows().empty());

@@ -8,6 +8,7 @@
 #include "handlers_store/owned_handler_list.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -19,7 +20,7 @@ using testing::AllocFaults;
 using testing::handler;
 using testing::HandlersStoreTest;
 using testing::Lines;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 using testing::texts_of;
 
 constexpr const char *to_run_sql =
@@ -378,7 +379,7 @@ TEST_F(SelectToRun, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnecti
 TEST_F(SelectToRun, WaitsForAnotherProcess)
 {
     add("spam", "a@d.test");
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(select(filter("a@d.test")), 0);
     EXPECT_EQ(found(), Lines{"a@d.test spam"});
@@ -590,7 +591,7 @@ TEST_F(SelectByAddress, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConn
 TEST_F(SelectByAddress, WaitsForAnotherProcess)
 {
     add("spam", "d.test");
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(select_domain("d.test"), 0);
     EXPECT_EQ(found(), Lines{"d.test spam"});

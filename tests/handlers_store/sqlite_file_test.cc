@@ -10,6 +10,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/other_process_lock.h"
 
 namespace kolmo
 {
@@ -21,7 +22,7 @@ using testing::HandlersStore;
 using testing::HandlersStoreTest;
 using testing::Lines;
 using testing::LogCapture;
-using testing::StoreLock;
+using testing::OtherProcessLock;
 using testing::TempDir;
 
 namespace fs = std::filesystem;
@@ -214,7 +215,7 @@ TEST_F(SqliteDbRecreate, FileThatCannotBeOpenedIsReportedWithThePath)
 
 TEST_F(SqliteDbRecreate, WaitsForAnotherProcess)
 {
-    const StoreLock lock(store.path(), 300);
+    const OtherProcessLock lock(store.path(), 300);
 
     EXPECT_EQ(recreate("CREATE TABLE t (x);"), 0);
     EXPECT_EQ(store.query("SELECT count(*) FROM t"), Lines{"0"});

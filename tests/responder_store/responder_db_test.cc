@@ -12,6 +12,7 @@
 
 #include "responder_store/busy_retry.h"
 #include "tests/responder_store/responder_operations.h"
+#include "tests/support/other_process_lock.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 

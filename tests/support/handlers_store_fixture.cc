@@ -1,12 +1,8 @@
 #include "tests/support/handlers_store_fixture.h"
 
 #include <algorithm>
-#include <cstdlib>
 
-#include <poll.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "handlers_store/handlers_db.h"
@@ -22,59 +18,27 @@ std::string text_or_null(const char *text)
     return text != nullptr ? text : "NULL";
 }
 
-std::string column_or_null(sqlite3_stmt *row, int column)
-{
-    return text_or_null(reinterpret_cast<const char *>(sqlite3_column_text(row, column)));
-}
-
 /* A test's own file need not survive a power cut, and so the test is quick. */
 void do_not_sync(const StoreConnection &connection)
 {
     (void)sqlite3_exec(connection.get(), "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
 }
 
-/* What the locking process does; it leaves without cleaning up what it inherited. */
-[[noreturn]] void hold_lock(const char *path, int ready, int milliseconds)
-{
-    sqlite3 *db = nullptr;
-
-    if (sqlite3_open(path, &db) != SQLITE_OK ||
-        sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK ||
-        write(ready, "", 1) != 1)
-        _exit(1);
-    (void)poll(nullptr, 0, milliseconds);
-    _exit(sqlite3_close(db) == SQLITE_OK ? 0 : 1);
-}
-
 } // namespace
 
-HandlersStore::HandlersStore() : path_(folder_.path("handlers.db")), saved_path_(handlers_db_path)
+HandlersStore::HandlersStore() : StoreFile("handlers.db", handlers_db_path)
 {
-    handlers_db_set_path(path_.c_str());
     EXPECT_EQ(handlers_db_create_schema(), 0);
-}
-
-HandlersStore::~HandlersStore()
-{
-    handlers_db_set_path(saved_path_);
 }
 
 bool HandlersStore::exists() const
 {
-    return access(path_.c_str(), F_OK) == 0;
+    return access(path().c_str(), F_OK) == 0;
 }
 
 void HandlersStore::remove() const
 {
-    EXPECT_EQ(unlink(path_.c_str()), 0);
-}
-
-StoreConnection HandlersStore::open(OpenMode mode) const
-{
-    StoreConnection connection;
-
-    EXPECT_EQ(open_store(&connection, path_.c_str(), mode), 0);
-    return connection;
+    EXPECT_EQ(unlink(path().c_str()), 0);
 }
 
 void HandlersStore::execute(const std::string &sql) const
@@ -82,8 +46,7 @@ void HandlersStore::execute(const std::string &sql) const
     const StoreConnection connection = open();
 
     do_not_sync(connection);
-    EXPECT_EQ(sqlite3_exec(connection.get(), sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << connection.detail() << ": " << sql;
+    (void)result_rows(connection.get(), sql);
 }
 
 void HandlersStore::add(const HandlerRecord &record) const
@@ -118,20 +81,8 @@ void HandlersStore::make_unreadable() const
 
 Lines HandlersStore::query(const std::string &sql) const
 {
-    const StoreConnection connection = open(OpenMode::read_only);
-    sqlite3_stmt *select = nullptr;
-    Lines found;
+    Lines found = result_rows(open(OpenMode::read_only).get(), sql);
 
-    EXPECT_EQ(sqlite3_prepare_v2(connection.get(), sql.c_str(), -1, &select, nullptr), SQLITE_OK)
-        << connection.detail() << ": " << sql;
-    while (select != nullptr && sqlite3_step(select) == SQLITE_ROW) {
-        std::string line = column_or_null(select, 0);
-
-        for (int column = 1; column < sqlite3_column_count(select); column++)
-            line += '|' + column_or_null(select, column);
-        found.push_back(line);
-    }
-    EXPECT_EQ(sqlite3_finalize(select), SQLITE_OK) << connection.detail();
     std::sort(found.begin(), found.end());
     return found;
 }
@@ -168,33 +119,6 @@ Lines texts_of(const HandlerList &list)
     for (const HandlerNode *node = list.head; node != nullptr; node = node->next)
         texts.push_back(text_of(*node->record));
     return texts;
-}
-
-StoreLock::StoreLock(const std::string &path, int milliseconds)
-{
-    int ready[2];
-    char byte;
-
-    if (pipe(ready) != 0) {
-        ADD_FAILURE() << "no pipe";
-        return;
-    }
-    process_ = fork();
-    if (process_ == 0)
-        hold_lock(path.c_str(), ready[1], milliseconds);
-    (void)close(ready[1]);
-    EXPECT_EQ(read(ready[0], &byte, 1), 1) << "the other process has not locked " << path;
-    (void)close(ready[0]);
-}
-
-StoreLock::~StoreLock()
-{
-    int status = 0;
-
-    if (process_ > 0) {
-        EXPECT_EQ(waitpid(process_, &status, 0), process_);
-        EXPECT_EQ(status, 0);
-    }
 }
 
 } // namespace kolmo::testing

@@ -1,5 +1,5 @@
 /*
- * handlers_store_fixture: a handlers store of a test's own, and a second process that locks it.
+ * handlers_store_fixture: a handlers store of a test's own.
  *
  * Rows and records are compared as text, one form for both, null as "NULL":
  *
@@ -9,34 +9,24 @@
 #define KOLMO_TESTS_SUPPORT_HANDLERS_STORE_FIXTURE_H
 
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include "handlers_store/handler_record.h"
 #include "responder_store/store_connection.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/store_file.h"
 
 namespace kolmo::testing
 {
 
-using Lines = std::vector<std::string>;
-
 /* While it lives, handlers_db_path leads to a store in a temporary folder, made by handlers_db_create_schema.
  */
-class HandlersStore
+class HandlersStore : public StoreFile
 {
 public:
     HandlersStore();
-    ~HandlersStore();
-    HandlersStore(const HandlersStore &) = delete;
-    HandlersStore &operator=(const HandlersStore &) = delete;
 
-    [[nodiscard]] const std::string &path() const { return path_; }
-    [[nodiscard]] const TempDir &folder() const { return folder_; }
     [[nodiscard]] bool exists() const;
     void remove() const;
 
@@ -57,14 +47,6 @@ public:
 
     /* "address name" of all rows, sorted. */
     [[nodiscard]] Lines handlers() const;
-
-    /* A connection of the kind that a caller passes. */
-    [[nodiscard]] StoreConnection open(OpenMode mode = OpenMode::read_write) const;
-
-private:
-    TempDir folder_;
-    std::string path_;
-    const char *saved_path_;
 };
 
 /* A test with a store, in which every logged line must be announced. */
@@ -81,23 +63,6 @@ protected:
 /* The text of a record, and those of a list from its head. */
 [[nodiscard]] std::string text_of(const HandlerRecord &record);
 [[nodiscard]] Lines texts_of(const HandlerList &list);
-
-/*
- * An exclusive lock on an SQLite file, held by another process from the end of the constructor for so many
- * milliseconds.  This process must have no connection to the file at that moment: SQLite's locks do not
- * survive a fork.
- */
-class StoreLock
-{
-public:
-    StoreLock(const std::string &path, int milliseconds);
-    ~StoreLock();
-    StoreLock(const StoreLock &) = delete;
-    StoreLock &operator=(const StoreLock &) = delete;
-
-private:
-    pid_t process_ = -1;
-};
 
 } // namespace kolmo::testing
 

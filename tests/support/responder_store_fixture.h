@@ -1,60 +1,43 @@
 /*
- * responder_store_fixture: a responder store of a test's own, and a second process that locks it.
- *
- * A row is compared as text: its columns joined by "|", null as "NULL".
+ * responder_store_fixture: a responder store of a test's own.
  */
 #ifndef KOLMO_TESTS_SUPPORT_RESPONDER_STORE_FIXTURE_H
 #define KOLMO_TESTS_SUPPORT_RESPONDER_STORE_FIXTURE_H
 
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/types.h>
 
 #include "responder_store/responder_record.h"
 #include "responder_store/store_connection.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/store_file.h"
 
 namespace kolmo::testing
 {
-
-using Lines = std::vector<std::string>;
 
 /*
  * While it lives, responder_db_path leads to an empty store in a temporary folder.  A test that uses
  * SqliteFaults declares this first: the connection by which a test looks at the store is none of theirs.
  */
-class ResponderStore
+class ResponderStore : public StoreFile
 {
 public:
     ResponderStore();
     ~ResponderStore();
-    ResponderStore(const ResponderStore &) = delete;
-    ResponderStore &operator=(const ResponderStore &) = delete;
-
-    [[nodiscard]] const std::string &path() const { return path_; }
-    [[nodiscard]] const TempDir &folder() const { return folder_; }
 
     /* Runs SQL statements on the test's own connection, where a lock can be held; they must succeed. */
     void execute(const std::string &sql) const { (void)query(sql); }
 
     /* The result rows of a statement, in its order. */
-    [[nodiscard]] Lines query(const std::string &sql) const;
+    [[nodiscard]] Lines query(const std::string &sql) const { return result_rows(connection_, sql); }
 
     /* The committed rows of a table in the order in which they were written; of all tables, "TABLE: row". */
     [[nodiscard]] Lines rows(const std::string &table) const;
     [[nodiscard]] Lines rows() const;
 
-    /* A connection of the kind that a caller passes. */
-    [[nodiscard]] StoreConnection open() const;
-
 private:
-    TempDir folder_;
-    std::string path_;
-    const char *saved_path_;
     sqlite3 *connection_ = nullptr;
 };
 
@@ -75,25 +58,6 @@ protected:
 
 /* Whether a connection has begun a transaction and not ended it. */
 [[nodiscard]] bool in_transaction(const StoreConnection &connection);
-
-/*
- * An exclusive lock on an SQLite file, held by another process from the end of the constructor
- * for so many milliseconds.  The connections of this process to the file must be idle at that moment.
- */
-class OtherProcessLock
-{
-public:
-    OtherProcessLock(const std::string &path, int milliseconds);
-
-    /* Waits for the process's end. */
-    ~OtherProcessLock();
-
-    OtherProcessLock(const OtherProcessLock &) = delete;
-    OtherProcessLock &operator=(const OtherProcessLock &) = delete;
-
-private:
-    pid_t process_ = -1;
-};
 
 } // namespace kolmo::testing
 
