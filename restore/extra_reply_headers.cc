@@ -1,6 +1,7 @@
 #include "restore/extra_reply_headers.h"
 
 #include <exception>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -39,16 +40,16 @@ void read_headers(HeaderTexts *headers, const std::string &json)
 
 int store_extra_headers(StoreConnection *connection, const char *json)
 {
-    HeaderTexts headers;
+    std::optional<HeaderTexts> headers; /* even an empty tree needs memory */
 
     try {
-        read_headers(&headers, json);
+        read_headers(&headers.emplace(), json);
     } catch (const std::exception &error) {
         log_message(LOG_ERR, "Unable to parse auto-reply headers json: %s", error.what());
         return -1;
     }
-    return responder_db_add_extra_headers(connection, headers.names.data(), headers.values.data(),
-                                          static_cast<int>(headers.names.size()));
+    return responder_db_add_extra_headers(connection, headers->names.data(), headers->values.data(),
+                                          static_cast<int>(headers->names.size()));
 }
 
 } // namespace kolmo
