@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/log_capture.h"
@@ -38,14 +39,7 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
-using testing::handler;
-using testing::Lines;
-using testing::LogCapture;
-using testing::text_of;
-using testing::texts_of;
-
-constexpr const char *out_of_memory = "3 System error: Cannot allocate memory";
+using namespace testing;
 
 /* The pointers that code under test frees, in order. */
 class FreedMemory

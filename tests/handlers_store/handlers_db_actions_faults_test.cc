@@ -5,6 +5,7 @@
 #include "handlers_store/handlers_db.h"
 #include "handlers_store/owned_handler_list.h"
 #include "tests/handlers_store/handlers_sweep.h"
+#include "tests/handlers_store/handlers_texts.h"
 
 namespace kolmo
 {
@@ -12,37 +13,22 @@ namespace kolmo
 namespace
 {
 
-using testing::bind_row;
-using testing::Connection;
-using testing::FaultTable;
-using testing::handler;
-using testing::HandlersSweep;
-using testing::Lines;
-using testing::prepare_row;
-using testing::repeat;
+using namespace testing;
 
-constexpr const char *insert_sql =
-    "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, protected, "
-    "enabled) VALUES(?, ?, ?, LOWER(?), ?, ?, ?, ?, ?)";
-constexpr const char *delete_one_sql =
-    "DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?";
-constexpr const char *delete_everywhere_sql = "DELETE FROM handlers WHERE name=? AND type=? AND queue=?";
-
-/* What each action does and says up to its step, for a record called `name`. */
+/* What the insert does and says up to its step, for an odd_record of this name. */
 FaultTable insert_table(const std::string &name, const Lines &before)
 {
-    return {
-        prepare_row(insert_sql, before),
-        bind_row("1 -7", "Unable to bind parameter 'priority' to the 'INSERT' query: ", before),
-        bind_row("2 '" + name + "'", "Unable to bind parameter 'name' to the 'INSERT' query: ", before),
-        bind_row("3 3", "Unable to bind parameter 'type' to the 'INSERT' query: ", before),
-        bind_row("4 'A@d.test'", "Unable to bind parameter 'address' to the 'INSERT' query: ", before),
-        bind_row("5 9", "Unable to bind parameter 'queue' to the 'INSERT' query: ", before),
-        bind_row("6 '/program'", "Unable to bind parameter 'address' to the 'INSERT' query: ", before),
-        bind_row("7 'argument'", "Unable to bind parameter 'context' to the 'INSERT' query: ", before),
-        bind_row("8 1", "Unable to bind parameter 'protect_on_restore' to the 'INSERT' query: ", before),
-        bind_row("9 0", "Unable to bind parameter 'enabled' to the 'INSERT' query: ", before),
-    };
+    return statement_rows(insert_sql,
+                          {{"priority", "-7"},
+                           {"name", "'" + name + "'"},
+                           {"type", "3"},
+                           {"address", "'A@d.test'"},
+                           {"queue", "9"},
+                           {"address", "'/program'"},
+                           {"context", "'argument'"},
+                           {"protect_on_restore", "1"},
+                           {"enabled", "0"}},
+                          before);
 }
 
 /* Values that tell the columns apart. */
@@ -61,8 +47,6 @@ protected:
         store.add(handler("spam", "b@d.test"));
     }
 
-    std::string open_failure() const { return "3 Unable to open database " + store.path() + ": "; }
-
     /* Runs an action on a record with texts of its own. */
     static int act(HandlerAction action, StoreConnection *connection, const HandlerRecord &source)
     {
@@ -74,6 +58,8 @@ protected:
     }
 
     const Lines before = {"a@d.test spam", "b@d.test spam"};
+    const std::string refused_insert = "Unable to execute insert record into handlers database: ";
+    const std::string refused_delete = "Unable to execute delete record from handlers database: ";
 };
 
 class InsertActionFaults : public ActionSweep
@@ -96,7 +82,6 @@ protected:
     };
     const Lines after_one = {"b@d.test spam"};
     const Lines after_everywhere = {};
-    const std::string refused = "3 Unable to execute delete record from handlers database: ";
 };
 
 /* A batch of two. */
@@ -121,22 +106,14 @@ protected:
 
 TEST_F(InsertActionFaults, EveryCallFailsOnce)
 {
-    const FaultTable table = FaultTable{{"open", {open_failure()}, -1, Connection::closed, before}} +
-                             insert_table("odd", before) +
-                             FaultTable{{"step",
-                                         {"3 Unable to execute insert record into handlers database: "},
-                                         -1,
-                                         Connection::open,
-                                         before},
-                                        {"close", {}, 0, Connection::closed, after}};
-
-    sweep_calls(table, insert);
+    sweep_calls(FaultTable{open_row(before)} + insert_table("odd", before) +
+                    FaultTable{step_row(refused_insert, -1, before), close_row(after)},
+                insert);
 }
 
 TEST_F(InsertActionFaults, EveryPauseFailsOnce)
 {
-    sweep_own_pauses(repeat({{1, before}, {2, after}}), insert);
-    sweep_callers_pauses(repeat({{1, before}, {1, after}}), insert);
+    sweep_pauses_to_commit(1, before, after, insert);
 }
 
 TEST_F(InsertActionFaults, EveryCallIsBusyTwice)
@@ -146,40 +123,30 @@ TEST_F(InsertActionFaults, EveryCallIsBusyTwice)
 
 TEST_F(DeleteActionFaults, EveryCallFailsOnceForOneAddress)
 {
-    sweep_calls(
-        {{"open", {open_failure()}, -1, Connection::closed, before},
-         prepare_row(delete_one_sql, before),
-         bind_row("1 'spam'", "Unable to bind parameter 'name' to the 'DELETE' query: ", before),
-         bind_row("2 1", "Unable to bind parameter 'type' to the 'DELETE' query: ", before),
-         bind_row("3 'A@d.test'", "Unable to bind parameter 'address' to the 'DELETE' query: ", before),
-         bind_row("4 2", "Unable to bind parameter 'queue' to the 'DELETE' query: ", before),
-         {"step", {refused}, -1, Connection::open, before},
-         {"close", {}, 0, Connection::closed, after_one}},
-        delete_one);
+    const Bound bound = {{"name", "'spam'"}, {"type", "1"}, {"address", "'A@d.test'"}, {"queue", "2"}};
+
+    sweep_calls(FaultTable{open_row(before)} + statement_rows(delete_one_sql, bound, before) +
+                    FaultTable{step_row(refused_delete, -1, before), close_row(after_one)},
+                delete_one);
 }
 
 TEST_F(DeleteActionFaults, EveryCallFailsOnceForEveryAddress)
 {
-    sweep_calls({{"open", {open_failure()}, -1, Connection::closed, before},
-                 prepare_row(delete_everywhere_sql, before),
-                 bind_row("1 'spam'", "Unable to bind parameter 'name' to the 'DELETE' query: ", before),
-                 bind_row("2 1", "Unable to bind parameter 'type' to the 'DELETE' query: ", before),
-                 bind_row("3 2", "Unable to bind parameter 'queue' to the 'DELETE' query: ", before),
-                 {"step", {refused}, -1, Connection::open, before},
-                 {"close", {}, 0, Connection::closed, after_everywhere}},
+    const Bound bound = {{"name", "'spam'"}, {"type", "1"}, {"queue", "2"}};
+
+    sweep_calls(FaultTable{open_row(before)} + statement_rows(delete_everywhere_sql, bound, before) +
+                    FaultTable{step_row(refused_delete, -1, before), close_row(after_everywhere)},
                 delete_everywhere);
 }
 
 TEST_F(DeleteActionFaults, EveryPauseFailsOnceForOneAddress)
 {
-    sweep_own_pauses(repeat({{1, before}, {2, after_one}}), delete_one);
-    sweep_callers_pauses(repeat({{1, before}, {1, after_one}}), delete_one);
+    sweep_pauses_to_commit(1, before, after_one, delete_one);
 }
 
 TEST_F(DeleteActionFaults, EveryPauseFailsOnceForEveryAddress)
 {
-    sweep_own_pauses(repeat({{1, before}, {2, after_everywhere}}), delete_everywhere);
-    sweep_callers_pauses(repeat({{1, before}, {1, after_everywhere}}), delete_everywhere);
+    sweep_pauses_to_commit(1, before, after_everywhere, delete_everywhere);
 }
 
 TEST_F(DeleteActionFaults, EveryCallIsBusyTwice)
@@ -191,32 +158,20 @@ TEST_F(DeleteActionFaults, EveryCallIsBusyTwice)
 /* A prepare or bind that fails inside the batch ends it; a refused row does not. */
 TEST_F(RunActionsFaults, EveryCallFailsOnce)
 {
-    const std::string refused = "3 Unable to execute insert record into handlers database: ";
-    const FaultTable begin = {
-        {"open", {open_failure()}, -1, Connection::closed, before},
-        prepare_row("BEGIN TRANSACTION;", before),
-        {"step", {"3 Unable to begin sqlite transaction: "}, -1, Connection::closed, before},
-    };
-    const FaultTable first_step = {
-        {"step", {refused}, 0, Connection::open, {"a@d.test second", "a@d.test spam", "b@d.test spam"}}};
-    const FaultTable second_step = {
-        {"step", {refused}, 0, Connection::open, {"a@d.test first", "a@d.test spam", "b@d.test spam"}}};
-    const FaultTable end = {
-        prepare_row("END TRANSACTION;", before),
-        {"step", {"3 Unable to end sqlite transaction: "}, -1, Connection::closed, before},
-        {"close", {}, 0, Connection::closed, after},
-    };
+    const Lines without_first = {"a@d.test second", "a@d.test spam", "b@d.test spam"};
+    const Lines without_second = {"a@d.test first", "a@d.test spam", "b@d.test spam"};
 
-    sweep_calls(begin + insert_table("first", before) + first_step + insert_table("second", before) +
-                    second_step + end,
+    sweep_calls(FaultTable{open_row(before)} + begin_rows(before) + insert_table("first", before) +
+                    FaultTable{step_row(refused_insert, 0, without_first)} + insert_table("second", before) +
+                    FaultTable{step_row(refused_insert, 0, without_second)} + end_rows(before) +
+                    FaultTable{close_row(after)},
                 run);
 }
 
+/* BEGIN, two inserts and END, a prepare and a step each; only the step of END commits. */
 TEST_F(RunActionsFaults, EveryPauseFailsOnce)
 {
-    /* BEGIN, two inserts and END, a prepare and a step each; only the step of END commits. */
-    sweep_own_pauses(repeat({{7, before}, {2, after}}), run);
-    sweep_callers_pauses(repeat({{7, before}, {1, after}}), run);
+    sweep_pauses_to_commit(7, before, after, run);
 }
 
 TEST_F(RunActionsFaults, EveryCallIsBusyTwice)
@@ -230,7 +185,7 @@ TEST_F(RunActionsFaults, EmptyAndNullListsRunAnEmptyTransaction)
 
     for (const HandlerList *actions :
          {static_cast<const HandlerList *>(empty.get()), static_cast<const HandlerList *>(nullptr)}) {
-        testing::SqliteFaults faults;
+        SqliteFaults faults;
 
         EXPECT_EQ(handlers_db_run_actions(actions, nullptr, handlers_db_insert_action), 0);
         EXPECT_EQ(faults.calls(),

@@ -9,6 +9,7 @@
 #include "handlers_store/handlers_db.h"
 #include "handlers_store/owned_handler_list.h"
 #include "responder_store/busy_retry.h"
+#include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
@@ -19,24 +20,7 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
-using testing::handler;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::OtherProcessLock;
-using testing::text_of;
-
-constexpr const char *insert_sql =
-    "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, protected, "
-    "enabled) VALUES(?, ?, ?, LOWER(?), ?, ?, ?, ?, ?)";
-
-const std::string general_error = "general DB errror";
-
-/* What SQLite says of a statement for a connection that was closed. */
-std::string unprepared(const std::string &sql)
-{
-    return "3 Unable to prepare SQL statement for query '" + sql + "': " + general_error;
-}
+using namespace testing;
 
 HandlerRecord global_handler(const char *address)
 {
@@ -65,7 +49,7 @@ private:
 class GlobalAddress : public ::testing::Test
 {
 protected:
-    testing::LogCapture log;
+    LogCapture log;
 };
 
 class InsertAction : public HandlersStoreTest
@@ -340,8 +324,7 @@ TEST_F(InsertAction, StatementThatCannotBePreparedClosesTheCallersConnection)
 
     store.execute("DROP TABLE handlers");
     EXPECT_EQ(handlers_db_insert_action(&connection, &record), -1);
-    EXPECT_EQ(log.take_one(), std::string("3 Unable to prepare SQL statement for query '") + insert_sql +
-                                  "': no such table: handlers");
+    EXPECT_EQ(log.take_one(), unprepared(insert_sql, "no such table: handlers"));
     EXPECT_FALSE(connection.is_open());
 }
 
@@ -502,10 +485,9 @@ TEST_F(DeleteAction, ClosedConnectionFailsCleanly)
     OwnRecord one(handler("spam", "a@d.test"));
 
     EXPECT_EQ(handlers_db_delete_action(&closed, everywhere.get()), -1);
-    EXPECT_EQ(log.take_one(), unprepared("DELETE FROM handlers WHERE name=? AND type=? AND queue=?"));
+    EXPECT_EQ(log.take_one(), unprepared(delete_everywhere_sql));
     EXPECT_EQ(handlers_db_delete_action(&closed, one.get()), -1);
-    EXPECT_EQ(log.take_one(),
-              unprepared("DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?"));
+    EXPECT_EQ(log.take_one(), unprepared(delete_one_sql));
 }
 
 TEST_F(DeleteAction, RefusedDeleteIsReportedAndLeavesTheCallersConnectionOpen)

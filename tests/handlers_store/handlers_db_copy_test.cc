@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
+#include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
@@ -17,26 +18,7 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
-using testing::handler;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::OtherProcessLock;
-
-constexpr const char *mailbox_sql =
-    "SELECT priority, type, queue, name, executable, context, enabled FROM handlers WHERE address=?";
-constexpr const char *domain_sql =
-    "SELECT priority, type, queue, name, executable, context, enabled, address "
-    "FROM handlers WHERE address LIKE '%' || ? || '%'";
-
-constexpr const char *out_of_memory = "3 System error: Cannot allocate memory";
-constexpr const char *not_kept = "3 Unable to save the data from SELECT query";
-constexpr const char *not_added = "3 Unable to add records into handlers database";
-
-std::string unprepared(const std::string &sql)
-{
-    return "3 Unable to prepare SQL statement for query '" + sql + "': general DB errror";
-}
+using namespace testing;
 
 class Copy : public HandlersStoreTest
 {
@@ -302,11 +284,11 @@ TEST_F(Copy, ClosedConnectionFailsCleanly)
     StoreConnection closed;
 
     EXPECT_EQ(handlers_db_copy(&closed, "a", "d.test", "x", "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(mailbox_sql));
+    EXPECT_EQ(log.take_one(), unprepared(copy_mailbox_sql));
     EXPECT_EQ(handlers_db_copy(&closed, "a", "d.test", nullptr, "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(mailbox_sql));
+    EXPECT_EQ(log.take_one(), unprepared(copy_mailbox_sql));
     EXPECT_EQ(handlers_db_copy(&closed, nullptr, "d.test", nullptr, "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(domain_sql));
+    EXPECT_EQ(log.take_one(), unprepared(copy_domain_sql));
 }
 
 TEST_F(Copy, StoreThatCannotBeOpenedIsReported)

@@ -18,12 +18,7 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
-using testing::FileFaults;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::LogCapture;
-using testing::TempDir;
+using namespace testing;
 
 /* Logs, and leaves an errno behind, as syslog may. */
 [[gnu::format(printf, 2, 3)]] void log_and_spoil_errno(int priority, const char *format, ...)

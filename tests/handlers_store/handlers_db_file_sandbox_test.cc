@@ -18,9 +18,7 @@ namespace kolmo
 namespace
 {
 
-using testing::in_sandbox;
-using testing::LogCapture;
-using testing::TempDir;
+using namespace testing;
 
 namespace fs = std::filesystem;
 

@@ -16,11 +16,7 @@ namespace kolmo
 namespace
 {
 
-using testing::handler;
-using testing::HandlersStore;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::OtherProcessLock;
+using namespace testing;
 
 namespace fs = std::filesystem;
 

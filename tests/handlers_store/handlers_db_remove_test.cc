@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
+#include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
 
@@ -13,24 +14,7 @@ namespace kolmo
 namespace
 {
 
-using testing::handler;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::OtherProcessLock;
-
-constexpr const char *by_address_sql = "DELETE FROM handlers WHERE address=?";
-constexpr const char *by_name_sql = "DELETE FROM handlers WHERE name=?";
-constexpr const char *domain_sql =
-    "SELECT priority, type, queue, name, address, executable, context, enabled "
-    "FROM handlers WHERE address LIKE '%' || ? || '%'";
-
-constexpr const char *no_list = "3 Get handlers list";
-constexpr const char *not_added = "3 Unable to add records into handlers database";
-
-std::string unprepared(const std::string &sql, const std::string &reason = "general DB errror")
-{
-    return "3 Unable to prepare SQL statement for query '" + sql + "': " + reason;
-}
+using namespace testing;
 
 class Remove : public HandlersStoreTest
 {
@@ -111,7 +95,7 @@ TEST_F(ExecWithParam, RefusedStatementIsReportedAndLeavesTheCallersConnectionOpe
     refuse_deletes();
     StoreConnection connection = store.open();
 
-    EXPECT_EQ(handlers_db_exec_with_param(&connection, by_name_sql, "spam"), -1);
+    EXPECT_EQ(handlers_db_exec_with_param(&connection, delete_by_name_sql, "spam"), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to execute do action on handlers database: no");
     EXPECT_TRUE(connection.is_open());
     EXPECT_EQ(store.rows().size(), 1U);
@@ -131,7 +115,7 @@ TEST_F(ExecWithParam, CallersConnectionIsUsedAndLeftOpen)
 
     add("spam", "a@d.test");
     ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
-    EXPECT_EQ(handlers_db_exec_with_param(&connection, by_name_sql, "spam"), 0);
+    EXPECT_EQ(handlers_db_exec_with_param(&connection, delete_by_name_sql, "spam"), 0);
     EXPECT_EQ(store.rows().size(), 1U) << "not in the caller's transaction";
     EXPECT_TRUE(connection.is_open());
 }
@@ -140,8 +124,8 @@ TEST_F(ExecWithParam, ClosedConnectionFailsCleanly)
 {
     StoreConnection closed;
 
-    EXPECT_EQ(handlers_db_exec_with_param(&closed, by_name_sql, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(by_name_sql));
+    EXPECT_EQ(handlers_db_exec_with_param(&closed, delete_by_name_sql, "spam"), -1);
+    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql));
 }
 
 TEST_F(ExecWithParam, StoreThatCannotBeOpenedIsReported)
@@ -149,15 +133,15 @@ TEST_F(ExecWithParam, StoreThatCannotBeOpenedIsReported)
     const std::string path = unopenable();
     handlers_db_set_path(path.c_str());
 
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, by_name_sql, "spam"), -1);
+    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
 }
 
 TEST_F(ExecWithParam, MissingStoreIsCreatedWithoutItsTable)
 {
     store.remove();
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, by_name_sql, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(by_name_sql, "no such table: handlers"));
+    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), -1);
+    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql, "no such table: handlers"));
     EXPECT_TRUE(store.exists());
 }
 
@@ -166,7 +150,7 @@ TEST_F(ExecWithParam, WaitsForAnotherProcess)
     add("spam", "a@d.test");
     const OtherProcessLock lock(store.path(), 300);
 
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, by_name_sql, "spam"), 0);
+    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), 0);
     EXPECT_TRUE(store.rows().empty());
 }
 
@@ -204,7 +188,7 @@ TEST_F(RemoveByAddress, WorksOnTheCallersConnection)
     EXPECT_EQ(handlers_db_remove_by_address(&connection, "a@d.test"), 0);
     EXPECT_EQ(sqlite3_changes(connection.get()), 1);
     EXPECT_EQ(handlers_db_remove_by_address(&closed, "a@d.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(by_address_sql));
+    EXPECT_EQ(log.take_one(), unprepared(delete_by_address_sql));
 }
 
 TEST_F(RemoveByName, RemovesTheHandlerOfEveryAddressQueueAndType)
@@ -239,7 +223,7 @@ TEST_F(RemoveByName, WorksOnTheCallersConnection)
     EXPECT_EQ(handlers_db_remove_by_name(&connection, "spam"), 0);
     EXPECT_EQ(sqlite3_changes(connection.get()), 1);
     EXPECT_EQ(handlers_db_remove_by_name(&closed, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(by_name_sql));
+    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql));
 }
 
 TEST_F(RemoveDomain, RemovesTheHandlersOfTheDomainAndItsMailboxesOnly)
@@ -319,7 +303,7 @@ TEST_F(RemoveDomain, FailedReadIsReportedTwice)
 {
     store.execute("DROP TABLE handlers");
     EXPECT_EQ(handlers_db_remove_domain(nullptr, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(domain_sql, "no such table: handlers"), no_list}));
+    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql, "no such table: handlers"), no_list}));
 }
 
 TEST_F(RemoveDomain, ReadThatFailsLaterIsReportedTwiceAndLeavesTheCallersConnectionOpen)
@@ -339,7 +323,7 @@ TEST_F(RemoveDomain, FailedReadOnTheCallersConnectionClosesItAndIsReportedTwice)
 
     store.execute("DROP TABLE handlers");
     EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(domain_sql, "no such table: handlers"), no_list}));
+    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql, "no such table: handlers"), no_list}));
     EXPECT_FALSE(connection.is_open());
 }
 
@@ -348,7 +332,7 @@ TEST_F(RemoveDomain, ClosedConnectionFailsCleanly)
     StoreConnection closed;
 
     EXPECT_EQ(handlers_db_remove_domain(&closed, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(domain_sql), no_list}));
+    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql), no_list}));
 }
 
 TEST_F(RemoveDomain, CallersConnectionIsUsedAndLeftOpen)

@@ -4,6 +4,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "tests/handlers_store/handlers_sweep.h"
+#include "tests/handlers_store/handlers_texts.h"
 
 namespace kolmo
 {
@@ -11,23 +12,7 @@ namespace kolmo
 namespace
 {
 
-using testing::bind_row;
-using testing::Connection;
-using testing::FaultTable;
-using testing::handler;
-using testing::HandlersSweep;
-using testing::Lines;
-using testing::prepare_row;
-using testing::texts_of;
-
-constexpr const char *to_run_sql =
-    "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND "
-    "enabled=? AND address=? ORDER BY priority DESC";
-constexpr const char *exact_sql = "SELECT priority, type, queue, name, address, executable, context, enabled "
-                                  "FROM handlers WHERE address = ?";
-constexpr const char *domain_sql =
-    "SELECT priority, type, queue, name, address, executable, context, enabled "
-    "FROM handlers WHERE address LIKE '%' || ? || '%'";
+using namespace testing;
 
 /* Two rows for each of the selects; what is left is the list. */
 class SelectFaults : public HandlersSweep
@@ -49,17 +34,11 @@ protected:
 
     Lines left() override { return texts_of(list); }
 
-    std::string open_failure() const { return "3 Unable to open database(readonly) " + store.path() + ": "; }
-
     /* Three steps, for two rows and the end, and the close. */
     FaultTable steps_and_close(const std::string &message) const
     {
-        return {
-            {"step", {message}, -1, Connection::open, none},
-            {"step", {message}, -1, Connection::open, one},
-            {"step", {message}, -1, Connection::open, both},
-            {"close", {}, 0, Connection::closed, both},
-        };
+        return {step_row(message, -1, none), step_row(message, -1, one), step_row(message, -1, both),
+                close_row(both)};
     }
 
     /* A failed pause after a step leaves its row unread. */
@@ -105,11 +84,8 @@ class SelectByAddressFaults : public SelectFaults
 protected:
     FaultTable table(const char *sql) const
     {
-        return FaultTable{{"open_v2", {open_failure()}, -1, Connection::closed, none},
-                          prepare_row(sql, none),
-                          bind_row("1 'd.test'",
-                                   "Unable to bind parameter 'address' to the 'SELECT' query: ", none)} +
-               steps_and_close("3 Unable to select data from handlers database: ");
+        return FaultTable{open_to_read_row(none)} + statement_rows(sql, {{"address", "'d.test'"}}, none) +
+               steps_and_close("Unable to select data from handlers database: ");
     }
 
     const Operation select_exact = [this](StoreConnection *connection) {
@@ -122,16 +98,11 @@ protected:
 
 TEST_F(SelectToRunFaults, EveryCallFailsOnce)
 {
-    sweep_calls(
-        FaultTable{
-            {"open_v2", {open_failure()}, -1, Connection::closed, none},
-            prepare_row(to_run_sql, none),
-            bind_row("1 2", "Unable to bind parameter 'queue' to the 'SELECT' query: ", none),
-            bind_row("2 1", "Unable to bind parameter 'type' to the 'SELECT' query: ", none),
-            bind_row("3 1", "Unable to bind parameter 'enabled' to the 'SELECT' query: ", none),
-            bind_row("4 'd.test'", "Unable to bind parameter 'address' to the 'SELECT' query: ", none)} +
-            steps_and_close("3 Unable to get data from mail handlers database: "),
-        select);
+    const Bound bound = {{"queue", "2"}, {"type", "1"}, {"enabled", "1"}, {"address", "'d.test'"}};
+
+    sweep_calls(FaultTable{open_to_read_row(none)} + statement_rows(select_to_run_sql, bound, none) +
+                    steps_and_close("Unable to get data from mail handlers database: "),
+                select);
 }
 
 TEST_F(SelectToRunFaults, EveryPauseFailsOnce)
@@ -147,7 +118,7 @@ TEST_F(SelectToRunFaults, EveryCallIsBusyTwice)
 TEST_F(SelectToRunFaults, StoreIsOpenedForReadingOnly)
 {
     fill();
-    testing::SqliteFaults faults;
+    SqliteFaults faults;
 
     EXPECT_EQ(select(nullptr), 0);
     EXPECT_EQ(faults.calls().at(0), "open_v2 " + store.path() + ' ' + std::to_string(SQLITE_OPEN_READONLY));
@@ -156,12 +127,12 @@ TEST_F(SelectToRunFaults, StoreIsOpenedForReadingOnly)
 
 TEST_F(SelectByAddressFaults, EveryCallFailsOnceInTheExactForm)
 {
-    sweep_calls(table(exact_sql), select_exact);
+    sweep_calls(table(select_exact_sql), select_exact);
 }
 
 TEST_F(SelectByAddressFaults, EveryCallFailsOnceInTheDomainForm)
 {
-    sweep_calls(table(domain_sql), select_domain);
+    sweep_calls(table(select_domain_sql), select_domain);
 }
 
 TEST_F(SelectByAddressFaults, EveryPauseFailsOnce)
@@ -179,7 +150,7 @@ TEST_F(SelectByAddressFaults, EveryCallIsBusyTwice)
 TEST_F(SelectByAddressFaults, StoreIsOpenedForReadingOnly)
 {
     fill();
-    testing::SqliteFaults faults;
+    SqliteFaults faults;
 
     EXPECT_EQ(select_exact(nullptr), 0);
     EXPECT_EQ(select_domain(nullptr), 0);

@@ -6,6 +6,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "handlers_store/owned_handler_list.h"
+#include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
@@ -16,35 +17,13 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
-using testing::handler;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::OtherProcessLock;
-using testing::texts_of;
-
-constexpr const char *to_run_sql =
-    "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND "
-    "enabled=? AND address=? ORDER BY priority DESC";
-constexpr const char *exact_sql = "SELECT priority, type, queue, name, address, executable, context, enabled "
-                                  "FROM handlers WHERE address = ?";
-constexpr const char *domain_sql =
-    "SELECT priority, type, queue, name, address, executable, context, enabled "
-    "FROM handlers WHERE address LIKE '%' || ? || '%'";
-
-std::string unprepared(const std::string &sql)
-{
-    return "3 Unable to prepare SQL statement for query '" + sql + "': general DB errror";
-}
+using namespace testing;
 
 Lines sorted(Lines lines)
 {
     std::sort(lines.begin(), lines.end());
     return lines;
 }
-
-constexpr const char *out_of_memory = "3 System error: Cannot allocate memory";
-constexpr const char *not_kept = "3 Unable to save the data from SELECT query";
 
 class Select : public HandlersStoreTest
 {
@@ -345,7 +324,7 @@ TEST_F(SelectToRun, ClosedConnectionFailsCleanly)
     const HandlerRecord wanted = filter("a@d.test");
 
     EXPECT_EQ(handlers_db_select_to_run(&closed, list.get(), &wanted), -1);
-    EXPECT_EQ(log.take_one(), unprepared(to_run_sql));
+    EXPECT_EQ(log.take_one(), unprepared(select_to_run_sql));
 }
 
 TEST_F(SelectToRun, MissingStoreIsReportedAndNotCreated)
@@ -361,8 +340,7 @@ TEST_F(SelectToRun, FileWithoutTheTableCannotBePrepared)
 {
     store.execute("DROP TABLE handlers");
     EXPECT_EQ(select(filter("a@d.test")), -1);
-    EXPECT_EQ(log.take_one(), std::string("3 Unable to prepare SQL statement for query '") + to_run_sql +
-                                  "': no such table: handlers");
+    EXPECT_EQ(log.take_one(), unprepared(select_to_run_sql, "no such table: handlers"));
 }
 
 TEST_F(SelectToRun, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
@@ -415,7 +393,7 @@ TEST_F(SelectByDomain, OwnFunctionUsesTheCallersConnection)
     StoreConnection closed;
 
     EXPECT_EQ(handlers_db_select_by_domain(&closed, list.get(), "d.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(domain_sql));
+    EXPECT_EQ(log.take_one(), unprepared(select_domain_sql));
 }
 
 /* LIKE takes either case and knows wildcards; the rows' own domains, compared byte for byte, do not. */
@@ -560,9 +538,9 @@ TEST_F(SelectByAddress, ClosedConnectionFailsCleanly)
     StoreConnection closed;
 
     EXPECT_EQ(handlers_db_select_by_address(&closed, list.get(), "d.test", true), -1);
-    EXPECT_EQ(log.take_one(), unprepared(exact_sql));
+    EXPECT_EQ(log.take_one(), unprepared(select_exact_sql));
     EXPECT_EQ(handlers_db_select_by_address(&closed, list.get(), "d.test", false), -1);
-    EXPECT_EQ(log.take_one(), unprepared(domain_sql));
+    EXPECT_EQ(log.take_one(), unprepared(select_domain_sql));
 }
 
 TEST_F(SelectByAddress, MissingStoreIsReportedAndNotCreated)

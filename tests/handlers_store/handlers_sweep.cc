@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/handlers_store/handlers_texts.h"
+
 namespace kolmo::testing
 {
 
@@ -71,6 +73,27 @@ public:
 private:
     std::optional<StoreConnection> connection_;
 };
+
+Lines logged_lines(const std::string &message, const Lines &also_logged)
+{
+    Lines logged = {"3 " + message};
+
+    logged.insert(logged.end(), also_logged.begin(), also_logged.end());
+    return logged;
+}
+
+/* A transaction's own statement: whatever fails closes the connection. */
+FaultTable transaction_rows(const std::string &verb, const Lines &left, const Lines &also_logged)
+{
+    const bool is_begin = verb == "BEGIN";
+    const std::string message =
+        std::string("Unable to ") + (is_begin ? "begin" : "end") + " sqlite transaction: ";
+
+    return {
+        prepare_row(verb + " TRANSACTION;", left, also_logged),
+        {"step", logged_lines(message, also_logged), -1, Connection::closed, left},
+    };
+}
 
 FaultTable rows_for(bool own, const FaultTable &table)
 {
@@ -264,21 +287,83 @@ void HandlersSweep::fail_pause_at(bool own, int nth, const Lines &expected, cons
     EXPECT_EQ(left(), expected);
 }
 
+void HandlersSweep::sweep_pauses_to_commit(int calls_before, const Lines &before, const Lines &after,
+                                           const Operation &operation)
+{
+    sweep_own_pauses(repeat({{calls_before, before}, {2, after}}), operation);
+    sweep_callers_pauses(repeat({{calls_before, before}, {1, after}}), operation);
+}
+
+void HandlersSweep::fail_prepare_and_pause_of_close(int nth_prepare, int nth_pause, const std::string &sql,
+                                                    const Operation &operation)
+{
+    fill();
+    SqliteFaults faults;
+
+    faults.fail_call(SqliteCall::prepare, nth_prepare);
+    faults.be_busy(SqliteCall::close, 1);
+    faults.fail_pause(nth_pause);
+    EXPECT_EQ(operation(nullptr), -1);
+    EXPECT_EQ(faults.calls().back(), "pause 10000");
+    expect_lines(log.take(), {unprepared(sql, "")});
+}
+
+FaultRow HandlersSweep::open_row(const Lines &left, const Lines &also_logged) const
+{
+    return {"open", logged_lines("Unable to open database " + store.path() + ": ", also_logged), -1,
+            Connection::closed, left};
+}
+
+FaultRow HandlersSweep::open_to_read_row(const Lines &left, const Lines &also_logged) const
+{
+    return {"open_v2", logged_lines("Unable to open database(readonly) " + store.path() + ": ", also_logged),
+            -1, Connection::closed, left};
+}
+
 FaultRow prepare_row(const std::string &sql, const Lines &left, const Lines &also_logged)
 {
-    Lines logged = {"3 Unable to prepare SQL statement for query '" + sql + "': "};
-
-    logged.insert(logged.end(), also_logged.begin(), also_logged.end());
-    return {"prepare " + sql, logged, -1, Connection::closed, left};
+    return {"prepare " + sql,
+            logged_lines("Unable to prepare SQL statement for query '" + sql + "': ", also_logged), -1,
+            Connection::closed, left};
 }
 
 FaultRow bind_row(const std::string &bound, const std::string &message, const Lines &left,
                   const Lines &also_logged)
 {
-    Lines logged = {"3 " + message};
+    return {"bind " + bound, logged_lines(message, also_logged), -1, Connection::closed, left};
+}
 
-    logged.insert(logged.end(), also_logged.begin(), also_logged.end());
-    return {"bind " + bound, logged, -1, Connection::closed, left};
+FaultRow step_row(const std::string &message, int result, const Lines &left, const Lines &also_logged)
+{
+    return {"step", logged_lines(message, also_logged), result, Connection::open, left};
+}
+
+FaultRow close_row(const Lines &left)
+{
+    return {"close", {}, 0, Connection::closed, left};
+}
+
+FaultTable statement_rows(const std::string &sql, const Bound &bound, const Lines &left,
+                          const Lines &also_logged)
+{
+    const std::string kind = sql.substr(0, sql.find(' ')); /* SELECT, INSERT or DELETE */
+    FaultTable rows = {prepare_row(sql, left, also_logged)};
+
+    for (const auto &[name, value] : bound)
+        rows.push_back(bind_row(std::to_string(rows.size()) + ' ' + value,
+                                "Unable to bind parameter '" + name + "' to the '" + kind + "' query: ", left,
+                                also_logged));
+    return rows;
+}
+
+FaultTable begin_rows(const Lines &left, const Lines &also_logged)
+{
+    return transaction_rows("BEGIN", left, also_logged);
+}
+
+FaultTable end_rows(const Lines &left, const Lines &also_logged)
+{
+    return transaction_rows("END", left, also_logged);
 }
 
 std::vector<Lines> repeat(const std::vector<std::pair<int, Lines>> &runs)

@@ -64,6 +64,25 @@ protected:
     void sweep_own_pauses(const std::vector<Lines> &left_after, const Operation &operation);
     void sweep_callers_pauses(const std::vector<Lines> &left_after, const Operation &operation);
 
+    /*
+     * Both of them for an operation that makes so many calls which are tried again, and then one that
+     * commits: they leave `before`, that one `after`, and so does the close of the operation's own
+     * connection.
+     */
+    void sweep_pauses_to_commit(int calls_before, const Lines &before, const Lines &after,
+                                const Operation &operation);
+
+    /*
+     * Fails the nth prepare, which is reported so, and the nth pause, that of the close which follows: from
+     * there on nothing is done and nothing is said.
+     */
+    void fail_prepare_and_pause_of_close(int nth_prepare, int nth_pause, const std::string &sql,
+                                         const Operation &operation);
+
+    /* The open of the operation's own connection. */
+    [[nodiscard]] FaultRow open_row(const Lines &left, const Lines &also_logged = {}) const;
+    [[nodiscard]] FaultRow open_to_read_row(const Lines &left, const Lines &also_logged = {}) const;
+
 private:
     void fail_one_call(bool own, int nth, const FaultRow &row, const Operation &operation);
     void open_without_handle(int nth, const FaultRow &row, const Operation &operation);
@@ -74,10 +93,24 @@ private:
     void fail_pause_at(bool own, int nth, const Lines &expected, const Operation &operation);
 };
 
-/* Rows for the common calls. */
+/* Rows for the common calls; a message is what is logged at priority 3, up to SQLite's text. */
 [[nodiscard]] FaultRow prepare_row(const std::string &sql, const Lines &left, const Lines &also_logged = {});
 [[nodiscard]] FaultRow bind_row(const std::string &bound, const std::string &message, const Lines &left,
                                 const Lines &also_logged = {});
+[[nodiscard]] FaultRow close_row(const Lines &left);
+
+/* A step that fails and does not close the connection. */
+[[nodiscard]] FaultRow step_row(const std::string &message, int result, const Lines &left,
+                                const Lines &also_logged = {});
+
+/* A statement's prepare and then its parameters, each with the name by which it is reported and its value. */
+using Bound = std::vector<std::pair<std::string, std::string>>;
+[[nodiscard]] FaultTable statement_rows(const std::string &sql, const Bound &bound, const Lines &left,
+                                        const Lines &also_logged = {});
+
+/* The two statements of a transaction. */
+[[nodiscard]] FaultTable begin_rows(const Lines &left, const Lines &also_logged = {});
+[[nodiscard]] FaultTable end_rows(const Lines &left, const Lines &also_logged = {});
 
 /* The same lines so many times, then the next. */
 [[nodiscard]] std::vector<Lines> repeat(const std::vector<std::pair<int, Lines>> &runs);

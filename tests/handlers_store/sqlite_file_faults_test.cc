@@ -12,10 +12,7 @@ namespace kolmo
 namespace
 {
 
-using testing::Connection;
-using testing::HandlersSweep;
-using testing::Lines;
-using testing::SqliteFaults;
+using namespace testing;
 
 constexpr const char *script = "BEGIN TRANSACTION;CREATE TABLE t (x);COMMIT;";
 
@@ -36,15 +33,14 @@ protected:
 
 TEST_F(SqliteDbRecreateFaults, EveryCallFailsOnce)
 {
-    sweep_own_calls(
-        {{"open", {"3 Unable to open database " + store.path() + ": "}, -1, Connection::closed, before},
-         {std::string("exec ") + script,
-          {"3 Unable to re-create test store database: refused by the test"},
-          -1,
-          Connection::closed,
-          before},
-         {"close", {}, 0, Connection::closed, after}},
-        recreate);
+    sweep_own_calls({open_row(before),
+                     {std::string("exec ") + script,
+                      {"3 Unable to re-create test store database: refused by the test"},
+                      -1,
+                      Connection::closed,
+                      before},
+                     close_row(after)},
+                    recreate);
 }
 
 TEST_F(SqliteDbRecreateFaults, EveryPauseFailsOnce)

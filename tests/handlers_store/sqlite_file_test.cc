@@ -18,12 +18,7 @@ namespace kolmo
 namespace
 {
 
-using testing::HandlersStore;
-using testing::HandlersStoreTest;
-using testing::Lines;
-using testing::LogCapture;
-using testing::OtherProcessLock;
-using testing::TempDir;
+using namespace testing;
 
 namespace fs = std::filesystem;
 
