@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/responder_store/responder_operations.h"
+#include "tests/responder_store/transaction_sweep.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
@@ -143,36 +144,16 @@ TEST_F(AddAttachments, MakesTheseCallsInThisOrder)
 TEST(AddAttachmentsSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines written = {"attachments: box@example.com|one.txt", "attachments: box@example.com|Two.txt"};
-    const StoreSweep sweep(add_attachments, written);
-    const std::string prepare_replace = std::string("prepare ") + replace_sql;
-    const std::string cannot_prepare =
-        std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
     const std::string refused = "Unable to add autoresponder attachment (box@example.com): ";
 
-    sweep.fail_each_call({
-        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, {}},
-        {"step", cannot_begin, -1, Left::closed, {}},
-        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
-        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, {}},
-        {"bind 2 'one.txt'", "Unable to bind parameter filename: ", -1, Left::closed, {}},
-        {"step", refused, 0, Left::open, {written[1]}},
-        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
-        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, {}},
-        {"bind 2 'Two.txt'", "Unable to bind parameter filename: ", -1, Left::closed, {}},
-        {"step", refused, 0, Left::open, {written[0]}},
-        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, {}},
-        {"step", cannot_end, -1, Left::closed, {}},
-    });
-    sweep.fail_each_pause({
-        {"BEGIN TRANSACTION;", Left::open, {}},
-        {"BEGIN TRANSACTION;", Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {"END TRANSACTION;", Left::in_transaction, {}},
-        {"END TRANSACTION;", Left::open, written},
-    });
+    sweep_transaction(StoreSweep(add_attachments, written),
+                      {{replace_sql,
+                        {{"mailname", "'box@example.com'"}, {"filename", "'one.txt'"}},
+                        {"step", refused, 0, Left::open, {written[1]}}},
+                       {replace_sql,
+                        {{"mailname", "'box@example.com'"}, {"filename", "'Two.txt'"}},
+                        {"step", refused, 0, Left::open, {written[0]}}}},
+                      {}, written);
 }
 
 TEST_F(RemoveAttachments, AllFilesOfTheMailboxGoAndAllElseStays)
@@ -211,26 +192,11 @@ TEST(RemoveAttachmentsSweep, EveryCallFailsInItsOwnWay)
     const StoreSweep sweep(remove_attachments, {}, [](const ResponderStore &store) {
         store.execute("INSERT INTO attachments VALUES ('box@example.com', 'old')");
     });
-    const std::string cannot_prepare =
-        std::string("Unable to prepare SQL statement for query '") + delete_sql + "': ";
+    const std::string refused = "Unable to add autoresponder attachment (box@example.com): ";
 
-    sweep.fail_each_call({
-        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, old},
-        {"step", cannot_begin, -1, Left::closed, old},
-        {std::string("prepare ") + delete_sql, cannot_prepare, -1, Left::closed, old},
-        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, old},
-        {"step", "Unable to add autoresponder attachment (box@example.com): ", 0, Left::open, old},
-        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, old},
-        {"step", cannot_end, -1, Left::closed, old},
-    });
-    sweep.fail_each_pause({
-        {"BEGIN TRANSACTION;", Left::open, old},
-        {"BEGIN TRANSACTION;", Left::in_transaction, old},
-        {delete_sql, Left::in_transaction, old},
-        {delete_sql, Left::in_transaction, old},
-        {"END TRANSACTION;", Left::in_transaction, old},
-        {"END TRANSACTION;", Left::open, {}},
-    });
+    sweep_transaction(
+        sweep, {{delete_sql, {{"mailname", "'box@example.com'"}}, {"step", refused, 0, Left::open, old}}},
+        old, {});
 }
 
 } // namespace

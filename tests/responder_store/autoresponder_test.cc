@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/responder_store/responder_operations.h"
+#include "tests/responder_store/transaction_sweep.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
@@ -23,6 +24,14 @@ const char replace_sql[] =
     "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, "
     "body, ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );";
 const char delete_sql[] = "DELETE FROM autoresponder WHERE mn = ?;";
+
+/* What stands in the store before each run of a sweep. */
+const Lines old = {"autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
+
+void add_old_row(const ResponderStore &store)
+{
+    store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
+}
 
 class AutoresponderTest : public ResponderStoreTest
 {
@@ -214,44 +223,26 @@ TEST_F(AddAutoresponder, RefusedRowOnAConnectionOfItsOwnIsDiscardedByTheClose)
 
 TEST(AddAutoresponderSweep, EveryCallFailsInItsOwnWay)
 {
-    const Lines old = {
-        "autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
     const Lines written = {"autoresponder: " + sample_row("box@example.com", "owner@example.com")};
-    const StoreSweep sweep(add_autoresponder, written, [](const ResponderStore &store) {
-        store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
-    });
-    const std::string prepare_replace = std::string("prepare ") + replace_sql;
-    const std::string cannot_prepare =
-        std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
+    const StoreSweep sweep(add_autoresponder, written, add_old_row);
+    const std::string refused = "Unable to add/update autoresponder (box@example.com): ";
 
-    sweep.fail_each_call({
-        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, old},
-        {"step", cannot_begin, -1, Left::closed, old},
-        {prepare_replace, cannot_prepare, -1, Left::closed, old},
-        {"bind 1 'key'", "Unable to bind parameter keystr: ", -1, Left::closed, old},
-        {"bind 2 'where'", "Unable to bind parameter key_where: ", -1, Left::closed, old},
-        {"bind 3 'Subject'", "Unable to bind parameter subject: ", -1, Left::closed, old},
-        {"bind 4 'Reply@Example.org'", "Unable to bind parameter reply_to: ", -1, Left::closed, old},
-        {"bind 5 'Forward@Example.org'", "Unable to bind parameter forward_to: ", -1, Left::closed, old},
-        {"bind 6 'text/plain'", "Unable to bind parameter content_type: ", -1, Left::closed, old},
-        {"bind 7 'UTF-8'", "Unable to bind parameter charset: ", -1, Left::closed, old},
-        {"bind 8 'Gone\nfishing'", "Unable to bind parameter body: ", -1, Left::closed, old},
-        {"bind 9 17", "Unable to bind parameter ans_freq: ", -1, Left::closed, old},
-        {"bind 10 -3", "Unable to bind parameter ans_limit: ", -1, Left::closed, old},
-        {"bind 11 'owner@example.com'", "Unable to bind parameter real_owner: ", -1, Left::closed, old},
-        {"bind 12 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, old},
-        {"step", "Unable to add/update autoresponder (box@example.com): ", -1, Left::in_transaction, old},
-        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, old},
-        {"step", cannot_end, -1, Left::closed, old},
-    });
-    sweep.fail_each_pause({
-        {"BEGIN TRANSACTION;", Left::open, old},
-        {"BEGIN TRANSACTION;", Left::in_transaction, old},
-        {replace_sql, Left::in_transaction, old},
-        {replace_sql, Left::in_transaction, old},
-        {"END TRANSACTION;", Left::in_transaction, old},
-        {"END TRANSACTION;", Left::open, written},
-    });
+    sweep_transaction(sweep,
+                      {{replace_sql,
+                        {{"keystr", "'key'"},
+                         {"key_where", "'where'"},
+                         {"subject", "'Subject'"},
+                         {"reply_to", "'Reply@Example.org'"},
+                         {"forward_to", "'Forward@Example.org'"},
+                         {"content_type", "'text/plain'"},
+                         {"charset", "'UTF-8'"},
+                         {"body", "'Gone\nfishing'"},
+                         {"ans_freq", "17"},
+                         {"ans_limit", "-3"},
+                         {"real_owner", "'owner@example.com'"},
+                         {"mailname", "'box@example.com'"}},
+                        {"step", refused, -1, Left::in_transaction, old}}},
+                      old, written);
 }
 
 TEST_F(RemoveAutoresponder, RowOfTheMailboxGoesAndAllElseStays)
@@ -304,31 +295,12 @@ TEST_F(RemoveAutoresponder, RefusalThatRollsBackMakesTheEndFail)
 
 TEST(RemoveAutoresponderSweep, EveryCallFailsInItsOwnWay)
 {
-    const Lines old = {
-        "autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
-    const StoreSweep sweep(remove_autoresponder, {}, [](const ResponderStore &store) {
-        store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
-    });
-    const std::string cannot_prepare =
-        std::string("Unable to prepare SQL statement for query '") + delete_sql + "': ";
+    const StoreSweep sweep(remove_autoresponder, {}, add_old_row);
+    const std::string refused = "Unable to add autoresponder data (box@example.com): ";
 
-    sweep.fail_each_call({
-        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, old},
-        {"step", cannot_begin, -1, Left::closed, old},
-        {std::string("prepare ") + delete_sql, cannot_prepare, -1, Left::closed, old},
-        {"bind 1 'box@example.com'", "Unable to bind parameter mailname: ", -1, Left::closed, old},
-        {"step", "Unable to add autoresponder data (box@example.com): ", 0, Left::open, old},
-        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, old},
-        {"step", cannot_end, -1, Left::closed, old},
-    });
-    sweep.fail_each_pause({
-        {"BEGIN TRANSACTION;", Left::open, old},
-        {"BEGIN TRANSACTION;", Left::in_transaction, old},
-        {delete_sql, Left::in_transaction, old},
-        {delete_sql, Left::in_transaction, old},
-        {"END TRANSACTION;", Left::in_transaction, old},
-        {"END TRANSACTION;", Left::open, {}},
-    });
+    sweep_transaction(
+        sweep, {{delete_sql, {{"mailname", "'box@example.com'"}}, {"step", refused, 0, Left::open, old}}},
+        old, {});
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/responder_store/responder_operations.h"
+#include "tests/responder_store/transaction_sweep.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
@@ -115,36 +116,16 @@ TEST_F(AddExtraHeaders, RefusalThatRollsBackMakesTheEndFail)
 TEST(AddExtraHeadersSweep, EveryCallFailsInItsOwnWay)
 {
     const Lines written = {"extra_headers: X-One|1", "extra_headers: X-Two|2"};
-    const StoreSweep sweep(add_extra_headers, written);
-    const std::string prepare_replace = std::string("prepare ") + replace_sql;
-    const std::string cannot_prepare =
-        std::string("Unable to prepare SQL statement for query '") + replace_sql + "': ";
     const std::string refused = "Unable to add autoresponder extra headers: ";
 
-    sweep.fail_each_call({
-        {"prepare BEGIN TRANSACTION;", cannot_prepare_begin, -1, Left::closed, {}},
-        {"step", cannot_begin, -1, Left::closed, {}},
-        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
-        {"bind 1 'X-One'", "Unable to bind parameter name: ", -1, Left::closed, {}},
-        {"bind 2 '1'", "Unable to bind parameter value: ", -1, Left::closed, {}},
-        {"step", refused, 0, Left::open, {written[1]}},
-        {prepare_replace, cannot_prepare, -1, Left::closed, {}},
-        {"bind 1 'X-Two'", "Unable to bind parameter name: ", -1, Left::closed, {}},
-        {"bind 2 '2'", "Unable to bind parameter value: ", -1, Left::closed, {}},
-        {"step", refused, 0, Left::open, {written[0]}},
-        {"prepare END TRANSACTION;", cannot_prepare_end, -1, Left::closed, {}},
-        {"step", cannot_end, -1, Left::closed, {}},
-    });
-    sweep.fail_each_pause({
-        {"BEGIN TRANSACTION;", Left::open, {}},
-        {"BEGIN TRANSACTION;", Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {replace_sql, Left::in_transaction, {}},
-        {"END TRANSACTION;", Left::in_transaction, {}},
-        {"END TRANSACTION;", Left::open, written},
-    });
+    sweep_transaction(StoreSweep(add_extra_headers, written),
+                      {{replace_sql,
+                        {{"name", "'X-One'"}, {"value", "'1'"}},
+                        {"step", refused, 0, Left::open, {written[1]}}},
+                       {replace_sql,
+                        {{"name", "'X-Two'"}, {"value", "'2'"}},
+                        {"step", refused, 0, Left::open, {written[0]}}}},
+                      {}, written);
 }
 
 TEST_F(RemoveExtraHeaders, AllHeadersGoAndAllElseStays)

@@ -74,12 +74,28 @@ protected:
     /* Whether the operation did its work, in a store with rows_of_box. */
     [[nodiscard]] bool has_worked() const { return store.query(GetParam().rows) == Lines{"1|1"}; }
 
+    /* Runs it while a transaction that is begun so stands in its way, and goes in the third pause. */
+    void expect_waits_for(const std::string &transaction);
+
     /* Its result for a first statement that fails with this code of SQLite's. */
     [[nodiscard]] static int result_for(int code)
     {
         return GetParam().first_code != 0 ? GetParam().first_code : code;
     }
 };
+
+void ResponderDb::expect_waits_for(const std::string &transaction)
+{
+    StoreConnection connection = store.open();
+    SqliteFaults faults;
+
+    store.execute(rows_of_box);
+    store.execute(transaction);
+    faults.at_pause(3, [&] { store.execute("COMMIT"); });
+    EXPECT_EQ(run(&connection), 0);
+    EXPECT_EQ(faults.pauses(), (std::vector<long>{10'000, 20'000, 30'000, 40'000}));
+    EXPECT_TRUE(has_worked());
+}
 
 INSTANTIATE_TEST_SUITE_P(Operations, ResponderDb, ::testing::ValuesIn(operations),
                          [](const auto &test) { return std::string(test.param.name); });
@@ -236,28 +252,12 @@ TEST_P(ResponderDb, PauseThatFailsUnderARealLockLeavesAllAsItStands)
 
 TEST_P(ResponderDb, LockThatGoesIsWaitedForWithGrowingPauses)
 {
-    StoreConnection connection = store.open();
-    SqliteFaults faults;
-
-    store.execute(rows_of_box);
-    store.execute("BEGIN EXCLUSIVE");
-    faults.at_pause(3, [&] { store.execute("COMMIT"); });
-    EXPECT_EQ(run(&connection), 0);
-    EXPECT_EQ(faults.pauses(), (std::vector<long>{10'000, 20'000, 30'000, 40'000}));
-    EXPECT_TRUE(has_worked());
+    expect_waits_for("BEGIN EXCLUSIVE");
 }
 
 TEST_P(ResponderDb, ReaderThatKeepsTheCommitWaitingIsWaitedFor)
 {
-    StoreConnection connection = store.open();
-    SqliteFaults faults;
-
-    store.execute(rows_of_box);
-    store.execute("BEGIN; SELECT count(*) FROM autoresponder");
-    faults.at_pause(3, [&] { store.execute("COMMIT"); });
-    EXPECT_EQ(run(&connection), 0);
-    EXPECT_EQ(faults.pauses(), (std::vector<long>{10'000, 20'000, 30'000, 40'000}));
-    EXPECT_TRUE(has_worked());
+    expect_waits_for("BEGIN; SELECT count(*) FROM autoresponder");
 }
 
 } // namespace

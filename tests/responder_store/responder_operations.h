@@ -58,11 +58,8 @@ constexpr char rows_of_box[] = "INSERT INTO autoresponder (mn, body) VALUES ('bo
                                "INSERT INTO attachments VALUES ('box@example.com', 'old');"
                                "INSERT INTO extra_headers VALUES ('X-Old', 'old');";
 
-/* The messages of the transaction's own statements, up to the detail. */
+/* What is logged of a transaction that cannot be prepared, up to the detail. */
 constexpr char cannot_prepare_begin[] = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': ";
-constexpr char cannot_begin[] = "Unable to begin sqlite transaction: ";
-constexpr char cannot_prepare_end[] = "Unable to prepare SQL statement for query 'END TRANSACTION;': ";
-constexpr char cannot_end[] = "Unable to end sqlite transaction: ";
 
 } // namespace kolmo::testing
 
