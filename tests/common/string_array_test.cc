@@ -17,6 +17,7 @@ namespace
 
 using testing::AllocFaults;
 using testing::LogCapture;
+using testing::without_memory;
 using Texts = std::vector<std::string>;
 
 const std::string out_of_memory = "3 System error: Cannot allocate memory\n";
@@ -85,11 +86,7 @@ TEST(SplitText, RunningOutOfMemoryIsLoggedAtEveryPointAndLeaksNothing)
     LogCapture log;
 
     for (int nth = 1; nth <= 5; nth++) {
-        StringArray array = nullptr;
-        {
-            const AllocFaults faults(nth);
-            array = string_array_split("a,b", ",");
-        }
+        StringArray array = without_memory(nth, [&] { return string_array_split("a,b", ","); });
         EXPECT_EQ(array, nullptr) << nth;
         EXPECT_EQ(log.take(), nth == 1 ? at_the_text : at_a_token) << nth;
         string_array_free(array);
@@ -143,12 +140,8 @@ TEST(AddText, ArrayThatCannotGrowStaysTheCallers)
 {
     LogCapture log;
     const OwnedStringArray array(string_array_add(nullptr, "kept"));
-    StringArray grown = array.get();
 
-    {
-        const AllocFaults faults(1);
-        grown = string_array_add(array.get(), "more");
-    }
+    StringArray grown = without_memory(1, [&] { return string_array_add(array.get(), "more"); });
     EXPECT_EQ(grown, nullptr);
     EXPECT_EQ(texts_of(array), Texts{"kept"});
     EXPECT_EQ(log.take_one(), out_of_memory);

@@ -17,6 +17,7 @@ namespace
 using testing::AllocFaults;
 using ::testing::ExitedWithCode;
 using testing::LogCapture;
+using testing::without_memory;
 
 TEST(Xasprintf, FormatsIntoNewMemory)
 {
@@ -76,12 +77,8 @@ TEST(StrdupLower, NullGivesNull)
 TEST(StrdupLower, RunningOutOfMemoryIsLoggedAndGivesNull)
 {
     LogCapture log;
-    const char *copy = "";
 
-    {
-        const AllocFaults faults(1);
-        copy = strdup_lower("Text");
-    }
+    const char *copy = without_memory(1, [&] { return strdup_lower("Text"); });
     EXPECT_EQ(copy, nullptr);
     EXPECT_EQ(log.take_one(), "3 System error: Cannot allocate memory\n");
 }

@@ -109,11 +109,7 @@ TEST_F(HandlerRecordTest, NewHasTheDefaults)
 
 TEST_F(HandlerRecordTest, NewWithoutMemoryIsLoggedAndNull)
 {
-    HandlerRecord *record = nullptr;
-    {
-        const AllocFaults faults(1);
-        record = handler_record_new();
-    }
+    HandlerRecord *record = without_memory(1, [&] { return handler_record_new(); });
     EXPECT_EQ(record, nullptr);
     EXPECT_EQ(log.take_one(), out_of_memory);
 }
@@ -170,11 +166,7 @@ TEST_F(HandlerRecordTest, CloneOfNoRecordIsNull)
 TEST_F(HandlerRecordTest, CloneWithoutMemoryForTheRecordIsLoggedAndNull)
 {
     const HandlerRecord source = full_record();
-    HandlerRecord *clone = nullptr;
-    {
-        const AllocFaults faults(1);
-        clone = handler_record_clone(&source);
-    }
+    HandlerRecord *clone = without_memory(1, [&] { return handler_record_clone(&source); });
     EXPECT_EQ(clone, nullptr);
     EXPECT_EQ(log.take_one(), out_of_memory);
 }
@@ -192,11 +184,7 @@ TEST_F(HandlerRecordTest, CloneWithoutMemoryForATextLeavesThatTextNull)
     int nth = 2; /* the first is the record's own memory */
 
     for (const std::string &expected : clones) {
-        HandlerRecord *clone = nullptr;
-        {
-            const AllocFaults faults(nth++);
-            clone = handler_record_clone(&source);
-        }
+        HandlerRecord *clone = without_memory(nth++, [&] { return handler_record_clone(&source); });
         ASSERT_NE(clone, nullptr);
         EXPECT_EQ(text_of(*clone), expected);
         handler_record_free(clone);
@@ -318,11 +306,7 @@ TEST_F(HandlerListTest, AppendLeavesTheCallersRecordAlone)
 TEST_F(HandlerListTest, AppendWithoutMemoryForTheNodeIsLogged)
 {
     const HandlerRecord record = full_record();
-    int result = 0;
-    {
-        const AllocFaults faults(1);
-        result = handler_list_append(&list, &record);
-    }
+    const int result = without_memory(1, [&] { return handler_list_append(&list, &record); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take_one(), out_of_memory);
     EXPECT_EQ(list.head, nullptr);
@@ -332,11 +316,7 @@ TEST_F(HandlerListTest, AppendWithoutMemoryForTheNodeIsLogged)
 TEST_F(HandlerListTest, AppendWithoutMemoryForTheRecordIsLoggedTwiceAndFreesTheNode)
 {
     const HandlerRecord record = full_record();
-    int result = 0;
-    {
-        const AllocFaults faults(2);
-        result = handler_list_append(&list, &record);
-    }
+    const int result = without_memory(2, [&] { return handler_list_append(&list, &record); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take(), (Lines{out_of_memory, "3 Unable to clone handlers data record"}));
     EXPECT_EQ(list.head, nullptr);

@@ -453,11 +453,7 @@ TEST_F(DeleteAction, RecordOfOneAddressIsNotChanged)
 TEST_F(DeleteAction, NoMemoryForTheAddressIsReportedAndNothingIsDeleted)
 {
     OwnRecord record(handler("spam", "all"));
-    int result = 0;
-    {
-        const AllocFaults faults(1);
-        result = handlers_db_delete_action(nullptr, record.get());
-    }
+    const int result = without_memory(1, [&] { return handlers_db_delete_action(nullptr, record.get()); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take_one(), "3 System error: Cannot allocate memory");
     EXPECT_EQ(store.handlers(), everything);

@@ -222,11 +222,8 @@ TEST_F(Copy, RowThatCannotBeKeptIsReportedAndNothingIsCopied)
     for (const char *name : {"first", "second", "third"})
         add(name, "a@d.test");
     for (const int nth : {3, 9, 15}) { /* after two addresses six a row: node, record and four texts */
-        int result = 0;
-        {
-            const AllocFaults faults(nth);
-            result = handlers_db_copy(nullptr, "a", "d.test", nullptr, "t.test");
-        }
+        const int result =
+            without_memory(nth, [&] { return handlers_db_copy(nullptr, "a", "d.test", nullptr, "t.test"); });
         EXPECT_EQ(result, -1);
         EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
         EXPECT_EQ(store.handlers(), (Lines{"a@d.test first", "a@d.test second", "a@d.test third"}));
@@ -236,13 +233,11 @@ TEST_F(Copy, RowThatCannotBeKeptIsReportedAndNothingIsCopied)
 TEST_F(Copy, RowThatCannotBeKeptLeavesTheCallersConnectionOpen)
 {
     StoreConnection connection = store.open();
-    int result = 0;
 
     add("lost", "a@d.test");
-    {
-        const AllocFaults faults(3); /* the domain, the row's target, and the node */
-        result = handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test");
-    }
+    /* The domain, the row's target, and the node. */
+    const int result = without_memory(
+        3, [&] { return handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test"); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
     EXPECT_TRUE(connection.is_open());

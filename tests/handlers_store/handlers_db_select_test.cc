@@ -271,14 +271,11 @@ TEST_F(SelectToRun, FoundRecordsAreAddedToTheList)
 /* The row of the highest priority is kept, the next is not, and nobody asks for a third. */
 TEST_F(SelectToRun, RowThatCannotBeKeptEndsTheReadWithTwoReports)
 {
-    int result = 0;
 
     for (int priority : {10, 50, 90})
         add(priority == 90 ? "kept" : priority == 50 ? "lost" : "never", "a@d.test", priority);
-    {
-        const AllocFaults faults(7); /* a kept row takes six: node, record and four texts */
-        result = select(filter("a@d.test"));
-    }
+    /* A kept row takes six: node, record and four texts. */
+    const int result = without_memory(7, [&] { return select(filter("a@d.test")); });
     EXPECT_EQ(result, -1);
     const Lines lines = log.take();
     ASSERT_EQ(lines.size(), 3U);
@@ -491,15 +488,12 @@ TEST_F(SelectByAddress, NullColumnsAreNullTextsAndZeros)
 /* The first row is kept, the second is not, the third is. */
 TEST_F(SelectByAddress, RowThatCannotBeKeptIsReportedAndTheOthersAreRead)
 {
-    int result = 0;
 
     make_lax_store();
     for (const char *name : {"first", "lost", "third"})
         add(name, "d.test");
-    {
-        const AllocFaults faults(7); /* a kept row takes six: node, record and four texts */
-        result = select_exact("d.test");
-    }
+    /* A kept row takes six: node, record and four texts. */
+    const int result = without_memory(7, [&] { return select_exact("d.test"); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take(), (Lines{out_of_memory, not_kept}));
     EXPECT_EQ(found(), (Lines{"d.test third", "d.test first"}));

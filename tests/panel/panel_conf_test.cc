@@ -29,6 +29,7 @@ using testing::AllocFaults;
 using testing::in_fresh_process;
 using testing::LogCapture;
 using testing::PanelFiles;
+using testing::without_memory;
 
 struct FreeStore {
     void operator()(QsxConfStore *store) const { conf_store_free(store); }
@@ -231,11 +232,7 @@ TEST_F(PanelConf, AFolderInPlaceOfTheFileCannotBeReadAndIsTriedAgain)
 TEST_F(PanelConf, NoMemoryForTheStoreIsLoggedAsAnErrorAndTheDefaultServes)
 {
     files.write_conf("SNI_SUPPORT false\n");
-    const char *value;
-    {
-        AllocFaults faults(1);
-        value = conf_get(SNI_SUPPORT);
-    }
+    const char *value = without_memory(1, [&] { return conf_get(SNI_SUPPORT); });
     EXPECT_STREQ(value, "true");
     EXPECT_EQ(log.take_one(), "3 Not enough memory to allocate Kolmo runtime configuration structure");
 }
@@ -583,11 +580,7 @@ TEST(ConfStoreReserve, NoMemoryForTheFirstSlotsIsSilentAndSetsErrno)
 {
     const LogCapture log;
     const OwnedStore store = new_store();
-    int result;
-    {
-        AllocFaults faults(1);
-        result = conf_store_reserve(store.get());
-    }
+    const int result = without_memory(1, [&] { return conf_store_reserve(store.get()); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(store->entries, nullptr);
@@ -633,15 +626,10 @@ TEST(ConfStoreReserve, NoMemoryToGrowIsLoggedAndLeavesTheStore)
 {
     LogCapture log;
     const OwnedStore store = new_store();
-    int result;
 
     fill(store.get(), 20);
-    {
-        AllocFaults faults(1);
-        result = conf_store_reserve(store.get());
-        const int saved_errno = errno;
-        EXPECT_EQ(saved_errno, ENOMEM);
-    }
+    const int result = without_memory(1, [&] { return conf_store_reserve(store.get()); });
+    EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration: Cannot allocate memory");
     EXPECT_EQ(store->capacity, 20u);
@@ -715,13 +703,8 @@ TEST(ConfStoreSet, ACopyThatCannotBeMadeIsLoggedAndLeavesTheStore)
 
     ASSERT_EQ(conf_store_set(store.get(), "N", "old"), 0);
     for (const int copy : {1, 2}) {
-        int result;
-        {
-            AllocFaults faults(copy);
-            result = conf_store_set(store.get(), "N", "new");
-            const int saved_errno = errno;
-            EXPECT_EQ(saved_errno, ENOMEM);
-        }
+        const int result = without_memory(copy, [&] { return conf_store_set(store.get(), "N", "new"); });
+        EXPECT_EQ(errno, ENOMEM);
         EXPECT_EQ(result, -1);
         EXPECT_EQ(log.take_one(), "12 Unable to form configuration: Cannot allocate memory");
         EXPECT_STREQ(conf_store_find(store.get(), "N"), "old");
@@ -732,13 +715,9 @@ TEST(ConfStoreSet, AFullStoreThatCannotGrowFails)
 {
     LogCapture log;
     const OwnedStore store = new_store();
-    int result;
 
     fill(store.get(), 20);
-    {
-        AllocFaults faults(1);
-        result = conf_store_set(store.get(), "N", "v");
-    }
+    const int result = without_memory(1, [&] { return conf_store_set(store.get(), "N", "v"); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration: Cannot allocate memory");
     EXPECT_EQ(conf_store_find(store.get(), "N"), nullptr);

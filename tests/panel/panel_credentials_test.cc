@@ -69,9 +69,9 @@ namespace kolmo
 namespace
 {
 
-using testing::AllocFaults;
 using testing::LogCapture;
 using testing::PanelFiles;
+using testing::without_memory;
 
 class PanelCredentialsRead : public ::testing::Test
 {
@@ -254,11 +254,8 @@ TEST_F(PanelCredentialsRead, AShadowFileThatCannotBeExaminedIsAnError)
 TEST_F(PanelCredentialsRead, NoMemoryForThePasswordIsAnError)
 {
     files.write_shadow("secret\n");
-    int result;
-    {
-        AllocFaults faults(3); /* after the defaults of host and user */
-        result = read();
-    }
+    /* After the defaults of host and user. */
+    const int result = without_memory(3, [&] { return read(); });
     EXPECT_EQ(result, -1);
     EXPECT_STREQ(error, "Unable to allocate memory for password");
 }

@@ -7,11 +7,11 @@
  * and errno ENOMEM.  What libraries allocate inside themselves, and operator new, is neither counted nor
  * failed.
  *
- *     AllocFaults faults(2);                  // the second call from here on fails
- *     result = xasprintf(...);
- *     // at the end of the scope: the test has failed unless there was a second call
+ *     result = without_memory(2, [&] { return xasprintf(...); });   // its second call fails
+ *     // the test has failed unless there was a second call
  *
- * Keep the scope to the calls under test: googletest's own calls would be counted too.
+ * Where that is not enough, there is an AllocFaults for a scope; keep it to the calls under test, for
+ * googletest's own calls would be counted too.
  */
 #ifndef KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
 #define KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
@@ -34,6 +34,15 @@ public:
     /* The calls so far, the failed one included.  For sweeps: count a good run, then fail 1 to calls(). */
     [[nodiscard]] int calls() const;
 };
+
+/* What an operation gives whose nth call fails; errno is as the operation left it. */
+template <typename Operation>
+[[nodiscard]] auto without_memory(int nth, const Operation &operation)
+{
+    const AllocFaults faults(nth);
+
+    return operation();
+}
 
 } // namespace kolmo::testing
 
