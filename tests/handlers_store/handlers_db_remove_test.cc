@@ -27,6 +27,20 @@ protected:
             "CREATE TRIGGER no_delete BEFORE DELETE ON handlers BEGIN SELECT RAISE(ABORT, 'no'); END");
     }
 
+    /* On an open one it removes the handler, on a closed one it fails at its statement. */
+    void expect_works_on_callers_connection(int (*remove)(StoreConnection *, const char *),
+                                            const char *address_or_name, const char *sql)
+    {
+        StoreConnection connection = store.open();
+        StoreConnection closed;
+
+        add("spam", "a@d.test");
+        EXPECT_EQ(remove(&connection, address_or_name), 0);
+        EXPECT_EQ(sqlite3_changes(connection.get()), 1);
+        EXPECT_EQ(remove(&closed, address_or_name), -1);
+        EXPECT_EQ(log.take_one(), unprepared(sql));
+    }
+
     std::string unopenable() const { return store.folder().path(); }
 };
 
@@ -181,14 +195,7 @@ TEST_F(RemoveByAddress, AllIsNoWildcard)
 
 TEST_F(RemoveByAddress, WorksOnTheCallersConnection)
 {
-    StoreConnection connection = store.open();
-    StoreConnection closed;
-
-    add("spam", "a@d.test");
-    EXPECT_EQ(handlers_db_remove_by_address(&connection, "a@d.test"), 0);
-    EXPECT_EQ(sqlite3_changes(connection.get()), 1);
-    EXPECT_EQ(handlers_db_remove_by_address(&closed, "a@d.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_by_address_sql));
+    expect_works_on_callers_connection(handlers_db_remove_by_address, "a@d.test", delete_by_address_sql);
 }
 
 TEST_F(RemoveByName, RemovesTheHandlerOfEveryAddressQueueAndType)
@@ -216,14 +223,7 @@ TEST_F(RemoveByName, NameIsComparedExactly)
 
 TEST_F(RemoveByName, WorksOnTheCallersConnection)
 {
-    StoreConnection connection = store.open();
-    StoreConnection closed;
-
-    add("spam", "a@d.test");
-    EXPECT_EQ(handlers_db_remove_by_name(&connection, "spam"), 0);
-    EXPECT_EQ(sqlite3_changes(connection.get()), 1);
-    EXPECT_EQ(handlers_db_remove_by_name(&closed, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql));
+    expect_works_on_callers_connection(handlers_db_remove_by_name, "spam", delete_by_name_sql);
 }
 
 TEST_F(RemoveDomain, RemovesTheHandlersOfTheDomainAndItsMailboxesOnly)
