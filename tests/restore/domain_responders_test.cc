@@ -105,6 +105,17 @@ TEST_F(RestoreDomainResponders, NamesAndIdsAreAskedForAndHandedOn)
                                     attachments_query(1), attachments_query(2)}));
 }
 
+TEST_F(RestoreDomainResponders, RepliesAreWrittenOverTheRunsOwnConnection)
+{
+    add_mailbox("info");
+    const SqliteFaults sqlite;
+
+    EXPECT_EQ(restore(), 0);
+    EXPECT_EQ(sqlite.count("open"), 1);
+    EXPECT_EQ(sqlite.count("open " + handlers.path()), 1);
+    EXPECT_TRUE(responder_db.is_open());
+}
+
 TEST_F(RestoreDomainResponders, OnlyMailboxesOfTheDomainThatAnswerAreTaken)
 {
     add_mailbox("info");
@@ -376,6 +387,16 @@ TEST_F(LoadDomainResponders, ReplyWhoseMailboxIsGoneIsWritten)
               Lines{"info@one.example|@one.example"});
 }
 
+/* Here only commas separate. */
+TEST_F(LoadDomainResponders, NameWithABlankStaysOneName)
+{
+    add_mailbox("a b");
+    add_mailbox("c");
+
+    EXPECT_EQ(load("a b,c", "1,2"), 0);
+    EXPECT_EQ(written(), (Lines{"a b@one.example", "c@one.example"}));
+}
+
 /* A comma in a mailbox's name has made two of it. */
 TEST_F(LoadDomainResponders, NameWithoutAnIdIsFoundMissingUnderZero)
 {
@@ -510,6 +531,7 @@ protected:
         ResponderRecord record = sample_responder();
 
         record.id = 5;
+        record.mn_id = 6;
         return restore_responder_attachments(panel_db, connection, "Box", "One.Example", &record);
     }
 
