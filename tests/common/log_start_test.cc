@@ -1,10 +1,9 @@
 /* What holds before log_init: nothing in this program may call it. */
 #include "common/log.h"
 
-#include <cstdarg>
-
 #include <gtest/gtest.h>
 
+#include "tests/common/log_list.h"
 #include "tests/support/output_capture.h"
 
 namespace kolmo
@@ -13,17 +12,9 @@ namespace kolmo
 namespace
 {
 
+using testing::log_list;
 using testing::Output;
 using testing::output_of;
-
-[[gnu::format(printf, 2, 3)]] void log_list(int priority, const char *format, ...)
-{
-    std::va_list arguments;
-
-    va_start(arguments, format);
-    log_vmessage(priority, format, arguments);
-    va_end(arguments);
-}
 
 TEST(LogBeforeInit, InfoIsPrintedOnBothStreams)
 {

@@ -2,13 +2,13 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "tests/common/log_list.h"
 #include "tests/support/environment.h"
 #include "tests/support/fake_syslog.h"
 #include "tests/support/output_capture.h"
@@ -40,6 +40,7 @@ namespace
 using testing::break_standard_output;
 using testing::EnvironmentVariable;
 using testing::FakeSyslog;
+using testing::log_list;
 using testing::Output;
 using testing::output_of;
 using Lines = std::vector<std::string>;
@@ -53,15 +54,6 @@ void init_console(const char *sink, int level = LOG_INFO)
 void init_syslog(int level, int options = 0)
 {
     log_init(nullptr, level, LOG_MAIL, options, "test");
-}
-
-[[gnu::format(printf, 2, 3)]] void log_list(int priority, const char *format, ...)
-{
-    std::va_list arguments;
-
-    va_start(arguments, format);
-    log_vmessage(priority, format, arguments);
-    va_end(arguments);
 }
 
 /* Leaves the log as a program finds it, and nothing of it to the host's syslog. */
