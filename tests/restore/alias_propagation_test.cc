@@ -23,17 +23,12 @@ using namespace testing;
 
 const std::string replies_sql =
     "REPLACE INTO autoresponder SELECT replace(mn, '@one.example', '@one.alias'), keystr, key_where, "
-    "subject, "
-    "reply_to, forward_to, content_type, charset, body, ans_freq, ans_limit, real_owner FROM autoresponder;";
+    "subject, reply_to, forward_to, content_type, charset, body, ans_freq, ans_limit, real_owner FROM "
+    "autoresponder;";
 const std::string attachments_sql =
     "REPLACE INTO attachments SELECT replace(mn, '@one.example', '@one.alias'), filename FROM attachments;";
 
-/* A row of autoresponder in which nothing but the key and the owner matters. */
-std::string reply_row(const std::string &mailname, const std::string &owner)
-{
-    return sample_row(mailname, owner);
-}
-
+/* A row like sample_row's, which is its own owner. */
 void add_reply(const ResponderStore &store, const std::string &mailname)
 {
     store.execute("INSERT INTO autoresponder VALUES ('" + mailname +
@@ -66,10 +61,10 @@ TEST_F(CopyRespondersToAlias, EachReplyGetsATwinWithTheSameOwner)
 
     EXPECT_EQ(copy(), 0);
     EXPECT_EQ(store.query("SELECT * FROM autoresponder ORDER BY mn"),
-              (Lines{reply_row("anna@one.alias", "anna@one.example"),
-                     reply_row("anna@one.example", "anna@one.example"),
-                     reply_row("info@one.alias", "info@one.example"),
-                     reply_row("info@one.example", "info@one.example")}));
+              (Lines{sample_row("anna@one.alias", "anna@one.example"),
+                     sample_row("anna@one.example", "anna@one.example"),
+                     sample_row("info@one.alias", "info@one.example"),
+                     sample_row("info@one.example", "info@one.example")}));
     EXPECT_TRUE(connection.is_open());
     EXPECT_FALSE(in_transaction(connection));
 }
@@ -443,6 +438,15 @@ TEST_F(RestoreAliasResponders, FailedRepliesLeaveTheHandlersCopiedAndEndIt)
                                  "3 Unable to sync configuration for domain alias a.alias"}));
     EXPECT_EQ(handler_addresses(), (Lines{"info@a.alias", "info@one.example"}));
     EXPECT_TRUE(in_transaction(responder_db));
+}
+
+TEST_F(RestoreAliasResponders, CopyWithoutAConnectionDoesNotTakeTheRuns)
+{
+    EXPECT_EQ(copy_responders_to_alias(nullptr, "one.example", "a.alias"), -1);
+    EXPECT_EQ(log.take_one(),
+              "3 Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': general DB errror");
+    EXPECT_TRUE(responder_db.is_open());
+    EXPECT_EQ(keys(), Lines{"info@one.example"});
 }
 
 TEST_F(RestoreAliasResponders, AliasesBeforeTheFailingOneAreKept)
