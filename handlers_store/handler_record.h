@@ -23,8 +23,8 @@ constexpr std::int32_t HANDLER_TYPE_GLOBAL = 4;
  */
 struct HandlerRecord {
     std::int32_t priority; /* handlers of one recipient run highest first */
-    std::int32_t type;
-    std::int32_t queue;
+    std::int32_t type;     /* codes of the callers' choice; the store knows HANDLER_TYPE_GLOBAL only, */
+    std::int32_t queue;    /* and the autoresponder's handlers have type 1 and queue 2 */
     const char *name;
     const char *address; /* recipient: a mailbox's address, a bare domain, or a global handler's word */
     const char *executable;

@@ -12,14 +12,17 @@
  * - repeat what another process's lock keeps from them, without a limit (responder_store/busy_retry.h).
  * - log at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror" without
  *   a connection, as the detail.
- * - report a failed prepare or bind, close the connection, the caller's too, and return -1:
+ * - report a failed open and return -1:
  *     "Unable to open database %s: %s"                         path, detail
  *     "Unable to open database(readonly) %s: %s"               path, detail
+ * - report a failed prepare or bind, close the connection, the caller's too, and return -1:
  *     "Unable to prepare SQL statement for query '%s': %s"     statement, detail
  *     "Unable to bind parameter 'NAME' to the 'KIND' query: %s"  detail
  * - return -1 without a word when a pause between two attempts failed (nanosleep(2)); the statement at
- *   hand, the transaction and the connection are then left as they stand.
- * - leave the caller's texts alone.
+ *   hand, the transaction and the connection are then left as they stand.  responder_store/busy_retry.h
+ *   says how to tell that and what a caller does with its connection then.
+ * - leave the caller's texts alone, but for handlers_db_delete_action.  Texts may not be null where
+ *   nothing else is said.
  */
 #ifndef KOLMO_HANDLERS_STORE_HANDLERS_DB_H
 #define KOLMO_HANDLERS_STORE_HANDLERS_DB_H
@@ -41,7 +44,8 @@ void handlers_db_set_path(const char *path);
  * that lead to it.  Succeeds on a missing or empty file only; an existing store is not touched.
  *
  * Returns 0, or -1 after a message of handlers_db_create_schema or handlers_db_set_permissions; a file that
- * did not get its owner and mode is removed again, folders that were made stay.
+ * it made and that did not get its table, owner and mode is removed again, folders that were made stay.
+ * -1 without a message when a pause failed: the file then stays, too.  errno means nothing afterwards.
  */
 [[nodiscard]] int handlers_db_create();
 
@@ -50,7 +54,8 @@ void handlers_db_set_path(const char *path);
  *
  * Returns 0, or -1 after the messages of db_make_parent_dirs, with "Unable to create directory for mail
  * handlers database for(%s): %s" (path, system error text; priority 2), or of sqlite_db_recreate
- * (handlers_store/sqlite_file.h).
+ * (handlers_store/sqlite_file.h), whose silence after a failed pause it shares.  errno means nothing
+ * afterwards.
  */
 [[nodiscard]] int handlers_db_create_schema();
 
@@ -75,8 +80,8 @@ using HandlerAction = int (*)(StoreConnection *connection, HandlerRecord *record
  *
  * Returns 0 once the transaction has ended, else -1: after "Unable to begin sqlite transaction: %s" or
  * "Unable to end sqlite transaction: %s" (detail), which close the connection like a failed prepare, or
- * without a message of its own when an action closed the connection or met a failed pause; the batch then
- * stops and SQLite discards it.  A null list is an empty one.
+ * without a message of its own when an action closed the connection (the batch stops and SQLite discards it)
+ * or met a failed pause (the batch stops and its transaction stays open).  A null list is an empty one.
  */
 [[nodiscard]] int handlers_db_run_actions(const HandlerList *list, StoreConnection *connection,
                                           HandlerAction action);
@@ -89,7 +94,7 @@ using HandlerAction = int (*)(StoreConnection *connection, HandlerRecord *record
  * Returns 0, or -1: after the message of handlers_global_address, before any work on the store, or after
  * "Unable to execute insert record into handlers database: %s" (detail), which leaves the connection open.
  */
-int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record);
+[[nodiscard]] int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record);
 
 /*
  * Deletes one handler, found by name, type, queue and address (in any case).  A global handler, and an
@@ -101,7 +106,7 @@ int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record
  * any work on the store) or "Unable to execute delete record from handlers database: %s" (detail), which
  * leaves the connection open.
  */
-int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record);
+[[nodiscard]] int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record);
 
 /*
  * The address of a global handler: "all" for null and the empty text, `address` itself when it is exactly
@@ -120,8 +125,9 @@ int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record
  * Which handlers run, for the filter's type, queue, enabled and address, compared exactly (stored addresses
  * are lower-case) and cut to 501 bytes; the list runs from the lowest priority to the highest.  Handlers of
  * "all" are not merged in: ask again with a filter of type HANDLER_TYPE_GLOBAL, whose address may be null
- * (for "all"), "all" or "all-recipients".  The records carry the filter's type, queue and enabled, the key as
- * the address, priority 0 and the row's name, executable and context.
+ * (for "all"), "all" or "all-recipients"; a null address of any other type is an empty one.  The records
+ * carry the filter's type, queue and enabled, the key as the address, priority 0 and the row's name,
+ * executable and context.
  *
  * Returns 0, or -1 after logging "Incorrect recipient address for global handler `%s', expected
  * [NULL|%s|%s]", before anything is opened; "Unable to save the data from SELECT query" (no memory), followed
@@ -174,8 +180,7 @@ int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record
 [[nodiscard]] int handlers_db_exec_with_param(StoreConnection *connection, const char *sql,
                                               const char *parameter);
 
-/* Deletes every handler of `address`, compared exactly: with capitals it matches nothing, which is no
- * failure. */
+/* Deletes every handler of `address`, compared exactly: one with capitals matches nothing and gives 0. */
 [[nodiscard]] int handlers_db_remove_by_address(StoreConnection *connection, const char *address);
 
 /* Deletes the handlers called `name` of every address, queue and type. */
@@ -186,8 +191,9 @@ int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record
  * in one transaction.  Without a caller's connection the handlers are read over a read-only one of its own,
  * so that a missing store is not created.
  *
- * Returns 0, also when there were none, or -1 after logging "Get handlers list" (the read failed) or, after
- * the driver's message, "Unable to add records into handlers database".
+ * Returns 0, also when there were none, or -1: after "Get handlers list" when the read failed, with its own
+ * message before; after "Unable to add records into handlers database" when the driver failed, with its
+ * message before; after the message for a store that could not be opened for the read, alone.
  */
 [[nodiscard]] int handlers_db_remove_domain(StoreConnection *connection, const char *domain);
 

@@ -49,8 +49,8 @@ int delete_everywhere(StoreOp &op, const HandlerRecord *record)
         bind_int(record->queue, "Unable to bind parameter 'queue' to the 'DELETE' query: %s"),
     };
 
-    return execute(op, "DELETE FROM handlers WHERE name=? AND type=? AND queue=?", key,
-                   "Unable to execute delete record from handlers database: %s");
+    return execute_write(op, "DELETE FROM handlers WHERE name=? AND type=? AND queue=?", key,
+                         "Unable to execute delete record from handlers database: %s");
 }
 
 int delete_one(StoreOp &op, const HandlerRecord *record)
@@ -62,28 +62,11 @@ int delete_one(StoreOp &op, const HandlerRecord *record)
         bind_int(record->queue, "Unable to bind parameter 'queue' to the 'DELETE' query: %s"),
     };
 
-    return execute(op, "DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?", key,
-                   "Unable to execute delete record from handlers database: %s");
+    return execute_write(op, "DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?",
+                         key, "Unable to execute delete record from handlers database: %s");
 }
 
 } // namespace
-
-int execute(StoreOp &op, const char *sql, std::span<const Bind> binds, Message<1> refused)
-{
-    int step;
-
-    if (op.run(sql, binds, &step) != 0)
-        return -1;
-    if (step == SQLITE_DONE)
-        return 0;
-    log_failure(refused, op.detail());
-    return -1;
-}
-
-bool is_global_address(const char *address)
-{
-    return std::strcmp(address, address_all) == 0 || std::strcmp(address, address_all_recipients) == 0;
-}
 
 const char *handlers_global_address(const char *address)
 {
@@ -120,7 +103,8 @@ int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record
     };
 
     return with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
-        return execute(op, insert_sql, row, "Unable to execute insert record into handlers database: %s");
+        return execute_write(op, insert_sql, row,
+                             "Unable to execute insert record into handlers database: %s");
     });
 }
 
@@ -133,22 +117,6 @@ int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record
     return with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
         return everywhere ? delete_everywhere(op, record) : delete_one(op, record);
     });
-}
-
-int run_actions(StoreOp &op, const HandlerList *list, HandlerAction action)
-{
-    const PauseWatch pauses;
-
-    if (op.begin() != 0)
-        return -1;
-    for (const HandlerNode *node = list != nullptr ? list->head : nullptr; node != nullptr;
-         node = node->next) {
-        /* A record that fails is left out; the others are committed without it. */
-        (void)action(op.connection(), node->record);
-        if (!op.connection()->is_open() || pauses.failed())
-            return -1; /* the transaction went with the connection, or its state is unknown */
-    }
-    return op.end();
 }
 
 int handlers_db_run_actions(const HandlerList *list, StoreConnection *connection, HandlerAction action)

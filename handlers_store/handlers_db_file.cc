@@ -9,6 +9,7 @@
 
 #include "common/log.h"
 #include "handlers_store/sqlite_file.h"
+#include "responder_store/busy_retry.h"
 
 namespace kolmo
 {
@@ -43,8 +44,15 @@ void handlers_db_set_path(const char *path)
 
 int handlers_db_create()
 {
-    if (handlers_db_create_schema() != 0)
+    const bool is_new = access(handlers_db_path, F_OK) != 0;
+    const PauseWatch pauses;
+
+    if (handlers_db_create_schema() != 0) {
+        /* SQLite has made the file all the same, with its own owner and mode. */
+        if (is_new && !pauses.failed())
+            (void)unlink(handlers_db_path);
         return -1;
+    }
     if (handlers_db_set_permissions(handlers_db_path) != 0) {
         /* No store with a wrong owner or mode is left behind. */
         (void)unlink(handlers_db_path);

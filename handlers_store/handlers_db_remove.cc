@@ -13,7 +13,7 @@ int handlers_db_exec_with_param(StoreConnection *connection, const char *sql, co
     const std::array binds = {bind_text(parameter, "Unable to bind parameter param to query: %s")};
 
     return with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
-        return execute(op, sql, binds, "Unable to execute do action on handlers database: %s");
+        return execute_write(op, sql, binds, "Unable to execute do action on handlers database: %s");
     });
 }
 

@@ -17,20 +17,6 @@ const char select_to_run_sql[] =
     "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND "
     "enabled=? AND address=? ORDER BY priority DESC";
 
-const char select_address_sql[] = "SELECT priority, type, queue, name, address, executable, context, enabled "
-                                  "FROM handlers WHERE address = ?";
-
-const char select_domain_sql[] = "SELECT priority, type, queue, name, address, executable, context, enabled "
-                                 "FROM handlers WHERE address LIKE '%' || ? || '%'";
-
-/* The domain of a mailbox's address; any other text is its own. */
-const char *domain_part(const char *address)
-{
-    const char *const at = std::strchr(address, '@');
-
-    return at != nullptr ? at + 1 : address;
-}
-
 /* The address that is looked up for a filter, or null, logged, when a global one cannot have it. */
 const char *filter_address(const HandlerRecord *filter)
 {
@@ -73,28 +59,6 @@ int select_to_run(StoreOp &op, HandlerList *list, const HandlerRecord &wanted)
 
 } // namespace
 
-HandlerRecord record_from_row(sqlite3_stmt *row, int executable)
-{
-    HandlerRecord record;
-
-    handler_record_init(&record);
-    record.priority = sqlite3_column_int(row, 0);
-    record.type = sqlite3_column_int(row, 1);
-    record.queue = sqlite3_column_int(row, 2);
-    record.name = column_text(row, 3);
-    record.executable = column_text(row, executable);
-    record.context = column_text(row, executable + 1);
-    return record;
-}
-
-int keep_row(HandlerList *list, const HandlerRecord *record)
-{
-    if (handler_list_append(list, record) == 0)
-        return 0;
-    log_message(LOG_ERR, "Unable to save the data from SELECT query");
-    return -1;
-}
-
 int handlers_db_select_to_run(StoreConnection *connection, HandlerList *list, const HandlerRecord *filter)
 {
     const char *const address = filter_address(filter);
@@ -111,33 +75,6 @@ int handlers_db_select_to_run(StoreConnection *connection, HandlerList *list, co
     wanted.address = key;
     return with_handlers_store(connection, OpenMode::read_only,
                                [&](StoreOp &op) { return select_to_run(op, list, wanted); });
-}
-
-int select_by_address(StoreOp &op, HandlerList *list, const char *address, bool exact)
-{
-    const char *const wanted = exact ? address : domain_part(address);
-    const std::array key = {
-        bind_text(wanted, "Unable to bind parameter 'address' to the 'SELECT' query: %s")};
-    int result = 0;
-    int step;
-
-    /* LIKE is wider than a domain, so a row's own domain decides; in the exact form, too, which for that
-       reason never finds a mailbox. */
-    if (op.select(exact ? select_address_sql : select_domain_sql, key, &step, [&](sqlite3_stmt *row) {
-            HandlerRecord record = record_from_row(row, 5);
-
-            record.address = column_text(row, 4);
-            record.enabled = sqlite3_column_int(row, 7) != 0;
-            if (record.address != nullptr && std::strcmp(domain_part(record.address), wanted) == 0 &&
-                keep_row(list, &record) != 0)
-                result = -1;
-            return 0;
-        }) != 0)
-        return -1;
-    if (step == SQLITE_DONE)
-        return result;
-    log_failure("Unable to select data from handlers database: %s", op.detail());
-    return -1;
 }
 
 int handlers_db_select_by_address(StoreConnection *connection, HandlerList *list, const char *address,

@@ -36,7 +36,8 @@ template <typename Body>
  * Runs one statement that writes.  0, or -1 after `refused` was logged with the detail for a step that did
  * not succeed, which leaves the connection open, or after what StoreOp::run reported.
  */
-[[nodiscard]] int execute(StoreOp &op, const char *sql, std::span<const Bind> binds, Message<1> refused);
+[[nodiscard]] int execute_write(StoreOp &op, const char *sql, std::span<const Bind> binds,
+                                Message<1> refused);
 
 /* handlers_db_run_actions on the connection of an operation that has one. */
 [[nodiscard]] int run_actions(StoreOp &op, const HandlerList *list, HandlerAction action);

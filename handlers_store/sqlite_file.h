@@ -14,7 +14,8 @@ namespace kolmo
  *
  * Returns 0, or -1 after logging, at priority 3, "Unable to open database %s: %s" (path, detail) or
  * "Unable to re-create %s database: %s" (label, SQLite's text; without one, and its colon, when SQLite gave
- * none).  -1 without a message when a pause of the busy rule failed.
+ * none).  -1 without a message when a pause of the busy rule failed.  On a locked file the whole script is
+ * repeated: one with a transaction of its own then fails at the BEGIN that is open already.
  */
 [[nodiscard]] int sqlite_db_recreate(const char *path, const char *script, const char *label);
 

@@ -7,7 +7,11 @@
  * What ends it all the same is nanosleep(2), which rejects the pause of a whole second after the
  * 100,001st attempt.
  *
- * A failed pause ends the whole operation at once: nothing more is logged, finalized, ended or closed.
+ * A failed pause ends the whole operation at once: nothing more is logged, finalized, ended or closed.  A
+ * caller with signal handlers may meet one (EINTR): PauseWatch tells it from other failures.  The caller's
+ * connection then still carries a statement that nobody can finalize, so it must not be closed by
+ * close_with_retry; let it go by its destructor or by release().  A lock that it holds, and one of an
+ * operation's own connection, lasts until the process ends.
  */
 #ifndef KOLMO_RESPONDER_STORE_BUSY_RETRY_H
 #define KOLMO_RESPONDER_STORE_BUSY_RETRY_H
@@ -49,8 +53,8 @@ template <typename Call>
  * Returns 0 when the closing ended, whatever SQLite made of it, or -1 when a pause failed: the
  * connection then stays held if its last attempt was refused as busy.  Logs nothing.
  *
- * A statement that nobody finalized keeps a connection busy, so a caller's own statements must be
- * finalized before: without that this goes on for 14 hours.
+ * A statement that nobody finalized keeps a connection busy, a caller's own or one that a failed pause left:
+ * with such a statement this goes on for 14 hours.
  */
 [[nodiscard]] int close_with_retry(StoreConnection *connection);
 

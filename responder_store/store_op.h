@@ -78,8 +78,7 @@ public:
     [[nodiscard]] StoreConnection *connection() const noexcept { return connection_; }
     [[nodiscard]] const char *detail() const noexcept { return connection_->detail(); }
 
-    /* "BEGIN TRANSACTION;" and "END TRANSACTION;".  0, or -1 after the failure was reported or a pause
-     * failed. */
+    /* Begin and end the transaction.  0, or -1 after the failure was reported, or a pause failed. */
     [[nodiscard]] int begin();
     [[nodiscard]] int end();
 
