@@ -18,10 +18,10 @@ namespace kolmo
 namespace
 {
 
-constexpr char DEFAULT_CONF_PATH[] = "/etc/qsx/qsx.conf";
+constexpr char default_conf_path[] = "/etc/qsx/qsx.conf";
 
-constexpr std::size_t FIRST_CAPACITY = 20;
-constexpr std::size_t CAPACITY_STEP = 20;
+constexpr std::size_t first_capacity = 20;
+constexpr std::size_t capacity_step = 20;
 
 struct KnownVariable {
     const char *name;
@@ -36,12 +36,12 @@ constexpr KnownVariable known_variables[] = {
     {nullptr, nullptr},
 };
 
-constexpr std::size_t KNOWN_VARIABLES = std::size(known_variables) - 1;
-static_assert(KNOWN_VARIABLES == _MAX_POSSIBLE_QSX_CONF_VAR_NAME + 1);
+constexpr std::size_t known_variable_count = std::size(known_variables) - 1;
+static_assert(known_variable_count == _MAX_POSSIBLE_QSX_CONF_VAR_NAME + 1);
 
 /* The loaded file, null until then, and what conf_get found in it; kept for the rest of the process. */
 QsxConfStore *loaded_store;
-const char *cached_values[KNOWN_VARIABLES];
+const char *cached_values[known_variable_count];
 
 struct FreeStore {
     void operator()(QsxConfStore *store) const noexcept { conf_store_free(store); }
@@ -103,12 +103,12 @@ QsxConfEntry *find_sorted(const QsxConfStore *store, const char *name)
 
 int make_first_slots(QsxConfStore *store)
 {
-    store->entries = static_cast<QsxConfEntry *>(std::calloc(FIRST_CAPACITY, sizeof *store->entries));
+    store->entries = static_cast<QsxConfEntry *>(std::calloc(first_capacity, sizeof *store->entries));
     if (store->entries == nullptr) {
         errno = ENOMEM;
         return -1;
     }
-    store->capacity = FIRST_CAPACITY;
+    store->capacity = first_capacity;
     store->count = 0;
     store->sorted = true;
     return 0;
@@ -119,7 +119,7 @@ bool next_capacity(const QsxConfStore *store, std::size_t *capacity, std::size_t
 {
     if (__builtin_mul_overflow(store->capacity, std::size_t{2}, capacity))
         return false;
-    if (*capacity <= store->count && __builtin_add_overflow(store->count, CAPACITY_STEP, capacity))
+    if (*capacity <= store->count && __builtin_add_overflow(store->count, capacity_step, capacity))
         return false;
     return !__builtin_mul_overflow(*capacity, sizeof *store->entries, bytes);
 }
@@ -195,7 +195,7 @@ int parse_lines(std::FILE *stream, QsxConfStore *store)
     std::size_t size = 0;
     int result = 0;
 
-    while (result == 0 && ::getline(&line, &size, stream) != -1)
+    while (result == 0 && getline(&line, &size, stream) != -1)
         result = parse_line(line, store);
 
     const int saved_errno = errno;
@@ -206,7 +206,7 @@ int parse_lines(std::FILE *stream, QsxConfStore *store)
 
 } // namespace
 
-const char *panel_conf_path = DEFAULT_CONF_PATH;
+const char *panel_conf_path = default_conf_path;
 
 const char *conf_get(QsxConfVar var)
 {
@@ -230,7 +230,7 @@ const char *conf_get_by_name(const char *name)
             return conf_get(static_cast<QsxConfVar>(var));
     }
     log_message(LOG_ERR, "variable '%s' was found neither in %s, nor in compile-time defaults", name,
-                DEFAULT_CONF_PATH);
+                default_conf_path);
     return nullptr;
 }
 
@@ -303,8 +303,8 @@ int conf_store_set(QsxConfStore *store, const char *name, const char *value)
     if (conf_store_reserve(store) != 0)
         return -1;
 
-    OwnedText name_copy(::strdup(name));
-    OwnedText value_copy(::strdup(value));
+    OwnedText name_copy(strdup(name));
+    OwnedText value_copy(strdup(value));
     if (name_copy == nullptr || value_copy == nullptr) {
         log_message(CONF_READER_PRIORITY, "Unable to form configuration: %s", std::strerror(ENOMEM));
         errno = ENOMEM;

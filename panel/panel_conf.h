@@ -1,11 +1,23 @@
 /*
  * panel_conf: the panel's configuration file, with compiled-in values for what it does not define.
  *
- * The file holds one variable per line: a name, white space, a value; '#' starts a comment anywhere.  It
- * is read once per process, on the first lookup that succeeds in loading it; a file that cannot be
- * loaded is tried again, and complained about again, by every further lookup.
+ * The file holds one variable per line: a name of letters, digits and '_', white space, a value; '#' starts a
+ * comment anywhere.  Of a run of white space at the value's end the last character goes when its length is
+ * odd, none when it is even: a value with one blank before the newline keeps both.  The file is read once per
+ * process, on the first lookup that succeeds in loading it; a file that cannot be loaded is tried again, and
+ * complained about again, by every further lookup.
  *
- * What the reader logs goes out at CONF_READER_PRIORITY unless a function says otherwise.
+ * What the reader logs goes out at CONF_READER_PRIORITY unless a function says otherwise:
+ *   "unable to open configuration file %s: %s\n"  path, system error text
+ *   "Unable to read configuration file: %s"       system error text
+ *   "Unable to read configuration: %s", "Unable to form configuration: %s"  no memory
+ *   "Invalid variable definition %s\nExpected a space after variable name\n", "Invalid variable definition
+ *   %s\nExpected a value"                         the line
+ * and at LOG_ERR:
+ *   "Not enough memory to allocate Kolmo runtime configuration structure"
+ *   "variable '%s' was found neither in %s, nor in compile-time defaults"  name, the file
+ *
+ * A lookup leaves the errno of a failed loading (ENOENT without a file) behind, even if it has a value.
  */
 #ifndef KOLMO_PANEL_PANEL_CONF_H
 #define KOLMO_PANEL_PANEL_CONF_H
@@ -69,7 +81,8 @@ struct QsxConfStore {
 
 /*
  * The value of any variable that the file defines, known or not; loads the file if that is still to be
- * done.  Null when the file does not define it or cannot be loaded.  The text belongs to this file.
+ * done.  Null when the file does not define it or cannot be loaded.  The text is not the caller's to free and
+ * lasts as long as the process.
  */
 [[nodiscard]] const char *conf_file_lookup(const char *name);
 

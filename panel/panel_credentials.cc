@@ -58,7 +58,7 @@ OwnedSecret read_admin_password(char *error_buffer, std::size_t buffer_size)
     (void)std::setvbuf(file.get(), nullptr, _IONBF, 0);
 
     struct stat status;
-    if (::stat(panel_shadow_path, &status) != 0) {
+    if (stat(panel_shadow_path, &status) != 0) {
         (void)std::snprintf(error_buffer, buffer_size, "Unable to get admin password file stat: %s",
                             std::strerror(errno));
         return nullptr;

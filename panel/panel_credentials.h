@@ -21,11 +21,11 @@ namespace kolmo
 extern const char *panel_dsn_path;
 extern const char *panel_shadow_path;
 
-/* Leaves nothing of a secret in memory that others get next. */
+/* Wipes the secret first.  What the reader of the DSN file had in its buffers is not this one's. */
 struct WipeMemory {
     void operator()(char *secret) const noexcept
     {
-        ::explicit_bzero(secret, std::strlen(secret));
+        explicit_bzero(secret, std::strlen(secret));
         std::free(secret);
     }
 };
@@ -51,8 +51,13 @@ struct PanelCredentials {
  * credentials   filled on success; after a failure what was read so far, to be dropped
  * error_buffer  gets the text of a failure, cut to buffer_size bytes with the terminator; otherwise
  *               left as it is
- * Returns 0, or -1 when the password file cannot be opened, examined, stored or read (an empty one
- * included), with the errno of that failure.  Logs nothing.  errno after success is whatever the last
+ * Returns 0, or -1 when the password file cannot be opened, examined or read or memory runs out, with the
+ * errno of that failure; an empty file is such a failure, too, and leaves errno as it was.  The texts:
+ *   "Unable to open admin password file: %s"      system error text
+ *   "Unable to get admin password file stat: %s"  system error text
+ *   "Unable to allocate memory for password"
+ *   "Unable to read admin password file: %s"      system error text
+ * Logs nothing.  errno after success is whatever the last
  * file left there (ENOENT when there is no DSN file).
  */
 [[nodiscard]] int panel_read_credentials(PanelCredentials *credentials, char *error_buffer,

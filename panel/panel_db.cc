@@ -13,7 +13,7 @@ namespace kolmo
 namespace
 {
 
-constexpr std::size_t ERROR_BUFFER_SIZE = 4097;
+constexpr std::size_t error_buffer_size = 4097;
 
 /* A fresh handle connected with the panel's credentials, or null and the text of the failure. */
 PanelConnection open_connection(char *error_buffer, std::size_t buffer_size)
@@ -42,15 +42,15 @@ PanelConnection open_connection(char *error_buffer, std::size_t buffer_size)
 /* Whether it worked is for the caller to see from mysql_errno; here only the text of a failure is made. */
 void set_names(MYSQL *connection, char *error_buffer, std::size_t buffer_size)
 {
-    static constexpr char WHAT[] = "set names query";
+    static constexpr char what[] = "set names query";
 
     if (mysql_query(connection, "SET NAMES utf8") == 0)
         return;
     if (mysql_errno(connection) != 0)
-        (void)std::snprintf(error_buffer, buffer_size, "DB error (%s) %u: %s", WHAT, mysql_errno(connection),
+        (void)std::snprintf(error_buffer, buffer_size, "DB error (%s) %u: %s", what, mysql_errno(connection),
                             mysql_error(connection));
     else
-        (void)std::snprintf(error_buffer, buffer_size, "DB error (%s): unknown error", WHAT);
+        (void)std::snprintf(error_buffer, buffer_size, "DB error (%s): unknown error", what);
 }
 
 } // namespace
@@ -58,7 +58,7 @@ void set_names(MYSQL *connection, char *error_buffer, std::size_t buffer_size)
 MYSQL *panel_db_connect()
 {
     /* Starts empty: not every failure leaves a text. */
-    char error_buffer[ERROR_BUFFER_SIZE] = "";
+    char error_buffer[error_buffer_size] = "";
 
     MYSQL *const connection = panel_db_connect_ex(error_buffer, sizeof error_buffer);
     if (connection == nullptr)

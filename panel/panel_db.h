@@ -63,6 +63,12 @@ using PanelResult = std::unique_ptr<MYSQL_RES, FreePanelResult>;
  * opened here.  One failure is none: when "SET NAMES utf8" fails but the error number reads 0, the
  * text is in the buffer and the handle is good all the same.
  *
+ * The texts: those of panel_read_credentials, and
+ *   "Unable to initialize MySQL connection structure: %s"  system error text
+ *   "Unable to connect to Kolmo Database: %s"              the library's or the server's text
+ *   "DB error (%s) %u: %s"                                 "set names query", number, text
+ *   "DB error (%s): unknown error"                         "set names query"
+ *
  * Reads panel_dsn_path, and panel_shadow_path when the former has no password (panel_credentials.h),
  * and conf_get(MYSQL_SOCKET), whose file (panel_conf.h) logs its own troubles; reports and logs nothing
  * else.  errno becomes ENOMEM when there is no memory for the handle.

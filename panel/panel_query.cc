@@ -13,11 +13,11 @@ namespace kolmo
 namespace
 {
 
-constexpr std::size_t RESULT_SIZE = 4096;
-constexpr std::size_t QUERY_SIZE = 4096;
+constexpr std::size_t result_size = 4096;
+constexpr std::size_t query_size = 4096;
 
-char query_result[RESULT_SIZE];
-char setting_result[RESULT_SIZE];
+char query_result[result_size];
+char setting_result[result_size];
 
 /* The caller's connection or, when that is null, one that `own` closes; null when there is none to be had. */
 MYSQL *connection_or_own(MYSQL *connection, PanelConnection *own)
@@ -37,12 +37,12 @@ const char *first_row_value(MYSQL_RES *result, int column)
     return row != nullptr ? panel_text(row[column]) : "";
 }
 
-/* What the query just sent on the connection gave, into a result buffer of RESULT_SIZE bytes. */
+/* What the query just sent on the connection gave, into a result buffer of result_size bytes. */
 const char *take_value(MYSQL *connection, int column, char *buffer)
 {
     const PanelResult result(mysql_store_result(connection));
 
-    (void)std::snprintf(buffer, RESULT_SIZE, "%s", first_row_value(result.get(), column));
+    (void)std::snprintf(buffer, result_size, "%s", first_row_value(result.get(), column));
     return buffer;
 }
 
@@ -72,7 +72,7 @@ const char *panel_query_first_value(const char *query, MYSQL *connection)
 const char *panel_query_param(const char *key, const char *table, const char *key_column,
                               const char *value_column, MYSQL *connection)
 {
-    char query[QUERY_SIZE];
+    char query[query_size];
 
     (void)std::snprintf(query, sizeof query, "select %s from %s where %s='%s'", value_column, table,
                         key_column, key);

@@ -8,6 +8,11 @@
  *   no row, or SQL's NULL   ""
  *   failure                 null, reported through report_error with exit code 0
  *
+ * The reports, which end in a newline and carry whatever errno stood before: "Unable to query parameter by
+ * query %s: %s" (query, the server's text) and "Unable to connect to the mysql database"; for
+ * panel_mail_server_setting "Unable to query domain parameter %s: %s" (setting, the server's text) and
+ * "Unable to connect to mysql database".  The latter of each follows what panel_db_connect reported.
+ *
  * A result is a static buffer: not to be freed, and overwritten by the next lookup of the same family
  * (panel_mail_server_setting has a buffer to itself, the others share one).  It holds 4095 bytes; a
  * longer value is cut.
