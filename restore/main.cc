@@ -1,6 +1,8 @@
 /*
  * mail_responders_rebuild: puts the autoresponder's two stores back from the panel database.
  */
+#include <csignal>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -26,6 +28,12 @@ void occupy_standard_streams()
         (void)close(fd);
 }
 
+/* A parent that ignores it hands that down, and the kernel then forgets how the panel's utility ended. */
+void let_children_be_waited_for()
+{
+    (void)std::signal(SIGCHLD, SIG_DFL);
+}
+
 /* There is one thread, and nobody asks SQLite for its memory: locks and counters would be 14 % of its work.
  */
 void configure_sqlite()
@@ -39,6 +47,7 @@ void configure_sqlite()
 int main(int, char **argv)
 {
     occupy_standard_streams();
+    let_children_be_waited_for();
     configure_sqlite();
     return kolmo::rebuild_responders(argv[0]);
 }

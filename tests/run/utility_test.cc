@@ -51,6 +51,11 @@ TEST_F(UtilityRun, IsRunWithInitDbOnly)
     EXPECT_EQ(read_file("/run/arguments"), "--init-db\n");
 }
 
+TEST_F(UtilityRun, IsWaitedForEvenIfTheParentIgnoredTheEndOfItsChildren)
+{
+    expect_result(run({.ignored = {SIGCHLD}}), 0);
+}
+
 /* A script does not see its argv[0]; ls(1) complains under that name. */
 TEST_F(UtilityRun, IsCalledByItsPath)
 {

@@ -94,6 +94,8 @@ void Program::run_child(const std::string &path, const ProgramOptions &options, 
         (void)::signal(SIGXFSZ, SIG_IGN);
         (void)::setrlimit(RLIMIT_FSIZE, &limit);
     }
+    for (const int signal_number : options.ignored)
+        (void)::signal(signal_number, SIG_IGN);
     for (const int fd : options.closed)
         (void)::close(fd);
     (void)::execv(path.c_str(), argv);

@@ -20,6 +20,7 @@ struct ProgramOptions {
     std::vector<std::string> argv = {}; /* its [0] need not be the program's path */
     std::string input = "/dev/null";    /* the file that is its standard input */
     std::vector<int> closed = {};       /* descriptors of 0, 1 and 2 that it starts without */
+    std::vector<int> ignored = {};      /* signals that it starts ignoring */
     rlim_t file_size = RLIM_INFINITY;   /* bytes; a write beyond fails (EFBIG) */
     std::chrono::seconds deadline{30};
 };
