@@ -415,12 +415,19 @@ TEST_F(LoadDomainResponders, IdWithoutANameIsNotLookedAt)
     EXPECT_EQ(written(), Lines{"a@one.example"});
 }
 
-TEST_F(LoadDomainResponders, IdsAreReadInBaseTenAndCutToThirtyTwoBits)
+TEST_F(LoadDomainResponders, IdsAreReadAsNumbersAndCutToThirtyTwoBits)
 {
     add_mailbox("a");
 
     EXPECT_EQ(load("a,b,c", "4294967297,01, 1"), 0);
     EXPECT_EQ(written(), (Lines{"a@one.example", "b@one.example", "c@one.example"}));
+}
+
+/* A zero in front makes no octal number of it. */
+TEST_F(LoadDomainResponders, IdWithALeadingZeroIsDecimalStill)
+{
+    EXPECT_EQ(load("a", "010"), -1);
+    EXPECT_EQ(log.take_one(), missing_line("a@one.example", "10"));
 }
 
 TEST_F(LoadDomainResponders, CutIdIsTheOneOfTheMessage)
