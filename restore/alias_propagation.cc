@@ -1,10 +1,8 @@
 #include "restore/alias_propagation.h"
 
-#include <cstdarg>
 #include <cstdio>
 
 #include "common/log.h"
-#include "common/owned.h"
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"
 #include "responder_store/store_op.h"
@@ -27,19 +25,6 @@ int restore_alias(const char *domain, const char *alias)
         return 1;
     }
     return 0;
-}
-
-/* New text, null when memory ran out. */
-[[gnu::format(printf, 1, 2)]] OwnedText format_statement(const char *format, ...)
-{
-    std::va_list arguments;
-    char *text = nullptr;
-
-    va_start(arguments, format);
-    if (vasprintf(&text, format, arguments) < 0)
-        text = nullptr;
-    va_end(arguments);
-    return OwnedText(text);
 }
 
 int run_copies(StoreOp &op, const char *copy_responders, const char *copy_attachments)
@@ -91,20 +76,20 @@ int restore_alias_responders(const char *domain_id, const char *domain)
 int copy_responders_to_alias(StoreConnection *connection, const char *domain, const char *alias)
 {
     /* No column list: the order of the columns is fixed.  Single quotes, because SQLite may be built to take
-       a text in double quotes for a column's name only. */
-    const OwnedText copy_responders = format_statement(
-        "REPLACE INTO autoresponder SELECT replace(mn, '@%s', '@%s'), keystr, key_where, subject, reply_to, "
+       a text in double quotes for a column's name only, and %q, because a name may hold one. */
+    const SqliteText copy_responders(sqlite3_mprintf(
+        "REPLACE INTO autoresponder SELECT replace(mn, '@%q', '@%q'), keystr, key_where, subject, reply_to, "
         "forward_to, content_type, charset, body, ans_freq, ans_limit, real_owner FROM autoresponder;",
-        domain, alias);
+        domain, alias));
 
     if (copy_responders == nullptr) {
         log_message(LOG_ERR, "Unable to prepare query1: out of memory");
         return -1;
     }
 
-    const OwnedText copy_attachments = format_statement(
-        "REPLACE INTO attachments SELECT replace(mn, '@%s', '@%s'), filename FROM attachments;", domain,
-        alias);
+    const SqliteText copy_attachments(sqlite3_mprintf(
+        "REPLACE INTO attachments SELECT replace(mn, '@%q', '@%q'), filename FROM attachments;", domain,
+        alias));
 
     if (copy_attachments == nullptr) {
         log_message(LOG_ERR, "Unable to prepare query2: out of memory");

@@ -1,15 +1,16 @@
 #include "restore/alias_propagation.h"
 
+#include <cstdarg>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
 #include "responder_store/busy_retry.h"
 #include "tests/restore/panel_watch.h"
 #include "tests/restore/restore_fixture.h"
-#include "tests/support/alloc_faults.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
 
@@ -27,6 +28,21 @@ const std::string replies_sql =
     "autoresponder;";
 const std::string attachments_sql =
     "REPLACE INTO attachments SELECT replace(mn, '@one.example', '@one.alias'), filename FROM attachments;";
+
+/* The statement, from 1, for whose text SQLite has no memory; 0 for none, and once it was reached. */
+int statement_without_memory;
+
+extern "C" char *__wrap_sqlite3_mprintf(const char *format, ...)
+{
+    std::va_list arguments;
+
+    if (statement_without_memory > 0 && --statement_without_memory == 0)
+        return nullptr;
+    va_start(arguments, format);
+    char *const text = sqlite3_vmprintf(format, arguments);
+    va_end(arguments);
+    return text;
+}
 
 /* A row like sample_row's, which is its own owner. */
 void add_reply(const ResponderStore &store, const std::string &mailname)
@@ -196,6 +212,19 @@ TEST_F(CopyRespondersToAlias, TransactionLeftOpenIsDiscardedByTheClosing)
     EXPECT_EQ(keys(), Lines{"info@one.example"});
 }
 
+TEST_F(CopyRespondersToAlias, QuotesInNamesAreJustCharacters)
+{
+    for (const char *alias : {"o'brien.example", "\"q\".example", "100%s.example"}) {
+        const std::string twin = std::string("anna@") + alias;
+
+        add_reply(store, "anna@it''s.example"); /* as an SQL text */
+        EXPECT_EQ(copy_responders_to_alias(&connection, "it's.example", alias), 0) << alias;
+        EXPECT_EQ(keys(),
+                  (alias[0] < 'a' ? Lines{twin, "anna@it's.example"} : Lines{"anna@it's.example", twin}));
+        store.execute("DELETE FROM autoresponder");
+    }
+}
+
 TEST_F(CopyRespondersToAlias, NoConnectionFailsCleanly)
 {
     const std::string line =
@@ -216,12 +245,9 @@ TEST_F(CopyRespondersToAlias, StatementsWithoutMemoryAreReportedBeforeTheStoreIs
     int nth = 0;
 
     for (const std::string &line : lines) {
-        int result;
-        {
-            const AllocFaults faults(++nth);
-            result = copy();
-        }
-        EXPECT_EQ(result, -1);
+        statement_without_memory = ++nth;
+        EXPECT_EQ(copy(), -1);
+        EXPECT_EQ(statement_without_memory, 0) << "the fault was not hit";
         EXPECT_EQ(log.take_one(), line);
         EXPECT_EQ(sqlite.calls(), Lines{});
         EXPECT_TRUE(connection.is_open());

@@ -269,6 +269,37 @@ TEST_F(DomainsRun, SpecialCharactersInMailboxNamesArriveUnchanged)
     expect_handlers(handlers);
 }
 
+TEST_F(DomainsRun, SpecialCharactersInDomainAndAliasNamesArriveUnchanged)
+{
+    const std::vector<std::string> aliases = {"it's.alias", "\"q\".alias", "100%s.alias", "%n.alias"};
+    const int domain = add_simple_domain("o'brien%s.example");
+    std::vector<std::string> replies = {reply_row("info@o'brien%s.example")};
+    std::vector<std::string> handlers = {handler_row("info@o'brien%s.example")};
+
+    for (const std::string &alias : aliases) {
+        panel->add_alias(domain, alias);
+        replies.push_back(reply_row("info@" + alias, {}, "info@o'brien%s.example"));
+        handlers.push_back(handler_row("info@" + alias));
+    }
+
+    expect_run(0);
+    expect_responders(replies);
+    expect_handlers(handlers);
+}
+
+/* Names and ids are paired by their places: what follows such a name gets the next one's id. */
+TEST_F(DomainsRun, CommaInAMailboxNameShiftsTheMailboxesThatFollow)
+{
+    const int domain = panel->add_domain("one.example");
+
+    (void)panel->add_mailbox_with_responder(domain, "a,b", {.subject = "first"});
+    (void)panel->add_mailbox_with_responder(domain, "zoe", {.subject = "second"});
+
+    expect_run(1, {missing_reply("zoe@one.example", 0), sync_failed("one.example")});
+    expect_responders({reply_row("a@one.example", {.subject = "first"}, "a,b@one.example"),
+                       reply_row("b@one.example", {.subject = "second"}, "zoe@one.example")});
+}
+
 TEST_F(DomainsRun, SpecialCharactersInMailboxNamesArriveInMessages)
 {
     const int domain = panel->add_domain("one.example");
