@@ -1,9 +1,9 @@
 /*
  * store_op: the steps that every operation on a store is made of.
  *
- * with_store gives an operation its connection, StoreOp its steps.  A step that fails reports, finalizes,
- * closes the connection, the caller's too, and returns -1, always in this order: closing overwrites
- * SQLite's text, and a statement that is not finalized keeps the closing busy for hours.  A step whose
+ * with_store gives an operation its connection, StoreOp its steps.  A step that fails reports, closes the
+ * connection, the caller's too, and returns -1, its statement finalized: closing overwrites SQLite's text,
+ * and a statement that is not finalized keeps the closing busy for hours.  A step whose
  * pause failed abandons its statement instead and does nothing more.  What a statement's own result
  * means is the operation's affair: run and select hand it back.
  *

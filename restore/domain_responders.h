@@ -37,10 +37,12 @@ namespace kolmo
  * panel                 stays open
  * connection            as for responder_db_add_autoresponder
  * mail_names, mail_ids  lists separated by commas, in the same order
- * Returns 0; -1 after "Unable to query autoresponders: %s" (the server's text), after one of the messages for
- * want of memory, after a failed write, which ends the walk, or after a mailbox without a default
- * autoresponder ("Unable to restore autoresponder for '%s@%s': ..."), which does not.  What was written
- * before stays.  The id list is cut so that the query has 4095 characters.
+ * Returns 0; -1 after "Unable to query autoresponders: %s" (the server's text); for want of memory after
+ * "Failed to store next autoresponder: out of memory", "Failed to add next autoresponder to list: out of
+ * memory", "Unable to split mail names list: out of memory" or "Unable to split mail id's list: out of
+ * memory" (the latter two after string_array_split's own lines); after a failed write, which ends the walk,
+ * or after a mailbox without a default autoresponder ("Unable to restore autoresponder for '%s@%s': ..."),
+ * which does not.  What was written before stays.  The id list is cut so that the query has 4095 characters.
  */
 [[nodiscard]] int load_domain_responders(MYSQL *panel, StoreConnection *connection, const char *mail_names,
                                          const char *mail_ids, const char *domain);

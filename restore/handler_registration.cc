@@ -17,7 +17,7 @@ namespace kolmo
 namespace
 {
 
-/* Room for an address; the mail server's limit is this one. */
+/* Room for an address: 254 characters, the longest that SMTP can carry (RFC 5321, 4.5.3.1.3). */
 constexpr std::size_t address_size = 255;
 
 const char list_delimiters[] = ", ";

@@ -19,8 +19,8 @@ constexpr int HANDLER_ACTION_DELETE = 3;
  * Returns 0; -1 when a record could not be built, and then nothing at all is applied, or as the driver
  * (handlers_db_run_actions) failed.  Logged at priority 3: "Unable to split mailnames list", "Unable to split
  * domains list", "idn_toascii() failed: %s", "domain name too long\n" (an address of 255 characters or
- * more), and, for the latter two and for want of memory, "Unable to make action for some autoresponder
- * handlers".
+ * more), and, for the latter two and for want of memory (handler_list_append's and string_array_split's own
+ * lines come before), "Unable to make action for some autoresponder handlers".
  */
 [[nodiscard]] int set_autoresponder_handlers(const char *mail_names, const char *domains, int action);
 

@@ -34,8 +34,7 @@ void let_children_be_waited_for()
     (void)std::signal(SIGCHLD, SIG_DFL);
 }
 
-/* There is one thread, and nobody asks SQLite for its memory: locks and counters would be 14 % of its work.
- */
+/* One thread, and nobody asks SQLite for its memory: locks and counters would be 14 % of its work. */
 void configure_sqlite()
 {
     (void)sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);

@@ -15,10 +15,14 @@
 namespace kolmo
 {
 
-/* The responder store of the run; open from the utility's success to the end. */
+/*
+ * The responder store of the run, opened after the utility's success and closed at the end; empty before, and
+ * as soon as a failing operation has closed it.  If a pause of the last closing fails, it stays held and the
+ * end of the process closes it.
+ */
 extern StoreConnection responder_db;
 
-/* The panel database of the run, null when it could not be reached. */
+/* The panel database of the run; null before and after it, and when it could not be reached. */
 extern MYSQL *panel_db;
 
 /*
