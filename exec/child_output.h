@@ -19,7 +19,8 @@ namespace kolmo
  *            nothing was printed, null only when that pipe was never read
  * argv       closed by a null; entry 0 is what the program sees as its name
  *
- * Returns the exit code, 0 to 255, or -1 for a program that a signal ended or that could not be waited for.
+ * Returns the exit code, 0 to 255, or -1 for a program that a signal ended, that was found stopped (see
+ * below) or that could not be waited for.
  * The program's end is logged by wait_child as it says there; not logged when it was noticed while its
  * output was still held open.  255 with a line in *err ("fork_execv: ...") is the program that could not be
  * executed, or a stream that could not be installed.
@@ -29,7 +30,9 @@ namespace kolmo
  * cannot be set ("fork_execv_getouterr: fcntl(O_NONBLOCK) failed"), when fork fails or memory runs out.  A
  * failed read is told on standard error, ends that text and nothing else.
  *
- * Signals are left alone; a stopped program is waited for until it goes on.
+ * Signals are left alone.  A program that is stopped while its output is open is waited for until it goes
+ * on.  One that is stopped after it has closed its output is logged by wait_child, gives -1 and is left
+ * stopped, a child of this process still.
  */
 [[nodiscard]] int fork_execv_getouterr(char **out, char **err, const char *path, const char *const argv[]);
 

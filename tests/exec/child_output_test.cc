@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/owned.h"
@@ -136,6 +137,29 @@ TEST_F(ForkExecvGetouterr, ProgramKilledWhileThePipesAreHeldGivesMinusOneWithout
     EXPECT_EQ(-1, done.result);
     ASSERT_NE(nullptr, done.out);
     end_process(number_after(done.out.get(), ""));
+}
+
+/* Past the time-out, after which the runner looks whether its program has ended. */
+TEST_F(ForkExecvGetouterr, StoppedProgramThatKeepsItsOutputOpenIsWaitedForUntilItGoesOn)
+{
+    const char *const argv[] = {"sh", "-c", "(sleep 1.3; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
+
+    EXPECT_EQ("4 out= err=", shown(run("/bin/sh", argv)));
+}
+
+TEST_F(ForkExecvGetouterr, StoppedProgramThatHasClosedItsOutputIsLoggedAndLeftStopped)
+{
+    const Captured done = run(helper, Orders({"out", "1", "close", "1", "close", "2", "stop"}));
+    const std::string line = log.take_one();
+    const long pid = number_after(line, "waitpid(");
+    const std::string id = std::to_string(pid);
+
+    EXPECT_EQ(0, waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG)) << "it has ended";
+    end_process(pid);
+    EXPECT_EQ("-1 out=o err=", shown(done));
+    EXPECT_EQ("4 waitpid(" + id + ")=" + id + ": process '" + helper + "' stopped by signal " +
+                  std::to_string(SIGSTOP),
+              line);
 }
 
 TEST_F(ForkExecvGetouterr, ProgramInheritsStandardInputAndNothingAboveTheStreams)
