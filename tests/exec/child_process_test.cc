@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <fcntl.h>
@@ -125,6 +126,30 @@ TEST_F(ForkExecvPipes, BufferedOutputIsWrittenOnceThoughTheChildExits)
 
     EXPECT_EQ(255 << 8, seen.result);
     EXPECT_EQ("once", seen.out);
+}
+
+void say_farewell()
+{
+    (void)!write(STDOUT_FILENO, "farewell", 8);
+}
+
+/* What a child says that ends before its program is executed; its parent ends without a farewell. */
+std::string farewell_of(int fd_err, const char *path)
+{
+    return in_child([&] {
+        (void)std::atexit(say_farewell);
+        return observe([&] { return raw_status(fork_execv_pipes(0, 1, fd_err, path, Orders({}))); }).out;
+    });
+}
+
+TEST_F(ForkExecvPipes, ChildWithoutItsProgramRunsTheCallersAtexitFunctions)
+{
+    EXPECT_EQ("farewell", farewell_of(2, "/nonexistent/program"));
+}
+
+TEST_F(ForkExecvPipes, ChildWithoutItsStreamsRunsTheCallersAtexitFunctions)
+{
+    EXPECT_EQ("farewell", farewell_of(999, helper));
 }
 
 TEST_F(WaitChild, ExitCodeIsTheResultAndTheRawStatusIsStored)
