@@ -106,6 +106,18 @@ TEST_F(ForkExecvGetouterrFaults, FailedReadIsToldEndsThatTextAndNothingElse)
     EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", shown.err);
 }
 
+TEST_F(ForkExecvGetouterrFaults, InterruptedReadIsAFailureLikeAnyOther)
+{
+    const Fault fault(Call::read, 1, EINTR);
+    std::string run;
+    const Output shown = output_of([&] {
+        run = shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"});
+    });
+
+    EXPECT_EQ("3 out= err=ee", run);
+    EXPECT_EQ("fork_exec*: read(pipe) failed: Interrupted system call\n", shown.err);
+}
+
 TEST_F(ForkExecvGetouterrFaults, ReadThatWouldBlockIsTriedAgain)
 {
     const Fault fault(Call::read, 1, EAGAIN);
