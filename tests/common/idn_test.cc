@@ -162,6 +162,13 @@ TEST_F(IdnDomain, BytesThatAreNoUtf8FailToo)
     EXPECT_EQ(idn_last_error, IDNA_ICONV_ERROR);
 }
 
+TEST_F(IdnDomain, LatestOfTwoFailuresIsTheOneKept)
+{
+    EXPECT_EQ(idn_to_ascii(too_long.c_str()), nullptr);
+    EXPECT_EQ(idn_to_ascii("\xff\xfe"), nullptr);
+    EXPECT_EQ(idn_last_error, IDNA_ICONV_ERROR);
+}
+
 TEST_F(IdnDomain, SuccessLeavesTheLastErrorAlone)
 {
     idn_last_error = IDNA_CONTAINS_MINUS;
