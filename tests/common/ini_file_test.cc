@@ -217,6 +217,16 @@ TEST(IniValue, WhatIsNoRegularFileGivesNullInSilence)
     }
 }
 
+TEST(IniValue, SymbolicLinkToARegularFileIsRead)
+{
+    const TempDir folder;
+    const std::string link = folder.path("link.ini");
+
+    ASSERT_EQ(symlink(folder.write("file.ini", "[s]\nkey=1\n").c_str(), link.c_str()), 0);
+    const OwnedText value(ini_get_value(link.c_str(), "s", "key"));
+    EXPECT_STREQ(value.get(), "1");
+}
+
 TEST(IniValue, FailedOpenIsWrittenToStandardErrorWithoutANewline)
 {
     const TempDir folder;
