@@ -19,6 +19,38 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/log_capture.h"
 
+namespace
+{
+
+bool getline_lacks_memory = false;
+bool free_spoils_errno = false;
+
+} // namespace
+
+extern "C" {
+
+ssize_t __real_getline(char **line, std::size_t *size, std::FILE *stream);
+void __real_free(void *memory);
+
+/* As it does when its own memory runs out: neither the end of the file nor a read error. */
+ssize_t __wrap_getline(char **line, std::size_t *size, std::FILE *stream)
+{
+    if (!getline_lacks_memory)
+        return __real_getline(line, size, stream);
+    errno = ENOMEM;
+    return -1;
+}
+
+/* POSIX has promised only lately that errno stays. */
+void __wrap_free(void *memory)
+{
+    __real_free(memory);
+    if (free_spoils_errno)
+        errno = EBADF;
+}
+
+} // extern "C"
+
 namespace kolmo
 {
 
@@ -47,7 +79,7 @@ std::FILE *stream_of(const std::string &text)
     return fmemopen(const_cast<char *>(text.data()), text.size(), "r");
 }
 
-/* A stream that gives its text once and then fails to read with EIO. */
+/* A stream that gives its text once and then fails to read with EIO; closing it spoils errno. */
 struct BrokenStream {
     std::string text;
     bool is_given = false;
@@ -67,6 +99,7 @@ struct BrokenStream {
     static int close(void *cookie)
     {
         static_cast<BrokenStream *>(cookie)->is_closed = true;
+        errno = EBADF;
         return 0;
     }
 
@@ -504,6 +537,36 @@ TEST(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Input/output error");
     EXPECT_TRUE(store->sorted);
     EXPECT_STREQ(conf_store_find(store.get(), "A"), "2");
+}
+
+TEST(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
+{
+    LogCapture log;
+    const OwnedStore store = new_store();
+    BrokenStream broken{.text = "A 1\n"};
+
+    std::FILE *const stream = broken.open();
+    free_spoils_errno = true;
+    const int result = conf_parse_stream(stream, store.get());
+    const int error = errno;
+    free_spoils_errno = false;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EIO);
+    EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Input/output error");
+}
+
+TEST(ConfParseStream, NoMemoryForALineIsAFailureToReadTheFile)
+{
+    LogCapture log;
+    const OwnedStore store = new_store();
+
+    getline_lacks_memory = true;
+    const int result = conf_parse_stream(stream_of("A 1\n"), store.get());
+    const int error = errno;
+    getline_lacks_memory = false;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Cannot allocate memory");
 }
 
 TEST(ConfParseStream, AVariableThatCannotBeKeptEndsTheReadingAndClosesTheStream)
