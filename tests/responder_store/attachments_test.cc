@@ -6,6 +6,7 @@
 
 #include "tests/responder_store/responder_operations.h"
 #include "tests/responder_store/transaction_sweep.h"
+#include "tests/support/alloc_faults.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
@@ -86,6 +87,30 @@ TEST_F(AddAttachments, CountOfZeroOpensAndClosesAConnectionOfItsOwn)
 
     EXPECT_EQ(responder_db_add_attachments(nullptr, "box", "example.com", nullptr, 0), 0);
     EXPECT_EQ(faults.calls(), (Lines{"open " + store.path(), "busy_timeout 50", "close"}));
+}
+
+/* A name that is formed takes an allocation. */
+TEST_F(AddAttachments, CountOfZeroFormsNoMailname)
+{
+    const AllocFaults counter(0);
+
+    EXPECT_EQ(responder_db_add_attachments(&connection, "box", "example.com", nullptr, 0), 0);
+    EXPECT_EQ(counter.calls(), 0);
+}
+
+TEST_F(AddAttachments, MailnameIsFormedAfterTheTransactionHasBegun)
+{
+    int names = -1;
+
+    ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
+    {
+        const AllocFaults counter(0);
+        (void)add_attachments(&connection);
+        names = counter.calls();
+    }
+    EXPECT_EQ(names, 0);
+    EXPECT_EQ(log.take_one(), "3 Unable to begin sqlite transaction: "
+                              "cannot start a transaction within a transaction");
 }
 
 TEST_F(AddAttachments, NegativeCountIsAnEmptyTransaction)
@@ -173,6 +198,13 @@ TEST_F(RemoveAttachments, MailboxWithoutFilesIsNoFailure)
     store.execute(other_rows);
     EXPECT_EQ(remove_attachments(&connection), 0);
     EXPECT_EQ(store.rows("attachments"), Lines{"other@example.com|stays"});
+}
+
+TEST_F(RemoveAttachments, MailnameIsFormedBeforeAnythingTouchesTheStore)
+{
+    responder_db_path = "/nonexistent/responder.db";
+    EXPECT_EXIT((void)without_memory(1, [] { return remove_attachments(nullptr); }),
+                ::testing::ExitedWithCode(1), no_memory_for_a_name);
 }
 
 TEST_F(RemoveAttachments, RefusedDeletionIsCalledAnAdditionAndIsNoFailure)

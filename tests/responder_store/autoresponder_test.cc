@@ -8,6 +8,7 @@
 
 #include "tests/responder_store/responder_operations.h"
 #include "tests/responder_store/transaction_sweep.h"
+#include "tests/support/alloc_faults.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
@@ -147,6 +148,15 @@ TEST_F(AddAutoresponder, MakesTheseCallsInThisOrder)
                                      "finalize"}));
 }
 
+/* There is no store to open: whoever tries that first is told so and lives on. */
+TEST_F(AddAutoresponder, MailnameAndOwnerAreFormedBeforeAnythingTouchesTheStore)
+{
+    responder_db_path = "/nonexistent/responder.db";
+    for (const int nth : {1, 2})
+        EXPECT_EXIT((void)without_memory(nth, [] { return add_autoresponder(nullptr); }),
+                    ::testing::ExitedWithCode(1), no_memory_for_a_name);
+}
+
 TEST_F(AddAutoresponder, LockOfAnotherWriterIsWaitedForByRepeatingTheStepAfterAReset)
 {
     SqliteFaults faults;
@@ -267,6 +277,13 @@ TEST_F(RemoveAutoresponder, TakesAwayWhatWasAddedUnderAnotherCase)
     ASSERT_EQ(responder_db_add_autoresponder(&connection, "bOX", "EXAMPLE.com", &record), 0);
     EXPECT_EQ(responder_db_remove_autoresponder(&connection, "Box", "example.COM"), 0);
     EXPECT_TRUE(store.rows().empty());
+}
+
+TEST_F(RemoveAutoresponder, MailnameIsFormedBeforeAnythingTouchesTheStore)
+{
+    responder_db_path = "/nonexistent/responder.db";
+    EXPECT_EXIT((void)without_memory(1, [] { return remove_autoresponder(nullptr); }),
+                ::testing::ExitedWithCode(1), no_memory_for_a_name);
 }
 
 TEST_F(RemoveAutoresponder, RefusedDeletionIsCalledAnAdditionAndIsNoFailure)

@@ -58,6 +58,9 @@ constexpr char rows_of_box[] = "INSERT INTO autoresponder (mn, body) VALUES ('bo
                                "INSERT INTO attachments VALUES ('box@example.com', 'old');"
                                "INSERT INTO extra_headers VALUES ('X-Old', 'old');";
 
+/* What a process says that ends because a mailname cannot be formed. */
+constexpr char no_memory_for_a_name[] = "^Cannot allocate memory: Cannot allocate memory\n";
+
 /* What is logged of a transaction that cannot be prepared, up to the detail. */
 constexpr char cannot_prepare_begin[] = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': ";
 
