@@ -637,6 +637,21 @@ TEST_F(RestoreResponderAttachments, RoomFor128FilesDoublesWhenTheLastPlaceIsTake
         EXPECT_EQ(allocations(growth.count) - for_one - (growth.count - 1), growth.times) << growth.count;
 }
 
+TEST_F(RestoreResponderAttachments, ServersRowsAreFreedBeforeTheStoreIsWritten)
+{
+    add_files(2);
+    PanelWatch watch;
+    const SqliteFaults sqlite;
+    std::vector<std::size_t> calls_before;
+
+    watch.on_free = [&] {
+        calls_before.push_back(sqlite.calls().size());
+    };
+    EXPECT_EQ(restore(), 0);
+    EXPECT_EQ(calls_before, std::vector<std::size_t>{0});
+    EXPECT_FALSE(sqlite.calls().empty());
+}
+
 /* It opens and closes a connection of its own, as the reply's writer does. */
 TEST_F(RestoreResponderAttachments, WriterOfFilesIsCalledWhenThereAreNone)
 {

@@ -31,6 +31,12 @@ struct PanelWatchCalls {
             current->queries.emplace_back(text, length);
     }
 
+    static void note_free()
+    {
+        if (current != nullptr && current->on_free)
+            current->on_free();
+    }
+
     static bool loses_result() { return current != nullptr && --current->results_to_loss_ == 0; }
 };
 
@@ -38,6 +44,7 @@ extern "C" {
 
 int __real_mysql_real_query(MYSQL *connection, const char *text, unsigned long length);
 MYSQL_RES *__real_mysql_store_result(MYSQL *connection);
+void __real_mysql_free_result(MYSQL_RES *result);
 
 int __wrap_mysql_real_query(MYSQL *connection, const char *text, unsigned long length)
 {
@@ -52,8 +59,14 @@ MYSQL_RES *__wrap_mysql_store_result(MYSQL *connection)
 
     if (!PanelWatchCalls::loses_result())
         return result;
-    mysql_free_result(result);
+    __real_mysql_free_result(result);
     return nullptr;
+}
+
+void __wrap_mysql_free_result(MYSQL_RES *result)
+{
+    PanelWatchCalls::note_free();
+    __real_mysql_free_result(result);
 }
 
 } // extern "C"

@@ -1,13 +1,15 @@
 /*
  * panel_watch: what is asked of the panel's database, and results that cannot be fetched.
  *
- * For a test program that wraps mysql_real_query and mysql_store_result (-Wl,--wrap=, see CMakeLists.txt).
+ * For a test program that wraps mysql_real_query, mysql_store_result and mysql_free_result (-Wl,--wrap=, see
+ * CMakeLists.txt).
  * The real library and the real server are always underneath.  PanelDatabase's own statements come through
  * here too: fill the tables first.
  */
 #ifndef KOLMO_TESTS_RESTORE_PANEL_WATCH_H
 #define KOLMO_TESTS_RESTORE_PANEL_WATCH_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,9 @@ public:
 
     /* The queries so far, as many bytes of each as were sent. */
     std::vector<std::string> queries;
+
+    /* What is done when a result's rows are freed. */
+    std::function<void()> on_free;
 
     /* The nth result from now on gets lost on its way: null, and an empty error text. */
     void lose_result(int nth) { results_to_loss_ = nth; }
