@@ -9,6 +9,7 @@
 #include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
+#include "tests/support/killed_writer.h"
 #include "tests/support/other_process_lock.h"
 
 namespace kolmo
@@ -546,6 +547,19 @@ TEST_F(SelectByAddress, MissingStoreIsReportedAndNotCreated)
                   "3 Unable to open database(readonly) " + store.path() + ": unable to open database file");
     }
     EXPECT_FALSE(store.exists());
+}
+
+/* SQLite would have to roll it back first, and a select opens the store for reading only. */
+TEST_F(SelectByAddress, JournalOfAKilledWriterIsAFailureUntilSomebodyWrites)
+{
+    add("spam", "d.test");
+    kill_writer(store.path(), "DELETE FROM handlers");
+    EXPECT_EQ(handlers_db_select_by_address(nullptr, list.get(), "d.test", true), -1);
+    EXPECT_EQ(log.take_one(), unprepared(select_exact_sql, "attempt to write a readonly database"));
+    EXPECT_TRUE(found().empty());
+    EXPECT_EQ(handlers_db_remove_by_address(nullptr, "other.test"), 0);
+    EXPECT_EQ(handlers_db_select_by_address(nullptr, list.get(), "d.test", true), 0);
+    EXPECT_EQ(found(), Lines{"d.test spam"});
 }
 
 TEST_F(SelectByAddress, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)

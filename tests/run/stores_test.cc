@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <thread>
 
+#include "tests/support/killed_writer.h"
+
 namespace kolmo::testing
 {
 
@@ -105,6 +107,24 @@ TEST_F(StoresRun, LockFarBeyondTheBusyTimeoutIsWaitedFor)
 TEST_F(StoresRun, ReaderInBothStoresIsWaitedFor)
 {
     expect_run_waits_for(StoreLock::Kind::reader, std::chrono::milliseconds(300));
+}
+
+/* --- left behind by a run that was killed ------------------------------------------------------------- */
+
+TEST_F(StoresRun, JournalsOfAKilledWriterAreRolledBack)
+{
+    const std::string kept_handler = add_foreign_handler("kept@one.example");
+    const std::string kept_file = attachment_row("kept@one.example", "kept.txt");
+
+    keep_store_of_test();
+    change_store(responder_store, "INSERT INTO attachments VALUES ('kept@one.example', 'kept.txt')");
+    (void)add_simple_domain("one.example");
+    kill_writer(handlers_store, "DELETE FROM handlers");
+    kill_writer(responder_store, "DELETE FROM attachments");
+
+    expect_run(0);
+    expect_handlers({kept_handler, handler_row("info@one.example")});
+    expect_responders({kept_file, reply_row("info@one.example")});
 }
 
 /* --- the responder store broken ----------------------------------------------------------------------- */
