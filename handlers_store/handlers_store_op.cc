@@ -55,7 +55,7 @@ int run_actions(StoreOp &op, const HandlerList *list, HandlerAction action)
         /* A record that fails is left out; the others are committed without it. */
         (void)action(op.connection(), node->record);
         if (!op.connection()->is_open() || pauses.failed())
-            return -1; /* the transaction went with the connection, or its state is unknown */
+            return -1; /* the transaction went with the connection, or has to stay as the pause left it */
     }
     return op.end();
 }

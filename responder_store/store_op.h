@@ -3,12 +3,11 @@
  *
  * with_store gives an operation its connection, StoreOp its steps.  A step that fails reports, closes the
  * connection, the caller's too, and returns -1, its statement finalized: closing overwrites SQLite's text,
- * and a statement that is not finalized keeps the closing busy for hours.  A step whose
- * pause failed abandons its statement instead and does nothing more.  What a statement's own result
- * means is the operation's affair: run and select hand it back.
+ * and a statement that is not finalized keeps the closing busy for hours.  A step whose pause failed abandons
+ * its statement instead and does nothing more.  What a statement's own result means is the operation's
+ * affair: run and select hand it back.
  *
- * Texts are bound without a copy: their owners are declared before the operation and live until it is
- * done.
+ * Texts are bound without a copy: their owners live until the step is done.
  */
 #ifndef KOLMO_RESPONDER_STORE_STORE_OP_H
 #define KOLMO_RESPONDER_STORE_STORE_OP_H
