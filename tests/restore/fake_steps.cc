@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "restore/program_flow.h"
+#include "restore/run_handles.h"
 
 namespace kolmo::testing
 {
