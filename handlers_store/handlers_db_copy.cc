@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/log.h"
@@ -35,8 +34,7 @@ OwnedText checked_address(char *address)
 
     if (std::strlen(address) >= address_key_size) {
         errno = 0; /* no system error to tell of, whatever SQLite met before */
-        report_error(EXIT_FAILURE, 0, "Handler address is longer than %zu characters: %s",
-                     address_key_size - 1, address);
+        report_fatal("Handler address is longer than %zu characters: %s", address_key_size - 1, address);
     }
     return checked;
 }
