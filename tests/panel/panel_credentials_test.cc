@@ -54,6 +54,12 @@ void __wrap_explicit_bzero(void *memory, std::size_t length)
     __real_explicit_bzero(memory, length);
 }
 
+/* The same in an optimised program. */
+void __wrap___explicit_bzero_chk(void *memory, std::size_t length, std::size_t)
+{
+    __wrap_explicit_bzero(memory, length);
+}
+
 /* kolmo::ini_get_value */
 char *__wrap__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key)
 {
