@@ -4,6 +4,8 @@
 #ifndef KOLMO_HANDLERS_STORE_GLOBAL_ADDRESS_H
 #define KOLMO_HANDLERS_STORE_GLOBAL_ADDRESS_H
 
+#include <cstring>
+
 namespace kolmo
 {
 
@@ -12,7 +14,10 @@ constexpr char address_all[] = "all";
 constexpr char address_all_recipients[] = "all-recipients";
 
 /* Whether `address` is one of the two words. */
-[[nodiscard]] bool is_global_address(const char *address);
+[[nodiscard]] inline bool is_global_address(const char *address)
+{
+    return std::strcmp(address, address_all) == 0 || std::strcmp(address, address_all_recipients) == 0;
+}
 
 } // namespace kolmo
 

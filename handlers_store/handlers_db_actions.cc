@@ -87,6 +87,17 @@ Ending run_actions(StoreOp &op, const HandlerList *list, HandlerAction action)
     return op.end();
 }
 
+const char *handlers_global_address(const char *address)
+{
+    if (address == nullptr || *address == '\0')
+        return address_all;
+    if (is_global_address(address))
+        return address;
+    log_message(LOG_ERR, "Incorrect recipient address for global handler, expected [NULL|EMPTY_STRING|%s|%s]",
+                address_all, address_all_recipients);
+    return nullptr;
+}
+
 int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record)
 {
     const bool global = record->type == HANDLER_TYPE_GLOBAL;

@@ -16,10 +16,10 @@ namespace kolmo
  * as a failing operation has closed it.  If a pause fails, it stays set, abandoned, and the end of the
  * process lets go of it.
  */
-extern StoreConnection responder_db;
+inline StoreConnection responder_db;
 
 /* The panel database; null before and after the run, and when it could not be reached. */
-extern MYSQL *panel_db;
+inline MYSQL *panel_db;
 
 } // namespace kolmo
 

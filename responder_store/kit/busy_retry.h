@@ -16,7 +16,6 @@
 
 #include <sqlite3.h>
 
-#include "responder_store/kit/ending.h"
 #include "responder_store/kit/store_connection.h"
 
 namespace kolmo

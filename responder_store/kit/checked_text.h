@@ -17,73 +17,64 @@
 namespace kolmo
 {
 
-/* A printf format with `Texts` times "%s" and no other conversion. */
-template <std::size_t Texts>
-class TextFormat
+/* The "%s" of a printf format; any other conversion counts as far too many. */
+consteval std::size_t count_texts(const char *format)
+{
+    std::size_t texts = 0;
+
+    for (const char *at = format; *at != '\0'; at++) {
+        if (*at == '%')
+            texts += *++at == 's' ? 1 : 1000;
+        if (*at == '\0')
+            break;
+    }
+    return texts;
+}
+
+/* The "?" of a statement, which has none in a literal of its own. */
+consteval std::size_t count_parameters(const char *sql)
+{
+    std::size_t parameters = 0;
+
+    for (const char *at = sql; *at != '\0'; at++)
+        parameters += *at == '?' ? 1 : 0;
+    return parameters;
+}
+
+template <std::size_t Number, auto Count>
+class CheckedText
 {
 public:
     /* Implicit, so that a table row is written with the bare literal. */
-    consteval TextFormat(const char *format) : format_(format)
+    consteval CheckedText(const char *text) : text_(text)
     {
-        if (count_texts(format) != Texts)
-            wrong_number_of_texts();
+        if (Count(text) != Number)
+            wrong_number();
     }
 
-    [[nodiscard]] constexpr const char *get() const { return format_; }
+    /* A text that is only known, or made, when the program runs: not counted. */
+    [[nodiscard]] static CheckedText made(const char *text) { return CheckedText(text, Made{}); }
 
-private:
-    /* Any conversion but %s counts as far too many. */
-    static consteval std::size_t count_texts(const char *format)
-    {
-        std::size_t texts = 0;
-
-        for (const char *at = format; *at != '\0'; at++) {
-            if (*at != '%')
-                continue;
-            at++;
-            texts += *at == 's' ? 1 : Texts + 1;
-            if (*at == '\0')
-                break;
-        }
-        return texts;
-    }
-
-    /* Not constexpr: calling it is the compile-time error. */
-    static void wrong_number_of_texts() {}
-
-    const char *format_;
-};
-
-/* A statement with `Parameters` times "?", none of them in a literal of its own. */
-template <std::size_t Parameters>
-class Sql
-{
-public:
-    consteval Sql(const char *sql) : sql_(sql)
-    {
-        std::size_t parameters = 0;
-
-        for (const char *at = sql; *at != '\0'; at++)
-            parameters += *at == '?' ? 1 : 0;
-        if (parameters != Parameters)
-            wrong_number_of_parameters();
-    }
-
-    /* A statement that is only known, or made, when the program runs. */
-    [[nodiscard]] static Sql made(const char *sql) { return Sql(sql, Made{}); }
-
-    [[nodiscard]] constexpr const char *get() const { return sql_; }
+    [[nodiscard]] constexpr const char *get() const { return text_; }
 
 private:
     struct Made {
     };
-    Sql(const char *sql, Made) : sql_(sql) {}
+    CheckedText(const char *text, Made) : text_(text) {}
 
     /* Not constexpr: calling it is the compile-time error. */
-    static void wrong_number_of_parameters() {}
+    static void wrong_number() {}
 
-    const char *sql_;
+    const char *text_;
 };
+
+/* A printf format with `Texts` times "%s" and no other conversion. */
+template <std::size_t Texts>
+using TextFormat = CheckedText<Texts, count_texts>;
+
+/* A statement with `Parameters` times "?". */
+template <std::size_t Parameters>
+using Sql = CheckedText<Parameters, count_parameters>;
 
 /* The places where a format is no literal: TextFormat has checked it. */
 #pragma GCC diagnostic push

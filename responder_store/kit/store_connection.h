@@ -20,10 +20,21 @@
 
 #include <sqlite3.h>
 
-#include "responder_store/kit/ending.h"
-
 namespace kolmo
 {
+
+/* How an operation on a store, or a step of one, came to its end. */
+enum class Ending {
+    done,
+    failed,    /* reported, the connection perhaps closed */
+    abandoned, /* a pause failed: nothing was logged, and nothing may be touched again */
+};
+
+/* What callers outside the kit see of it: 0, or -1 for either failure. */
+[[nodiscard]] constexpr int to_result(Ending ending)
+{
+    return ending == Ending::done ? 0 : -1;
+}
 
 class StoreConnection
 {

@@ -22,7 +22,6 @@
 
 #include "responder_store/kit/busy_retry.h"
 #include "responder_store/kit/checked_text.h"
-#include "responder_store/kit/ending.h"
 #include "responder_store/kit/store_connection.h"
 
 namespace kolmo
