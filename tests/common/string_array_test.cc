@@ -9,15 +9,12 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/log_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::AllocFaults;
-using testing::LogCapture;
-using testing::without_memory;
 using Texts = std::vector<std::string>;
 
 const std::string out_of_memory = "3 System error: Cannot allocate memory\n";
@@ -167,4 +164,4 @@ TEST(FreeTexts, NullIsAccepted)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

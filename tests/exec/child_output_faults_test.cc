@@ -16,15 +16,9 @@ namespace kolmo::testing
 namespace
 {
 
-class ForkExecvGetouterrFaults : public ExecTest
-{
-};
-class ForkExecvGetoutFaults : public ExecTest
-{
-};
-class ForkExecFdFaults : public ExecTest
-{
-};
+using ForkExecvGetouterrFaults = ExecTest;
+using ForkExecvGetoutFaults = ExecTest;
+using ForkExecFdFaults = ExecTest;
 
 /* The whole run in a line: "3 out=... err=...", with "null" for a text that does not exist. */
 std::string shown_run(const char *path, const char *const argv[])
@@ -102,8 +96,8 @@ TEST_F(ForkExecvGetouterrFaults, FailedReadIsToldEndsThatTextAndNothingElse)
         run = shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"});
     });
 
-    EXPECT_EQ("3 out= err=ee", run);
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", shown.err);
+    EXPECT_EQ(run, "3 out= err=ee");
+    EXPECT_EQ(shown.err, "fork_exec*: read(pipe) failed: Input/output error\n");
 }
 
 TEST_F(ForkExecvGetouterrFaults, InterruptedReadIsAFailureLikeAnyOther)
@@ -114,8 +108,8 @@ TEST_F(ForkExecvGetouterrFaults, InterruptedReadIsAFailureLikeAnyOther)
         run = shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"});
     });
 
-    EXPECT_EQ("3 out= err=ee", run);
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Interrupted system call\n", shown.err);
+    EXPECT_EQ(run, "3 out= err=ee");
+    EXPECT_EQ(shown.err, "fork_exec*: read(pipe) failed: Interrupted system call\n");
 }
 
 TEST_F(ForkExecvGetouterrFaults, ReadThatWouldBlockIsTriedAgain)
@@ -124,16 +118,16 @@ TEST_F(ForkExecvGetouterrFaults, ReadThatWouldBlockIsTriedAgain)
     std::string run;
     const Output shown = output_of([&] { run = shown_run({"out", "2"}); });
 
-    EXPECT_EQ("0 out=oo err=", run);
+    EXPECT_EQ(run, "0 out=oo err=");
     EXPECT_TRUE(Fault::has_fired());
-    EXPECT_EQ("", shown.err);
+    EXPECT_EQ(shown.err, "");
 }
 
 TEST_F(ForkExecvGetouterrFaults, FailedSelectWithARunningChildIsRepeated)
 {
     const Fault fault(Call::select, 1, EINTR);
 
-    EXPECT_EQ("5 out=oo err=", shown_run({"sleep", "500", "out", "2", "exit", "5"}));
+    EXPECT_EQ(shown_run({"sleep", "500", "out", "2", "exit", "5"}), "5 out=oo err=");
     EXPECT_TRUE(Fault::has_fired());
 }
 
@@ -141,7 +135,7 @@ TEST_F(ForkExecvGetouterrFaults, TimeoutAfterTheEndGivesTheExitCodeAndLosesWhatI
 {
     const Fault fault(Call::select, 1, 0, await_end);
 
-    EXPECT_EQ("3 out=null err=null", shown_run({"out", "2", "err", "2", "exit", "3"}));
+    EXPECT_EQ(shown_run({"out", "2", "err", "2", "exit", "3"}), "3 out=null err=null");
     EXPECT_TRUE(Fault::has_fired());
 }
 
@@ -149,7 +143,7 @@ TEST_F(ForkExecvGetouterrFaults, FailedSelectAfterTheEndGivesTheExitCode)
 {
     const Fault fault(Call::select, 1, EBADF, await_end); /* its errno is not the one that counts */
 
-    EXPECT_EQ("3 out=null err=null", shown_run({"exit", "3"}));
+    EXPECT_EQ(shown_run({"exit", "3"}), "3 out=null err=null");
     EXPECT_TRUE(Fault::has_fired());
 }
 
@@ -157,7 +151,7 @@ TEST_F(ForkExecvGetouterrFaults, TimeoutAfterASignalGivesMinusOneWithoutALine)
 {
     const Fault fault(Call::select, 1, 0, await_end);
 
-    EXPECT_EQ("-1 out=null err=null", shown_run({"signal", "9"}));
+    EXPECT_EQ(shown_run({"signal", "9"}), "-1 out=null err=null");
     EXPECT_TRUE(Fault::has_fired());
 }
 
@@ -177,20 +171,20 @@ std::string result_of_look(pid_t result, int status, int error)
 
 TEST_F(ForkExecvGetouterrFaults, LookThatSetsErrnoGivesMinusOne)
 {
-    EXPECT_EQ("-1 out=null err=null", result_of_look(-1, 0, ECHILD));
-    EXPECT_EQ("-1 out=null err=null", result_of_look(4242, 3 << 8, EINTR));
-    EXPECT_EQ("3 out=null err=null", result_of_look(4242, 3 << 8, 0));
+    EXPECT_EQ(result_of_look(-1, 0, ECHILD), "-1 out=null err=null");
+    EXPECT_EQ(result_of_look(4242, 3 << 8, EINTR), "-1 out=null err=null");
+    EXPECT_EQ(result_of_look(4242, 3 << 8, 0), "3 out=null err=null");
 }
 
 TEST_F(ForkExecvGetouterrFaults, EverySelectHasASecondAndNonBlockingPipes)
 {
     const SelectWatch watch;
 
-    EXPECT_EQ("0 out=ooo err=",
-              shown_run({"out", "1", "sleep", "100", "out", "1", "sleep", "100", "out", "1"}));
+    EXPECT_EQ(shown_run({"out", "1", "sleep", "100", "out", "1", "sleep", "100", "out", "1"}),
+              "0 out=ooo err=");
     EXPECT_GE(watch.calls.size(), 2U);
     for (const SelectWatch::Seen &call : watch.calls) {
-        EXPECT_EQ(1000, call.timeout);
+        EXPECT_EQ(call.timeout, 1000);
         EXPECT_FALSE(call.is_blocking);
     }
 }
@@ -203,8 +197,8 @@ TEST_F(ForkExecvGetouterrFaults, StandardErrorThatCannotBeInstalledIsToldOnTheIn
         run = shown_run({});
     });
 
-    EXPECT_EQ("255 out= err=", run);
-    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", shown.err);
+    EXPECT_EQ(run, "255 out= err=");
+    EXPECT_EQ(shown.err, "fork_execv: dup() failed: Device or resource busy\n");
 }
 
 TEST_F(ForkExecvGetoutFaults, FailedPipeEndsTheProcessWithTheSharedText)
@@ -235,7 +229,7 @@ TEST_F(ForkExecvGetoutFaults, OnlyOnePipeIsMade)
     const Fault fault(Call::pipe, 2, EMFILE);
     char *out = nullptr;
 
-    EXPECT_EQ(0, fork_execv_getout(&out, helper, Orders({})));
+    EXPECT_EQ(fork_execv_getout(&out, helper, Orders({})), 0);
     const OwnedText owned(out);
     EXPECT_FALSE(Fault::has_fired());
 }
@@ -271,10 +265,9 @@ TEST_F(ForkExecFdFaults, FailedWaitIsReported)
     });
     const long pid = number_after(seen.err, "pid: ");
 
-    EXPECT_EQ(-1, seen.result);
-    EXPECT_EQ("Error occured during waiting the child process with pid: " + std::to_string(pid) +
-                  ": No child processes\n\nSystem error 10: No child processes\n",
-              seen.err);
+    EXPECT_EQ(seen.result, -1);
+    EXPECT_EQ(seen.err, "Error occured during waiting the child process with pid: " + std::to_string(pid) +
+                            ": No child processes\n\nSystem error 10: No child processes\n");
     end_process(pid);
 }
 
@@ -283,16 +276,16 @@ TEST_F(ForkExecFdFaults, FailedReadIsToldAndTheProgramWaitedFor)
     const Fault fault(Call::read, 1, EIO);
     const Observed seen = observe([] { return fork_exec_fd(-1, -1, helper, Orders({"exit", "6"})); });
 
-    EXPECT_EQ(6, seen.result);
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Input/output error\n", seen.err);
+    EXPECT_EQ(seen.result, 6);
+    EXPECT_EQ(seen.err, "fork_exec*: read(pipe) failed: Input/output error\n");
 }
 
 TEST_F(ForkExecFdFaults, RefusedDescriptorsStartNothing)
 {
     const ForkCount forks;
 
-    EXPECT_EQ(-1, observe([] { return fork_exec_fd(0, 1, helper, Orders({})); }).result);
-    EXPECT_EQ(0, forks.count());
+    EXPECT_EQ(observe([] { return fork_exec_fd(0, 1, helper, Orders({})); }).result, -1);
+    EXPECT_EQ(forks.count(), 0);
 }
 
 } // namespace

@@ -49,54 +49,48 @@ std::string shown_run(std::initializer_list<const char *> words)
     return shown(run(helper, Orders(words)));
 }
 
-class ForkExecvGetouterr : public ExecTest
-{
-};
-class ForkExecvGetout : public ExecTest
-{
-};
-class ForkExecFd : public ExecTest
-{
-};
+using ForkExecvGetouterr = ExecTest;
+using ForkExecvGetout = ExecTest;
+using ForkExecFd = ExecTest;
 
 TEST_F(ForkExecvGetouterr, NothingPrintedGivesTwoEmptyTexts)
 {
-    EXPECT_EQ("0 out= err=", shown_run({}));
+    EXPECT_EQ(shown_run({}), "0 out= err=");
 }
 
 TEST_F(ForkExecvGetouterr, TenThousandBytesOfErrorAndStatusThreeArriveWhole)
 {
     const Captured done = run(helper, Orders({"err", "10000", "exit", "3"}));
 
-    EXPECT_EQ(3, done.result);
-    EXPECT_EQ(std::string(10000, 'e'), done.err.get());
-    EXPECT_STREQ("", done.out.get());
+    EXPECT_EQ(done.result, 3);
+    EXPECT_EQ(done.err.get(), std::string(10000, 'e'));
+    EXPECT_STREQ(done.out.get(), "");
 }
 
 TEST_F(ForkExecvGetouterr, StreamsAreKeptApart)
 {
-    EXPECT_EQ("0 out=oo err=eee", shown_run({"out", "2", "err", "3"}));
+    EXPECT_EQ(shown_run({"out", "2", "err", "3"}), "0 out=oo err=eee");
 }
 
 TEST_F(ForkExecvGetouterr, AMegabyteOnBothStreamsArrivesWhole)
 {
     const Captured done = run(helper, Orders({"err", "1048576", "out", "1048576"}));
 
-    EXPECT_EQ(0, done.result);
-    EXPECT_EQ(std::string(1048576, 'o'), done.out.get());
-    EXPECT_EQ(std::string(1048576, 'e'), done.err.get());
+    EXPECT_EQ(done.result, 0);
+    EXPECT_EQ(done.out.get(), std::string(1048576, 'o'));
+    EXPECT_EQ(done.err.get(), std::string(1048576, 'e'));
 }
 
 TEST_F(ForkExecvGetouterr, ExitCodesAreTheResultUpTo255)
 {
-    EXPECT_EQ(1, run(helper, Orders({"exit", "1"})).result);
-    EXPECT_EQ(255, run(helper, Orders({"exit", "255"})).result);
+    EXPECT_EQ(run(helper, Orders({"exit", "1"})).result, 1);
+    EXPECT_EQ(run(helper, Orders({"exit", "255"})).result, 255);
 }
 
 TEST_F(ForkExecvGetouterr, MissingProgramGives255AndTheExecvTextAlone)
 {
-    EXPECT_EQ("255 out= err=fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n",
-              shown(run("/nonexistent/program", Orders({}))));
+    EXPECT_EQ(shown(run("/nonexistent/program", Orders({}))),
+              "255 out= err=fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n");
 }
 
 TEST_F(ForkExecvGetouterr, ProgramKilledBySignalGivesMinusOneAndAWarning)
@@ -104,29 +98,29 @@ TEST_F(ForkExecvGetouterr, ProgramKilledBySignalGivesMinusOneAndAWarning)
     const Captured done = run(helper, Orders({"out", "1", "signal", "9"}));
     const std::string line = log.take_one();
 
-    EXPECT_EQ("-1 out=o err=", shown(done));
+    EXPECT_EQ(shown(done), "-1 out=o err=");
     const std::string pid = std::to_string(number_after(line, "waitpid("));
-    EXPECT_EQ("4 waitpid(" + pid + ")=" + pid + ": process '" + helper + "' killed by signal 9", line);
+    EXPECT_EQ(line, "4 waitpid(" + pid + ")=" + pid + ": process '" + helper + "' killed by signal 9");
 }
 
 TEST_F(ForkExecvGetouterr, SlowProgramIsWaitedForPastTheTimeout)
 {
-    EXPECT_EQ("4 out=oo err=", shown_run({"out", "1", "sleep", "1300", "out", "1", "exit", "4"}));
+    EXPECT_EQ(shown_run({"out", "1", "sleep", "1300", "out", "1", "exit", "4"}), "4 out=oo err=");
 }
 
 TEST_F(ForkExecvGetouterr, ProgramThatClosesItsOutputEarlyIsWaitedFor)
 {
-    EXPECT_EQ("5 out=o err=",
-              shown_run({"out", "1", "close", "1", "close", "2", "sleep", "200", "exit", "5"}));
+    EXPECT_EQ(shown_run({"out", "1", "close", "1", "close", "2", "sleep", "200", "exit", "5"}),
+              "5 out=o err=");
 }
 
 TEST_F(ForkExecvGetouterr, ProcessLeftBehindWithThePipesDoesNotKeepTheRunFromEnding)
 {
     const Captured done = run(helper, Orders({"hold", "exit", "4"}));
 
-    EXPECT_EQ(4, done.result);
-    EXPECT_EQ(nullptr, done.err);
-    ASSERT_NE(nullptr, done.out);
+    EXPECT_EQ(done.result, 4);
+    EXPECT_EQ(done.err, nullptr);
+    ASSERT_NE(done.out, nullptr);
     end_process(number_after(done.out.get(), ""));
 }
 
@@ -134,8 +128,8 @@ TEST_F(ForkExecvGetouterr, ProgramKilledWhileThePipesAreHeldGivesMinusOneWithout
 {
     const Captured done = run(helper, Orders({"hold", "signal", "9"}));
 
-    EXPECT_EQ(-1, done.result);
-    ASSERT_NE(nullptr, done.out);
+    EXPECT_EQ(done.result, -1);
+    ASSERT_NE(done.out, nullptr);
     end_process(number_after(done.out.get(), ""));
 }
 
@@ -144,7 +138,7 @@ TEST_F(ForkExecvGetouterr, StoppedProgramThatKeepsItsOutputOpenIsWaitedForUntilI
 {
     const char *const argv[] = {"sh", "-c", "(sleep 1.3; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
 
-    EXPECT_EQ("4 out= err=", shown(run("/bin/sh", argv)));
+    EXPECT_EQ(shown(run("/bin/sh", argv)), "4 out= err=");
 }
 
 TEST_F(ForkExecvGetouterr, StoppedProgramThatHasClosedItsOutputIsLoggedAndLeftStopped)
@@ -154,12 +148,11 @@ TEST_F(ForkExecvGetouterr, StoppedProgramThatHasClosedItsOutputIsLoggedAndLeftSt
     const long pid = number_after(line, "waitpid(");
     const std::string id = std::to_string(pid);
 
-    EXPECT_EQ(0, waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG)) << "it has ended";
+    EXPECT_EQ(waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG), 0) << "it has ended";
     end_process(pid);
-    EXPECT_EQ("-1 out=o err=", shown(done));
-    EXPECT_EQ("4 waitpid(" + id + ")=" + id + ": process '" + helper + "' stopped by signal " +
-                  std::to_string(SIGSTOP),
-              line);
+    EXPECT_EQ(shown(done), "-1 out=o err=");
+    EXPECT_EQ(line, "4 waitpid(" + id + ")=" + id + ": process '" + helper + "' stopped by signal " +
+                        std::to_string(SIGSTOP));
 }
 
 TEST_F(ForkExecvGetouterr, ProgramInheritsStandardInputAndNothingAboveTheStreams)
@@ -170,30 +163,32 @@ TEST_F(ForkExecvGetouterr, ProgramInheritsStandardInputAndNothingAboveTheStreams
         return shown_run({"fds"});
     });
 
-    EXPECT_EQ(0U, seen.find("0 out=0 1 2 /dev/null pipe:[")) << seen;
+    EXPECT_EQ(seen.find("0 out=0 1 2 /dev/null pipe:["), 0U) << seen;
 }
 
 TEST_F(ForkExecvGetouterr, StandardInputReachesTheProgram)
 {
-    EXPECT_EQ("0 out=o err=", in_child([] {
+    EXPECT_EQ(in_child([] {
                   int ends[2];
                   if (pipe(ends) != 0 || write(ends[1], "o", 1) != 1 || dup2(ends[0], 0) != 0)
                       return std::string("no pipe");
                   close(ends[1]);
                   return shown_run({"input"});
-              }));
+              }),
+              "0 out=o err=");
 }
 
 TEST_F(ForkExecvGetouterr, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
 {
     for (int closed = 1; closed < 8; closed++) {
-        EXPECT_EQ("3 out=oo err=eee", in_child([closed] {
+        EXPECT_EQ(in_child([closed] {
                       for (int fd = 0; fd <= 2; fd++) {
                           if ((closed & (1 << fd)) != 0)
                               close(fd);
                       }
                       return shown_run({"out", "2", "err", "3", "exit", "3"});
-                  }))
+                  }),
+                  "3 out=oo err=eee")
             << "closed streams, as bits: " << closed;
     }
 }
@@ -205,13 +200,13 @@ TEST_F(ForkExecvGetouterr, AThousandOpenDescriptorsAreSurvivedAndNotInherited)
         return shown_run({"fds"});
     });
 
-    EXPECT_EQ(0U, seen.find("0 out=0 1 2 ")) << seen;
+    EXPECT_EQ(seen.find("0 out=0 1 2 "), 0U) << seen;
 }
 
 TEST_F(ForkExecvGetouterr, DescriptorThatSelectCannotWatchEndsTheProcessAsAFailedPipe)
 {
     rlimit limit = {};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     ASSERT_GE(limit.rlim_max, 1100U) << "needs a hard limit above 1100 descriptors";
     limit.rlim_cur = 1100;
 
@@ -235,9 +230,9 @@ TEST_F(ForkExecvGetout, StandardOutputIsCapturedAndStandardErrorInherited)
         return result;
     });
 
-    EXPECT_EQ(6, seen.result);
-    EXPECT_EQ(std::string(5000, 'o'), owned.get());
-    EXPECT_EQ("eee", seen.err);
+    EXPECT_EQ(seen.result, 6);
+    EXPECT_EQ(owned.get(), std::string(5000, 'o'));
+    EXPECT_EQ(seen.err, "eee");
 }
 
 TEST_F(ForkExecvGetout, NothingPrintedGivesAnEmptyText)
@@ -246,8 +241,8 @@ TEST_F(ForkExecvGetout, NothingPrintedGivesAnEmptyText)
     const int result = fork_execv_getout(&out, helper, Orders({}));
     const OwnedText owned(out);
 
-    EXPECT_EQ(0, result);
-    EXPECT_STREQ("", out);
+    EXPECT_EQ(result, 0);
+    EXPECT_STREQ(out, "");
 }
 
 TEST_F(ForkExecvGetout, MissingProgramComplainsOnTheInheritedStandardError)
@@ -260,9 +255,9 @@ TEST_F(ForkExecvGetout, MissingProgramComplainsOnTheInheritedStandardError)
         return result;
     });
 
-    EXPECT_EQ(255, seen.result);
-    EXPECT_STREQ("", owned.get());
-    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", seen.err);
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_STREQ(owned.get(), "");
+    EXPECT_EQ(seen.err, "fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n");
 }
 
 TEST_F(ForkExecvGetout, ProcessLeftBehindWithThePipeDoesNotKeepTheRunFromEnding)
@@ -271,8 +266,8 @@ TEST_F(ForkExecvGetout, ProcessLeftBehindWithThePipeDoesNotKeepTheRunFromEnding)
     const int result = fork_execv_getout(&out, helper, Orders({"close", "2", "hold", "exit", "4"}));
     const OwnedText owned(out);
 
-    EXPECT_EQ(4, result);
-    ASSERT_NE(nullptr, out);
+    EXPECT_EQ(result, 4);
+    ASSERT_NE(out, nullptr);
     end_process(number_after(out, ""));
 }
 
@@ -282,8 +277,8 @@ TEST_F(ForkExecvGetout, ProgramKilledBySignalIsLogged)
     const int result = fork_execv_getout(&out, helper, Orders({"signal", "15"}));
     const OwnedText owned(out);
 
-    EXPECT_EQ(-1, result);
-    EXPECT_NE(std::string::npos, log.take_one().find("killed by signal 15"));
+    EXPECT_EQ(result, -1);
+    EXPECT_NE(log.take_one().find("killed by signal 15"), std::string::npos);
 }
 
 Observed run_fd(int fd_in, int fd_out, const char *path, const char *const argv[])
@@ -302,9 +297,9 @@ TEST_F(ForkExecFd, StandardStreamsOfTheCallerAreRefused)
         const Observed seen = observe([&] {
             return fork_exec_fd(fds[0], fds[1], helper, Orders({"say", "started"}));
         });
-        EXPECT_EQ(-1, seen.result);
-        EXPECT_EQ("values 0,1,2 not allowed for variables fd_in & fd_out\n", seen.err);
-        EXPECT_EQ(seen.err, seen.out);
+        EXPECT_EQ(seen.result, -1);
+        EXPECT_EQ(seen.err, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
+        EXPECT_EQ(seen.out, seen.err);
     }
 }
 
@@ -312,9 +307,9 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreams)
 {
     const Observed done = run_fd(-1, -1, helper, Orders({"out", "4", "say", "trouble", "exit", "7"}));
 
-    EXPECT_EQ(7, done.result);
-    EXPECT_EQ("trouble\n", done.err);
-    EXPECT_EQ("trouble\n", done.out);
+    EXPECT_EQ(done.result, 7);
+    EXPECT_EQ(done.err, "trouble\n");
+    EXPECT_EQ(done.out, "trouble\n");
 }
 
 TEST_F(ForkExecFd, LongErrorOutputIsPassedOnInPiecesOfUpTo4095Bytes)
@@ -322,16 +317,16 @@ TEST_F(ForkExecFd, LongErrorOutputIsPassedOnInPiecesOfUpTo4095Bytes)
     const Observed done = run_fd(-1, -1, helper, Orders({"err", "8190"}));
     const std::string piece = std::string(4095, 'e') + '\n';
 
-    EXPECT_EQ(0, done.result);
-    EXPECT_EQ(piece + piece, done.err);
+    EXPECT_EQ(done.result, 0);
+    EXPECT_EQ(done.err, piece + piece);
 }
 
 TEST_F(ForkExecFd, ErrorOutputIsPassedOnAtOnce)
 {
     int input[2];
     int screen[2];
-    ASSERT_EQ(0, pipe2(input, O_CLOEXEC));
-    ASSERT_EQ(0, pipe2(screen, O_CLOEXEC));
+    ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(screen, O_CLOEXEC), 0);
     const pid_t runner = fork();
     if (runner == 0) {
         close(input[1]);
@@ -340,49 +335,49 @@ TEST_F(ForkExecFd, ErrorOutputIsPassedOnAtOnce)
     }
     char heard[6] = {};
 
-    EXPECT_EQ(5, read(screen[0], heard, 5)); /* the program still waits for its input */
-    EXPECT_STREQ("ready", heard);
+    EXPECT_EQ(read(screen[0], heard, 5), 5); /* the program still waits for its input */
+    EXPECT_STREQ(heard, "ready");
     for (int fd : {input[0], input[1], screen[0], screen[1]})
         close(fd);
-    EXPECT_EQ(9 << 8, raw_status(runner));
+    EXPECT_EQ(raw_status(runner), 9 << 8);
 }
 
 TEST_F(ForkExecFd, DescriptorsBecomeTheStreamsAndNoOtherIsInherited)
 {
     int ends[2];
-    ASSERT_EQ(0, pipe(ends));
+    ASSERT_EQ(pipe(ends), 0);
     const Fd read_end(ends[0]);
     Fd write_end(ends[1]);
     const Fd null(open("/dev/null", O_RDWR));
 
-    EXPECT_EQ(0, fork_exec_fd(null.get(), write_end.get(), helper, Orders({"fds"})));
-    EXPECT_EQ(0, fcntl(write_end.get(), F_GETFD)) << "the caller's own stays open";
+    EXPECT_EQ(fork_exec_fd(null.get(), write_end.get(), helper, Orders({"fds"})), 0);
+    EXPECT_EQ(fcntl(write_end.get(), F_GETFD), 0) << "the caller's own stays open";
     char list[256] = {};
     EXPECT_GT(read(read_end.get(), list, sizeof list - 1), 0);
-    EXPECT_EQ(0U, std::string(list).find("0 1 2 /dev/null pipe:[")) << list;
+    EXPECT_EQ(std::string(list).find("0 1 2 /dev/null pipe:["), 0U) << list;
 }
 
 TEST_F(ForkExecFd, MinusOneStandsForTheNullDevice)
 {
     /* The list goes to standard output, so one stream is a file and the other is the null device. */
     int ends[2];
-    ASSERT_EQ(0, pipe(ends));
+    ASSERT_EQ(pipe(ends), 0);
     const Fd read_end(ends[0]);
     const Fd write_end(ends[1]);
     char list[256] = {};
 
-    EXPECT_EQ(0, fork_exec_fd(-1, write_end.get(), helper, Orders({"fds"})));
+    EXPECT_EQ(fork_exec_fd(-1, write_end.get(), helper, Orders({"fds"})), 0);
     EXPECT_GT(read(read_end.get(), list, sizeof list - 1), 0);
-    EXPECT_EQ(0U, std::string(list).find("0 1 2 /dev/null ")) << list;
-    EXPECT_EQ(0, fork_exec_fd(-1, -1, helper, Orders({"out", "10"}))) << "has to have somewhere to write to";
+    EXPECT_EQ(std::string(list).find("0 1 2 /dev/null "), 0U) << list;
+    EXPECT_EQ(fork_exec_fd(-1, -1, helper, Orders({"out", "10"})), 0) << "has to have somewhere to write to";
 }
 
 TEST_F(ForkExecFd, MissingProgramIsToldWithADot)
 {
     const Observed done = run_fd(-1, -1, "/nonexistent/program", Orders({}));
 
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("Error occured during execv():\nNo such file or directory.\n", done.err);
+    EXPECT_EQ(done.result, 255);
+    EXPECT_EQ(done.err, "Error occured during execv():\nNo such file or directory.\n");
 }
 
 TEST_F(ForkExecFd, BadArgumentAddressIsToldWithItsLikelyReason)
@@ -390,18 +385,18 @@ TEST_F(ForkExecFd, BadArgumentAddressIsToldWithItsLikelyReason)
     const char *const argv[] = {helper, reinterpret_cast<const char *>(1), nullptr};
     const Observed done = run_fd(-1, -1, helper, argv);
 
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
-              "util_exec(path, arg1, arg2, NULL) call.\n",
-              done.err);
+    EXPECT_EQ(done.result, 255);
+    EXPECT_EQ(done.err,
+              "Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
+              "util_exec(path, arg1, arg2, NULL) call.\n");
 }
 
 TEST_F(ForkExecFd, DescriptorThatIsNotOpenEndsTheChildWith255)
 {
     const Observed done = run_fd(999, -1, helper, Orders({}));
 
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", done.err);
+    EXPECT_EQ(done.result, 255);
+    EXPECT_EQ(done.err, "fork_execv: dup() failed: Bad file descriptor\n");
 }
 
 TEST_F(ForkExecFd, ProgramKilledBySignalIsReported)
@@ -409,8 +404,8 @@ TEST_F(ForkExecFd, ProgramKilledBySignalIsReported)
     const Observed done = run_fd(-1, -1, helper, Orders({"signal", "9"}));
     const long pid = number_after(done.err, "pid ");
 
-    EXPECT_EQ(-1, done.result);
-    EXPECT_EQ("The child process with pid " + std::to_string(pid) + " killed by signal 9\n", done.err);
+    EXPECT_EQ(done.result, -1);
+    EXPECT_EQ(done.err, "The child process with pid " + std::to_string(pid) + " killed by signal 9\n");
 }
 
 TEST_F(ForkExecFd, StoppedProgramIsReportedAndLeftStopped)
@@ -419,19 +414,19 @@ TEST_F(ForkExecFd, StoppedProgramIsReportedAndLeftStopped)
     const long pid = number_after(done.err, "pid ");
 
     end_process(pid);
-    EXPECT_EQ(-1, done.result);
-    EXPECT_EQ("The child process with pid " + std::to_string(pid) + " stopped by signal " +
-                  std::to_string(SIGSTOP) + "\n",
-              done.err);
+    EXPECT_EQ(done.result, -1);
+    EXPECT_EQ(done.err, "The child process with pid " + std::to_string(pid) + " stopped by signal " +
+                            std::to_string(SIGSTOP) + "\n");
 }
 
 TEST_F(ForkExecFd, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
 {
-    EXPECT_EQ("3", in_child([] {
+    EXPECT_EQ(in_child([] {
                   close(0);
                   close(1);
                   return std::to_string(fork_exec_fd(-1, -1, helper, Orders({"out", "3", "exit", "3"})));
-              }));
+              }),
+              "3");
 }
 
 } // namespace

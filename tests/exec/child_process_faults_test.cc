@@ -15,15 +15,9 @@ namespace kolmo::testing
 namespace
 {
 
-class ForkExecvPipesFaults : public ExecTest
-{
-};
-class WaitChildFaults : public ExecTest
-{
-};
-class ExecWithInputFaults : public ExecTest
-{
-};
+using ForkExecvPipesFaults = ExecTest;
+using WaitChildFaults = ExecTest;
+using ExecWithInputFaults = ExecTest;
 
 TEST_F(ForkExecvPipesFaults, FailedForkEndsTheProcess)
 {
@@ -43,8 +37,8 @@ TEST_F(ForkExecvPipesFaults, NullDeviceThatCannotBeOpenedEndsTheChildWith255)
         return raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({})));
     });
 
-    EXPECT_EQ(255 << 8, seen.result);
-    EXPECT_EQ("fork_execv: dup() failed: No such device\n", seen.err);
+    EXPECT_EQ(seen.result, 255 << 8);
+    EXPECT_EQ(seen.err, "fork_execv: dup() failed: No such device\n");
 }
 
 TEST_F(ForkExecvPipesFaults, StreamThatCannotBeInstalledEndsTheChildWith255)
@@ -54,16 +48,16 @@ TEST_F(ForkExecvPipesFaults, StreamThatCannotBeInstalledEndsTheChildWith255)
         return raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({})));
     });
 
-    EXPECT_EQ(255 << 8, seen.result);
-    EXPECT_EQ("fork_execv: dup() failed: Device or resource busy\n", seen.err);
+    EXPECT_EQ(seen.result, 255 << 8);
+    EXPECT_EQ(seen.err, "fork_execv: dup() failed: Device or resource busy\n");
 }
 
 TEST_F(WaitChildFaults, ZeroIsUnexpected)
 {
     const FakeWait wait(0, 0, 0);
 
-    EXPECT_EQ(-1, wait_child(4242, "program", nullptr));
-    EXPECT_EQ("3 waitpid(4242) for 'program' process returned unexpected 0 code", log.take_one());
+    EXPECT_EQ(wait_child(4242, "program", nullptr), -1);
+    EXPECT_EQ(log.take_one(), "3 waitpid(4242) for 'program' process returned unexpected 0 code");
 }
 
 TEST_F(WaitChildFaults, ContinuedChildIsAWarning)
@@ -71,33 +65,33 @@ TEST_F(WaitChildFaults, ContinuedChildIsAWarning)
     const FakeWait wait(4242, 0xffff, 0);
     int status = 0;
 
-    EXPECT_EQ(-1, wait_child(4242, "program", &status));
-    EXPECT_EQ(0xffff, status);
-    EXPECT_EQ("4 waitpid(4242)=4242: process 'program' continued", log.take_one());
+    EXPECT_EQ(wait_child(4242, "program", &status), -1);
+    EXPECT_EQ(status, 0xffff);
+    EXPECT_EQ(log.take_one(), "4 waitpid(4242)=4242: process 'program' continued");
 }
 
 TEST_F(WaitChildFaults, MessagesShowTheIdThatWaitpidGave)
 {
     const FakeWait wait(17, 9, 0);
 
-    EXPECT_EQ(-1, wait_child(4242, nullptr, nullptr));
-    EXPECT_EQ("4 waitpid(4242)=17: process '<unknown>' killed by signal 9", log.take_one());
+    EXPECT_EQ(wait_child(4242, nullptr, nullptr), -1);
+    EXPECT_EQ(log.take_one(), "4 waitpid(4242)=17: process '<unknown>' killed by signal 9");
 }
 
 TEST_F(WaitChildFaults, OnlyAFailedWaitIsAFailureWhateverErrnoSays)
 {
     const FakeWait wait(4242, 3 << 8, EINTR);
 
-    EXPECT_EQ(3, wait_child(4242, "program", nullptr));
+    EXPECT_EQ(wait_child(4242, "program", nullptr), 3);
 }
 
 TEST_F(WaitChildFaults, NegativeIdIsNotWaitedFor)
 {
     const Fault fault(Call::waitpid, 1, EINVAL);
 
-    EXPECT_EQ(-1, wait_child(-1, "program", nullptr));
+    EXPECT_EQ(wait_child(-1, "program", nullptr), -1);
     EXPECT_FALSE(Fault::has_fired());
-    EXPECT_EQ("3 fork before spawning 'program' failed", log.take_one());
+    EXPECT_EQ(log.take_one(), "3 fork before spawning 'program' failed");
 }
 
 TEST_F(ExecWithInputFaults, CommandThatCannotBeStartedIsReported)
@@ -105,10 +99,10 @@ TEST_F(ExecWithInputFaults, CommandThatCannotBeStartedIsReported)
     const Fault fault(Call::popen, 1, EMFILE);
     const Observed seen = observe([] { return exec_with_input("exit 3", "input"); });
 
-    EXPECT_EQ(-1, seen.result);
-    EXPECT_EQ("Failed to execute command with input: either pipe, fork or memory allocation failed.\n"
-              "System error 24: Too many open files\n",
-              seen.err);
+    EXPECT_EQ(seen.result, -1);
+    EXPECT_EQ(seen.err,
+              "Failed to execute command with input: either pipe, fork or memory allocation failed.\n"
+              "System error 24: Too many open files\n");
 }
 
 } // namespace

@@ -14,9 +14,7 @@ namespace kolmo::testing
 namespace
 {
 
-class ClosefromFaults : public ExecTest
-{
-};
+using ClosefromFaults = ExecTest;
 
 using Names = std::vector<std::string>;
 
@@ -44,52 +42,52 @@ Names entries(std::size_t count)
 
 TEST_F(ClosefromFaults, ListedDescriptorsAreClosedAndTheTableIsNot)
 {
-    EXPECT_EQ("900 907 905", closed(Names{".", "..", "0", "1", "899", "900", "*", "907", "905"}, 4096));
+    EXPECT_EQ(closed(Names{".", "..", "0", "1", "899", "900", "*", "907", "905"}, 4096), "900 907 905");
 }
 
 TEST_F(ClosefromFaults, DirectoryThatCannotBeOpenedMeansTheWholeTable)
 {
-    EXPECT_EQ(whole_table, closed(std::nullopt));
+    EXPECT_EQ(closed(std::nullopt), whole_table);
 }
 
 TEST_F(ClosefromFaults, DirectoryThatDoesNotListItselfIsNotTrusted)
 {
-    EXPECT_EQ("903 " + whole_table, closed(Names{"0", "903"}));
+    EXPECT_EQ(closed(Names{"0", "903"}), "903 " + whole_table);
 }
 
 TEST_F(ClosefromFaults, FailedReadMeansTheWholeTableAsWell)
 {
-    EXPECT_EQ("903", closed(Names{"*", "903"}));
-    EXPECT_EQ("903 " + whole_table, closed(Names{"*", "903"}, 904, EIO));
+    EXPECT_EQ(closed(Names{"*", "903"}), "903");
+    EXPECT_EQ(closed(Names{"*", "903"}, 904, EIO), "903 " + whole_table);
 }
 
 TEST_F(ClosefromFaults, NameThatIsNoPlainNumberMeansTheWholeTableAsWell)
 {
     for (const char *name : {"0903", "00", "-0", "902x", "x", "", "-902", "+902", " 902", "902 ", "0x38",
                              "2147483648", "4294968198", "99999999999999999999"}) {
-        EXPECT_EQ("903 " + whole_table, closed(Names{"*", "903", name, "902"})) << '\'' << name << '\'';
+        EXPECT_EQ(closed(Names{"*", "903", name, "902"}), "903 " + whole_table) << '\'' << name << '\'';
     }
 }
 
 TEST_F(ClosefromFaults, NumberBeyondTheTableMeansTheWholeTableAsWell)
 {
-    EXPECT_EQ("902 903", closed(Names{"*", "902", "903"}));
-    EXPECT_EQ("902 " + whole_table, closed(Names{"*", "902", "904", "903"}));
-    EXPECT_EQ("902 " + whole_table, closed(Names{"*", "902", "2147483647", "903"}));
+    EXPECT_EQ(closed(Names{"*", "902", "903"}), "902 903");
+    EXPECT_EQ(closed(Names{"*", "902", "904", "903"}), "902 " + whole_table);
+    EXPECT_EQ(closed(Names{"*", "902", "2147483647", "903"}), "902 " + whole_table);
 }
 
 TEST_F(ClosefromFaults, BudgetIsAHundredEntriesForASmallTable)
 {
-    EXPECT_EQ("", closed(entries(98), 904));
-    EXPECT_NE("", closed(entries(102), 904));
+    EXPECT_EQ(closed(entries(98), 904), "");
+    EXPECT_NE(closed(entries(102), 904), "");
 }
 
 TEST_F(ClosefromFaults, BudgetIsATenthOfALargeTable)
 {
-    EXPECT_EQ("", closed(entries(98), 1000));
-    EXPECT_NE("", closed(entries(102), 1000));
-    EXPECT_EQ("", closed(entries(298), 3000));
-    EXPECT_NE("", closed(entries(302), 3000));
+    EXPECT_EQ(closed(entries(98), 1000), "");
+    EXPECT_NE(closed(entries(102), 1000), "");
+    EXPECT_EQ(closed(entries(298), 3000), "");
+    EXPECT_NE(closed(entries(302), 3000), "");
 }
 
 TEST_F(ClosefromFaults, ErrnoIsKeptThroughTheWholeTable)
@@ -98,8 +96,8 @@ TEST_F(ClosefromFaults, ErrnoIsKeptThroughTheWholeTable)
 
     errno = EACCES;
     closefrom(lowest);
-    EXPECT_EQ(EACCES, errno);
-    EXPECT_EQ(whole_table, fake.closed());
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(fake.closed(), whole_table);
 }
 
 } // namespace

@@ -15,9 +15,7 @@ namespace kolmo::testing
 namespace
 {
 
-class Closefrom : public ExecTest
-{
-};
+using Closefrom = ExecTest;
 
 void limit_descriptors(rlim_t limit)
 {
@@ -43,43 +41,44 @@ std::string left_open(int lowest, std::initializer_list<std::pair<int, int>> ran
 
 TEST_F(Closefrom, ClosesEverythingAboveTheStreams)
 {
-    EXPECT_EQ("0 1 2", left_open(3, {{3, 3}, {7, 7}, {40, 40}}));
+    EXPECT_EQ(left_open(3, {{3, 3}, {7, 7}, {40, 40}}), "0 1 2");
 }
 
 TEST_F(Closefrom, LeavesWhatIsBelow)
 {
-    EXPECT_EQ("0 1 2 3 7", left_open(8, {{3, 3}, {7, 7}, {8, 8}, {40, 40}}));
+    EXPECT_EQ(left_open(8, {{3, 3}, {7, 7}, {8, 8}, {40, 40}}), "0 1 2 3 7");
 }
 
 TEST_F(Closefrom, NothingToCloseIsNoTrouble)
 {
-    EXPECT_EQ("0 1 2", left_open(3, {}));
+    EXPECT_EQ(left_open(3, {}), "0 1 2");
 }
 
 TEST_F(Closefrom, ClosesMoreThanTheBudgetOfEntries)
 {
-    EXPECT_EQ("0 1 2", left_open(3, {{3, 1002}}, 1024)); /* a tenth of 1024 entries */
-    EXPECT_EQ("0 1 2", left_open(3, {{3, 400}}, 500));   /* a hundred entries */
+    EXPECT_EQ(left_open(3, {{3, 1002}}, 1024), "0 1 2"); /* a tenth of 1024 entries */
+    EXPECT_EQ(left_open(3, {{3, 400}}, 500), "0 1 2");   /* a hundred entries */
 }
 
 TEST_F(Closefrom, ClosesAThousandWithinTheBudget)
 {
-    EXPECT_EQ("0 1 2", left_open(3, {{3, 300}}, 4096));
+    EXPECT_EQ(left_open(3, {{3, 300}}, 4096), "0 1 2");
 }
 
 TEST_F(Closefrom, ZeroAndLessMeanEverything)
 {
-    EXPECT_EQ("", left_open(0, {{3, 5}}));
-    EXPECT_EQ("", left_open(-5, {{3, 5}}));
+    EXPECT_EQ(left_open(0, {{3, 5}}), "");
+    EXPECT_EQ(left_open(-5, {{3, 5}}), "");
 }
 
 TEST_F(Closefrom, KeepsErrno)
 {
-    EXPECT_EQ("13", in_child([] {
+    EXPECT_EQ(in_child([] {
                   errno = EACCES;
                   closefrom(3);
                   return std::to_string(errno);
-              }));
+              }),
+              "13");
 }
 
 } // namespace

@@ -117,8 +117,8 @@ ExecTest::ExecTest() : descriptors_(open_descriptors())
 ExecTest::~ExecTest()
 {
     alarm(0);
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child is left";
-    EXPECT_EQ(descriptors_, open_descriptors());
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+    EXPECT_EQ(open_descriptors(), descriptors_);
 }
 
 } // namespace kolmo::testing

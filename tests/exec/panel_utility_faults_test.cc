@@ -13,9 +13,7 @@ namespace kolmo::testing
 namespace
 {
 
-class PanelUtilityFaults : public ExecTest
-{
-};
+using PanelUtilityFaults = ExecTest;
 
 [[gnu::sentinel]] int run_list(const char *path, ...)
 {
@@ -39,10 +37,9 @@ TEST_F(PanelUtilityFaults, PanelUtilityIsRunFromTheAdministrationDirectory)
     const Observed seen =
         observe([] { return run_panel_utility("mail_responders_control", "--init-db", nullptr); });
 
-    EXPECT_EQ(1, seen.result);
-    EXPECT_EQ(shown_as("/opt/qsx/admin/sbin/mail_responders_control",
-                       "[/opt/qsx/admin/sbin/mail_responders_control]\n[--init-db]\n"),
-              seen.err);
+    EXPECT_EQ(seen.result, 1);
+    EXPECT_EQ(seen.err, shown_as("/opt/qsx/admin/sbin/mail_responders_control",
+                                 "[/opt/qsx/admin/sbin/mail_responders_control]\n[--init-db]\n"));
 }
 
 TEST_F(PanelUtilityFaults, ArgumentVectorOfThePanelUtilityIsPassedAsItIs)
@@ -51,8 +48,8 @@ TEST_F(PanelUtilityFaults, ArgumentVectorOfThePanelUtilityIsPassedAsItIs)
     const char *const argv[] = {"own name", "one", "two", nullptr};
     const Observed seen = observe([&] { return run_panel_utility_argv("utility", argv); });
 
-    EXPECT_EQ(1, seen.result);
-    EXPECT_EQ(shown_as("/opt/qsx/admin/sbin/utility", "[own name]\n[one]\n[two]\n"), seen.err);
+    EXPECT_EQ(seen.result, 1);
+    EXPECT_EQ(seen.err, shown_as("/opt/qsx/admin/sbin/utility", "[own name]\n[one]\n[two]\n"));
 }
 
 TEST_F(PanelUtilityFaults, LibraryUtilityIsRunFromItsDirectoryWithoutANameCheck)
@@ -60,9 +57,9 @@ TEST_F(PanelUtilityFaults, LibraryUtilityIsRunFromItsDirectoryWithoutANameCheck)
     const ExecvShown shown;
     const Observed seen = observe([] { return run_lib_utility("sub/utility", "one", nullptr); });
 
-    EXPECT_EQ(1, seen.result);
-    EXPECT_EQ(shown_as("/usr/lib/kolmo-9.0/sub/utility", "[/usr/lib/kolmo-9.0/sub/utility]\n[one]\n"),
-              seen.err);
+    EXPECT_EQ(seen.result, 1);
+    EXPECT_EQ(seen.err,
+              shown_as("/usr/lib/kolmo-9.0/sub/utility", "[/usr/lib/kolmo-9.0/sub/utility]\n[one]\n"));
 }
 
 TEST_F(PanelUtilityFaults, PathIsRunAsItStandsByBothRunners)
@@ -71,8 +68,8 @@ TEST_F(PanelUtilityFaults, PathIsRunAsItStandsByBothRunners)
 
     for (const Observed &seen : {observe([] { return run_utility_path("/some/path", "one", nullptr); }),
                                  observe([] { return run_list("/some/path", "one", nullptr); })}) {
-        EXPECT_EQ(1, seen.result);
-        EXPECT_EQ(shown_as("/some/path", "[/some/path]\n[one]\n"), seen.err);
+        EXPECT_EQ(seen.result, 1);
+        EXPECT_EQ(seen.err, shown_as("/some/path", "[/some/path]\n[one]\n"));
     }
 }
 
@@ -81,9 +78,9 @@ TEST_F(PanelUtilityFaults, NameWithASlashStartsNothing)
     const char *const argv[] = {"sh", nullptr};
     const ForkCount forks;
 
-    EXPECT_EQ(-1, observe([] { return run_panel_utility("/bin/sh", nullptr); }).result);
-    EXPECT_EQ(-1, observe([&] { return run_panel_utility_argv("sh/", argv); }).result);
-    EXPECT_EQ(0, forks.count());
+    EXPECT_EQ(observe([] { return run_panel_utility("/bin/sh", nullptr); }).result, -1);
+    EXPECT_EQ(observe([&] { return run_panel_utility_argv("sh/", argv); }).result, -1);
+    EXPECT_EQ(forks.count(), 0);
 }
 
 TEST_F(PanelUtilityFaults, FailureWithOutputThatWasNeverReadIsReportedAsNoOutput)
@@ -91,9 +88,9 @@ TEST_F(PanelUtilityFaults, FailureWithOutputThatWasNeverReadIsReportedAsNoOutput
     const Fault fault(Call::select, 1, 0, await_end);
     const Observed seen = observe([] { return run_utility_path(helper, "out", "2", "exit", "3", nullptr); });
 
-    EXPECT_EQ(3, seen.result);
-    EXPECT_EQ(std::string(helper) + " execution failed (no output)\n", seen.err);
-    EXPECT_EQ(seen.err, seen.out);
+    EXPECT_EQ(seen.result, 3);
+    EXPECT_EQ(seen.err, std::string(helper) + " execution failed (no output)\n");
+    EXPECT_EQ(seen.out, seen.err);
 }
 
 } // namespace

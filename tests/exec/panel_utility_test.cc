@@ -11,9 +11,7 @@ namespace kolmo::testing
 namespace
 {
 
-class PanelUtility : public ExecTest
-{
-};
+using PanelUtility = ExecTest;
 
 const std::string failed = std::string(helper) + " execution failed:\n";
 
@@ -22,9 +20,9 @@ TEST_F(PanelUtility, SuccessPrintsNothingWhateverTheUtilityWrote)
     const Observed seen =
         observe([] { return run_utility_path(helper, "out", "100", "err", "100", nullptr); });
 
-    EXPECT_EQ(0, seen.result);
-    EXPECT_EQ("", seen.out);
-    EXPECT_EQ("", seen.err);
+    EXPECT_EQ(seen.result, 0);
+    EXPECT_EQ(seen.out, "");
+    EXPECT_EQ(seen.err, "");
 }
 
 TEST_F(PanelUtility, FailureShowsItsOutputUnchangedAndThenTheReport)
@@ -32,37 +30,36 @@ TEST_F(PanelUtility, FailureShowsItsOutputUnchangedAndThenTheReport)
     const Observed seen = observe(
         [] { return run_utility_path(helper, "say", "no such mailbox", "out", "4", "exit", "1", nullptr); });
 
-    EXPECT_EQ(1, seen.result);
-    EXPECT_EQ("oooo" + failed + "no such mailbox\n", seen.err);
-    EXPECT_EQ(failed + "no such mailbox\n", seen.out);
+    EXPECT_EQ(seen.result, 1);
+    EXPECT_EQ(seen.err, "oooo" + failed + "no such mailbox\n");
+    EXPECT_EQ(seen.out, failed + "no such mailbox\n");
 }
 
 TEST_F(PanelUtility, FailureWithoutAWordIsReportedWithEmptyText)
 {
     const Observed seen = observe([] { return run_utility_path(helper, "exit", "2", nullptr); });
 
-    EXPECT_EQ(2, seen.result);
-    EXPECT_EQ(failed, seen.err);
-    EXPECT_EQ(failed, seen.out);
+    EXPECT_EQ(seen.result, 2);
+    EXPECT_EQ(seen.err, failed);
+    EXPECT_EQ(seen.out, failed);
 }
 
 TEST_F(PanelUtility, MissingUtilityIsReportedWith255)
 {
     const Observed seen = observe([] { return run_utility_path("/nonexistent/utility", nullptr); });
 
-    EXPECT_EQ(255, seen.result);
-    EXPECT_EQ("/nonexistent/utility execution failed:\n"
-              "fork_execv: execv(\"/nonexistent/utility\") failed: No such file or directory\n",
-              seen.err);
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_EQ(seen.err, "/nonexistent/utility execution failed:\n"
+                        "fork_execv: execv(\"/nonexistent/utility\") failed: No such file or directory\n");
 }
 
 TEST_F(PanelUtility, KilledUtilityIsReportedAndLogged)
 {
     const Observed seen = observe([] { return run_utility_path(helper, "signal", "9", nullptr); });
 
-    EXPECT_EQ(-1, seen.result);
-    EXPECT_EQ(failed, seen.err);
-    EXPECT_NE(std::string::npos, log.take_one().find("killed by signal 9"));
+    EXPECT_EQ(seen.result, -1);
+    EXPECT_EQ(seen.err, failed);
+    EXPECT_NE(log.take_one().find("killed by signal 9"), std::string::npos);
 }
 
 TEST_F(PanelUtility, QuietRunLeavesTheFailureToTheCaller)
@@ -71,9 +68,9 @@ TEST_F(PanelUtility, QuietRunLeavesTheFailureToTheCaller)
         return exec_utility(helper, Orders({"out", "9", "err", "9", "exit", "3"}), true);
     });
 
-    EXPECT_EQ(3, seen.result);
-    EXPECT_EQ("", seen.out);
-    EXPECT_EQ("", seen.err);
+    EXPECT_EQ(seen.result, 3);
+    EXPECT_EQ(seen.out, "");
+    EXPECT_EQ(seen.err, "");
 }
 
 TEST_F(PanelUtility, ArgumentsFollowThePathInTheirOrder)
@@ -81,7 +78,7 @@ TEST_F(PanelUtility, ArgumentsFollowThePathInTheirOrder)
     const Observed seen =
         observe([] { return run_utility_path(helper, "argv", "one", "", "three", nullptr); });
 
-    EXPECT_EQ(std::string(helper) + "\nargv\none\n\nthree\n" + failed, seen.err);
+    EXPECT_EQ(seen.err, std::string(helper) + "\nargv\none\n\nthree\n" + failed);
 }
 
 #define TEN "0", "1", "2", "3", "4", "5", "6", "7", "8", "9"
@@ -103,7 +100,7 @@ TEST_F(PanelUtility, NinetyNineArgumentsAreTaken)
         return run_utility_path(helper, "argv", NINETY, "0", "1", "2", "3", "4", "5", "6", "7", nullptr);
     });
 
-    EXPECT_EQ(argument_list(98), seen.err);
+    EXPECT_EQ(seen.err, argument_list(98));
 }
 
 TEST_F(PanelUtility, FurtherArgumentsAreDroppedSilently)
@@ -113,8 +110,8 @@ TEST_F(PanelUtility, FurtherArgumentsAreDroppedSilently)
     });
     const Observed more = observe([] { return run_utility_path(helper, "argv", NINETY, TEN, TEN, nullptr); });
 
-    EXPECT_EQ(argument_list(98), hundred.err);
-    EXPECT_EQ(argument_list(98), more.err);
+    EXPECT_EQ(hundred.err, argument_list(98));
+    EXPECT_EQ(more.err, argument_list(98));
 }
 
 TEST_F(PanelUtility, NameWithASlashIsRefused)
@@ -124,9 +121,9 @@ TEST_F(PanelUtility, NameWithASlashIsRefused)
 
     for (const Observed &seen : {observe([] { return run_panel_utility("bin/sh", nullptr); }),
                                  observe([&] { return run_panel_utility_argv("bin/sh", argv); })}) {
-        EXPECT_EQ(-1, seen.result);
-        EXPECT_EQ(text, seen.err);
-        EXPECT_EQ(text, seen.out);
+        EXPECT_EQ(seen.result, -1);
+        EXPECT_EQ(seen.err, text);
+        EXPECT_EQ(seen.out, text);
     }
 }
 
@@ -136,9 +133,9 @@ TEST_F(PanelUtility, NameTooLongForAPathFailsLikeOneThatCannotBeExecuted)
     const std::string path = "/opt/qsx/admin/sbin/" + name;
     const Observed seen = observe([&] { return run_panel_utility(name.c_str(), nullptr); });
 
-    EXPECT_EQ(255, seen.result);
-    EXPECT_EQ(path + " execution failed:\nfork_execv: execv(\"" + path + "\") failed: File name too long\n",
-              seen.err);
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_EQ(seen.err,
+              path + " execution failed:\nfork_execv: execv(\"" + path + "\") failed: File name too long\n");
 }
 
 TEST_F(PanelUtility, PathTooLongIsNotCutToAnotherProgram)
@@ -150,8 +147,8 @@ TEST_F(PanelUtility, PathTooLongIsNotCutToAnotherProgram)
         "../../.." + std::string(4095 - root.size() - program.size(), '/') + program.substr(8) + "-longer";
     const Observed seen = observe([&] { return run_lib_utility(name.c_str(), "-c", "exit 7", nullptr); });
 
-    EXPECT_EQ(255, seen.result);
-    EXPECT_NE(std::string::npos, seen.err.find("File name too long"));
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_NE(seen.err.find("File name too long"), std::string::npos);
 }
 
 } // namespace

@@ -51,17 +51,11 @@ void __wrap_free(void *memory)
 
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::AllocFaults;
-using testing::in_fresh_process;
-using testing::LogCapture;
-using testing::PanelFiles;
-using testing::without_memory;
 
 struct FreeStore {
     void operator()(QsxConfStore *store) const { conf_store_free(store); }
@@ -845,4 +839,4 @@ TEST(ConfStoreFree, NullIsIgnored)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -63,15 +63,11 @@ char *__wrap__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *se
 
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::LogCapture;
-using testing::PanelFiles;
-using testing::without_memory;
 
 class PanelCredentialsRead : public ::testing::Test
 {
@@ -313,4 +309,4 @@ TEST_F(PanelCredentialsRead, NoCopyOfThePasswordStaysInTheStreamsBuffer)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -12,16 +12,11 @@
 #include "tests/panel/server_fixture.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::in_fresh_process;
-using testing::Output;
-using testing::output_of;
-using testing::PanelServer;
 
 class PanelDbServer : public PanelServer
 {
@@ -163,4 +158,4 @@ TEST_F(PanelDbServer, SelectGivesNullForABadQueryAndTheConnectionStaysGood)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

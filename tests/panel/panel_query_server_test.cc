@@ -8,15 +8,11 @@
 #include "tests/panel/server_fixture.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::Output;
-using testing::output_of;
-using testing::PanelServer;
 
 /* Descriptors that this process has open: an own connection that stays open would be one more. */
 std::ptrdiff_t open_descriptors()
@@ -157,4 +153,4 @@ TEST_F(PanelQueryServer, WithoutAConnectionNothingIsReadAndBothFailuresAreReport
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -69,9 +69,7 @@ class MissingTableRun : public RunTest, public ::testing::WithParamInterface<Mis
 {
 };
 
-class PanelTroubleRun : public RunTest
-{
-};
+using PanelTroubleRun = RunTest;
 
 } // namespace
 
