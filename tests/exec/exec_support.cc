@@ -17,9 +17,9 @@ namespace kolmo::testing
 
 const char *const helper = KOLMO_CHILD_HELPER;
 
-Orders::Orders(std::initializer_list<const char *> words) : argv_{helper}
+Orders::Orders(const std::vector<const char *> &words) : argv_{helper}
 {
-    argv_.insert(argv_.end(), words);
+    argv_.insert(argv_.end(), words.begin(), words.end());
     argv_.push_back(nullptr);
 }
 
@@ -55,6 +55,14 @@ void fill_descriptors(int first, int last)
     }
     if (source < first || source > last)
         close(source);
+}
+
+void close_streams(int bits)
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if ((bits & (1 << fd)) != 0)
+            (void)close(fd);
+    }
 }
 
 std::string in_child(const std::function<std::string()> &body)

@@ -44,20 +44,23 @@ TEST_F(OpenPipe, EndsAreConnected)
     EXPECT_EQ(byte, 'x');
 }
 
-TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosed)
+TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosedAndLeaveThemClosed)
 {
-    EXPECT_EQ(in_child([] {
-                  close(0);
-                  close(1);
-                  Pipe pipe;
-                  if (open_pipe(&pipe) != 0)
-                      return std::string("failed");
-                  std::string seen = fcntl(0, F_GETFD) < 0 ? "0 closed, " : "0 open, ";
-                  seen += fcntl(1, F_GETFD) < 0 ? "1 closed, " : "1 open, ";
-                  const bool above = pipe.read_end.get() > 2 && pipe.write_end.get() > 2;
-                  return seen + (above ? "ends above" : "ends below");
-              }),
-              "0 closed, 1 closed, ends above");
+    for (int closed = 1; closed < 8; closed++) {
+        EXPECT_EQ(in_child([closed] {
+                      Pipe pipe;
+                      close_streams(closed);
+                      const std::string before = open_descriptors(STDERR_FILENO + 1);
+                      if (open_pipe(&pipe) != 0)
+                          return std::string("failed");
+                      if (pipe.read_end.get() <= STDERR_FILENO || pipe.write_end.get() <= STDERR_FILENO)
+                          return std::string("an end below");
+                      return std::string(open_descriptors(STDERR_FILENO + 1) == before ? "above"
+                                                                                       : "a stream open");
+                  }),
+                  "above")
+            << "closed streams, as bits: " << closed;
+    }
 }
 
 TEST_F(ReadPipe, EmptyNonBlockingPipeIsNotAFailure)
