@@ -2,7 +2,7 @@
 # programs, with a pkg-config file and a CMake package that lead to them.
 include(CMakePackageConfigHelpers)
 
-set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_responder_store kolmo_handlers_store)
+set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_store_kit kolmo_responder_store kolmo_handlers_store)
 set(kolmo_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kolmo)
 set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 

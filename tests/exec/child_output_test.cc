@@ -550,6 +550,15 @@ TEST_F(ForkExecFd, FailedWaitIsReported)
     end_process(pid);
 }
 
+TEST_F(ForkExecFd, WordsForAProgramThatCannotBeExecutedAreOneWriteAndOneReport)
+{
+    const WritesShown shown;
+    const Observed seen = observe([] { return fork_exec_fd(-1, -1, "/nonexistent", Orders({})); });
+
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_EQ(seen.err, "[Error occured during execv():\nNo such file or directory.\n]\n");
+}
+
 TEST_F(ForkExecFd, FailedReadIsToldAndTheProgramWaitedFor)
 {
     const Fault fault(Call::read, 1, EIO);

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "restore/run_handles.h"
 #include "tests/run/panel_world.h"
 #include "tests/support/fake_syslog.h"
 #include "tests/support/log_capture.h"
@@ -90,6 +91,22 @@ TEST_F(RebuildResponders, StoreThatAFailingOperationHasClosedIsNotClosedAgain)
     EXPECT_FALSE(responder_db.is_open());
 }
 
+/* Each step is busy once; the fourth pause is that of the store's first, after three of the handlers'. */
+TEST_F(RebuildResponders, StoreThatAFailedPauseHasAbandonedIsNotClosed)
+{
+    (void)panel.add_mailbox_with_responder(panel.add_domain("one.example"), "info");
+    SqliteFaults sqlite;
+    sqlite.be_busy(SqliteCall::step, 1);
+    sqlite.fail_pause(4);
+
+    EXPECT_EQ(run(), std::pair(-1, Lines{"3 Unable to sync configuration of autoresponder for domain "
+                                         "one.example"}));
+    EXPECT_EQ(sqlite.pauses().size(), 4U);
+    EXPECT_EQ(sqlite.count("close"), 1) << "the handlers' store";
+    EXPECT_TRUE(responder_db.is_abandoned());
+    (void)responder_db.release(); /* closed with `sqlite` */
+}
+
 /* Attempts 1 and 2 follow each other at once; the pause comes after an attempt that succeeds, too. */
 TEST_F(RebuildResponders, LastCloseIsRepeatedWhileBusyWithGrowingPauses)
 {
@@ -112,7 +129,7 @@ TEST_F(RebuildResponders, FailedPauseInTheLastCloseGivesMinusOneAndTheStoreStays
     EXPECT_EQ(run(), std::pair(-1, Lines{}));
     EXPECT_EQ(sqlite.pauses(), (std::vector<long>{10'000, 20'000}));
     EXPECT_EQ(sqlite.count("close"), 3);
-    EXPECT_TRUE(responder_db.is_open());
+    EXPECT_TRUE(responder_db.is_abandoned());
     (void)responder_db.release(); /* closed with `sqlite` */
 }
 
