@@ -90,14 +90,6 @@ TEST(SplitText, RunningOutOfMemoryIsLoggedAtEveryPointAndLeaksNothing)
     }
 }
 
-TEST(SplitText, TwoTokensNeedFiveAllocations)
-{
-    const AllocFaults counter(0);
-    const OwnedStringArray array(string_array_split("a,b", ","));
-
-    EXPECT_EQ(counter.calls(), 5);
-}
-
 TEST(AddText, NullStartsAnArray)
 {
     const OwnedStringArray array(string_array_add(nullptr, "first"));
