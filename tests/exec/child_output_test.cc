@@ -437,7 +437,10 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreamsAndTheExitCodeReturned)
     const Orders talker({"out", "4", "say", "trouble", "exit", "7"});
     const Orders long_talker({"err", "8190"});
     const Orders silent({});
-    const std::string piece = std::string(4095, 'e') + '\n';
+    std::string piece(4096, 'e');
+
+    piece.back() = '\n';
+
     const struct {
         const char *path;
         const char *const *argv;

@@ -55,6 +55,12 @@ void __wrap_explicit_bzero(void *memory, std::size_t length)
     __real_explicit_bzero(memory, length);
 }
 
+/* The same in an optimised program. */
+void __wrap___explicit_bzero_chk(void *memory, std::size_t length, std::size_t)
+{
+    __wrap_explicit_bzero(memory, length);
+}
+
 } // extern "C"
 
 namespace kolmo::testing

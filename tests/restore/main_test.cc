@@ -1,6 +1,6 @@
 /*
- * What main does before the run: the program's own main under another name, over a run that only looks
- * around.
+ * What main does before the run: the program's own object file, over a run that only looks around.  The C
+ * library starts the test's main in its place.
  */
 #include <csignal>
 #include <string>
@@ -13,7 +13,7 @@
 
 #include "restore/program_flow.h"
 
-int program_main(int argc, char **argv);
+extern "C" int __real_main(int argc, char **argv);
 
 namespace
 {
@@ -63,7 +63,7 @@ int run_main()
     char *argv[] = {name, nullptr};
 
     seen.clear();
-    return program_main(1, argv);
+    return __real_main(1, argv);
 }
 
 /* The lowest descriptor that is free. */
@@ -76,6 +76,12 @@ int next_descriptor()
 }
 
 } // namespace
+
+extern "C" int __wrap_main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
 
 /* In place of the program's own. */
 int kolmo::rebuild_responders(const char *program)
