@@ -254,9 +254,9 @@ TEST_P(HandlersDb, MissingTableIsReportedAndClosesTheCallersConnection)
     EXPECT_FALSE(connection.is_open());
 }
 
-TEST_P(HandlersDb, FolderCannotBeOpened)
+TEST_P(HandlersDb, StoreInAMissingFolderCannotBeOpened)
 {
-    const std::string path = store.folder().path();
+    const std::string path = store.folder().path("none/handlers.db");
 
     handlers_db_set_path(path.c_str());
     EXPECT_EQ(run(nullptr), -1);
