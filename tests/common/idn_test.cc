@@ -69,15 +69,13 @@ int __wrap_regexec(const regex_t *regex, const char *text, std::size_t count, re
 
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
 using ::testing::ExitedWithCode;
-using testing::Output;
-using testing::output_of;
 
 /* A label of 64 characters is one too long. */
 const std::string too_long(64, 'a');
@@ -110,13 +108,8 @@ private:
     int saved_errno_ = errno;
 };
 
-class IdnDomain : public IdnTest
-{
-};
-
-class IdnEmail : public IdnTest
-{
-};
+using IdnDomain = IdnTest;
+using IdnEmail = IdnTest;
 
 class IdnUrl : public IdnTest
 {
@@ -393,4 +386,4 @@ TEST(IdnStrerror, EveryCodeHasItsText)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -15,16 +15,11 @@
 #include "tests/support/output_capture.h"
 #include "tests/support/temp_dir.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::AllocFaults;
-using testing::Output;
-using testing::output_of;
-using testing::TempDir;
 
 constexpr const char *none = "(none)";
 
@@ -296,4 +291,4 @@ TEST(IniBool, MissingOrEmptyValueIsTheDefault)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

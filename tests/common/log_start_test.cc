@@ -6,15 +6,11 @@
 #include "tests/common/log_list.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::log_list;
-using testing::Output;
-using testing::output_of;
 
 TEST(LogBeforeInit, InfoIsPrintedOnBothStreams)
 {
@@ -47,4 +43,4 @@ TEST(LogBeforeInit, OptionsAreThePidAlone)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -31,18 +31,12 @@ pid_t __wrap_getpid()
 
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::break_standard_output;
-using testing::EnvironmentVariable;
-using testing::FakeSyslog;
-using testing::log_list;
-using testing::Output;
-using testing::output_of;
 using Lines = std::vector<std::string>;
 
 /* The options, facility and ident of most tests do not matter. */
@@ -84,13 +78,8 @@ private:
     char *saved_name_ = program_invocation_short_name;
 };
 
-class ConsoleLog : public LogTest
-{
-};
-
-class SyslogLog : public LogTest
-{
-};
+using ConsoleLog = LogTest;
+using SyslogLog = LogTest;
 
 class TracedLog : public LogTest
 {
@@ -406,4 +395,4 @@ TEST_F(TracedLog, MaskSortsOutTracedMessagesToo)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

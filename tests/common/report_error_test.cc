@@ -11,18 +11,14 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::AllocFaults;
-using testing::break_standard_output;
 using ::testing::ExitedWithCode;
 using ::testing::KilledBySignal;
-using testing::Output;
-using testing::output_of;
 
 /* The line that follows a message after a missing file, newline included. */
 const std::string missing_file_line = std::string("\nSystem error 2: ") + std::strerror(ENOENT) + '\n';
@@ -66,9 +62,7 @@ private:
     int saved_errno_ = errno;
 };
 
-class PrintErrorMessage : public ReportError
-{
-};
+using PrintErrorMessage = ReportError;
 
 TEST_F(ReportError, SystemErrorFollowsOnBothStreamsAndTheCallReturns)
 {
@@ -251,4 +245,4 @@ TEST_F(PrintErrorMessage, ExitCodeEndsTheProcess)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

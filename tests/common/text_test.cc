@@ -8,16 +8,13 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/log_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::AllocFaults;
 using ::testing::ExitedWithCode;
-using testing::LogCapture;
-using testing::without_memory;
 
 TEST(Xasprintf, FormatsIntoNewMemory)
 {
@@ -85,4 +82,4 @@ TEST(StrdupLower, RunningOutOfMemoryIsLoggedAndGivesNull)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

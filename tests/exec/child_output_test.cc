@@ -1,9 +1,12 @@
-/* The runners that take a program's output, with real programs. */
+/* The runners that take a program's output: real programs, and calls that fail. */
 #include "exec/child_output.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -11,7 +14,11 @@
 #include <unistd.h>
 
 #include "common/owned.h"
+#include "exec/output_pipe.h"
 #include "tests/exec/exec_support.h"
+#include "tests/exec/process_faults.h"
+#include "tests/support/alloc_faults.h"
+#include "tests/support/output_capture.h"
 
 namespace kolmo::testing
 {
@@ -19,22 +26,32 @@ namespace kolmo::testing
 namespace
 {
 
+using ::testing::ExitedWithCode;
+using Words = std::vector<const char *>;
+
 struct Captured {
     int result = -2;
     OwnedText out;
     OwnedText err;
 };
 
-Captured run(const char *path, const char *const argv[])
+/* The runner of both texts. */
+Captured run_both(const char *path, const char *const argv[])
 {
-    Captured done;
     char *out = nullptr;
     char *err = nullptr;
+    const int result = fork_execv_getouterr(&out, &err, path, argv);
 
-    done.result = fork_execv_getouterr(&out, &err, path, argv);
-    done.out.reset(out);
-    done.err.reset(err);
-    return done;
+    return {result, OwnedText(out), OwnedText(err)};
+}
+
+/* The runner of standard output alone. */
+Captured run_out(const char *path, const char *const argv[])
+{
+    char *out = nullptr;
+    const int result = fork_execv_getout(&out, path, argv);
+
+    return {result, OwnedText(out), nullptr};
 }
 
 /* The whole run in a line, for comparison; "null" is a text that does not exist. */
@@ -44,98 +61,77 @@ std::string shown(const Captured &done)
            " err=" + (done.err != nullptr ? done.err.get() : "null");
 }
 
-std::string shown_run(std::initializer_list<const char *> words)
+std::string shown_run(const Words &words)
 {
-    return shown(run(helper, Orders(words)));
+    return shown(run_both(helper, Orders(words)));
 }
 
-class ForkExecvGetouterr : public ExecTest
+/* What the program sees that is started among these open descriptors: its own, and where 0 to 2 lead. */
+std::string descriptors_seen(int first, int last)
 {
-};
-class ForkExecvGetout : public ExecTest
-{
-};
-class ForkExecFd : public ExecTest
-{
-};
-
-TEST_F(ForkExecvGetouterr, NothingPrintedGivesTwoEmptyTexts)
-{
-    EXPECT_EQ("0 out= err=", shown_run({}));
+    return in_child([=] {
+        fill_descriptors(0, 0);
+        fill_descriptors(first, last);
+        return shown_run({"fds"});
+    });
 }
 
-TEST_F(ForkExecvGetouterr, TenThousandBytesOfErrorAndStatusThreeArriveWhole)
+using ForkExecvGetouterr = ExecTest;
+using ForkExecvGetout = ExecTest;
+using ForkExecFd = ExecTest;
+
+TEST_F(ForkExecvGetouterr, ExitCodeAndBothTextsArriveWhole)
 {
-    const Captured done = run(helper, Orders({"err", "10000", "exit", "3"}));
+    const std::string many_o(1048576, 'o');
+    const std::string many_e(1048576, 'e');
+    const struct {
+        Words words;
+        std::string run;
+    } rows[] = {
+        {{}, "0 out= err="},
+        {{"exit", "1"}, "1 out= err="},
+        {{"exit", "255"}, "255 out= err="},
+        {{"out", "2", "err", "3"}, "0 out=oo err=eee"},
+        {{"err", "10000", "exit", "3"}, "3 out= err=" + std::string(10000, 'e')},
+        {{"err", "1048576", "out", "1048576"}, "0 out=" + many_o + " err=" + many_e},
+        {{"out", "1", "sleep", "1300", "out", "1", "exit", "4"}, "4 out=oo err="}, /* past the time-out */
+        {{"out", "1", "close", "1", "close", "2", "sleep", "200", "exit", "5"}, "5 out=o err="},
+    };
 
-    EXPECT_EQ(3, done.result);
-    EXPECT_EQ(std::string(10000, 'e'), done.err.get());
-    EXPECT_STREQ("", done.out.get());
-}
-
-TEST_F(ForkExecvGetouterr, StreamsAreKeptApart)
-{
-    EXPECT_EQ("0 out=oo err=eee", shown_run({"out", "2", "err", "3"}));
-}
-
-TEST_F(ForkExecvGetouterr, AMegabyteOnBothStreamsArrivesWhole)
-{
-    const Captured done = run(helper, Orders({"err", "1048576", "out", "1048576"}));
-
-    EXPECT_EQ(0, done.result);
-    EXPECT_EQ(std::string(1048576, 'o'), done.out.get());
-    EXPECT_EQ(std::string(1048576, 'e'), done.err.get());
-}
-
-TEST_F(ForkExecvGetouterr, ExitCodesAreTheResultUpTo255)
-{
-    EXPECT_EQ(1, run(helper, Orders({"exit", "1"})).result);
-    EXPECT_EQ(255, run(helper, Orders({"exit", "255"})).result);
+    for (const auto &row : rows)
+        EXPECT_EQ(shown_run(row.words), row.run);
 }
 
 TEST_F(ForkExecvGetouterr, MissingProgramGives255AndTheExecvTextAlone)
 {
-    EXPECT_EQ("255 out= err=fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n",
-              shown(run("/nonexistent/program", Orders({}))));
+    EXPECT_EQ(shown(run_both("/nonexistent/program", Orders({}))),
+              "255 out= err=fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n");
 }
 
 TEST_F(ForkExecvGetouterr, ProgramKilledBySignalGivesMinusOneAndAWarning)
 {
-    const Captured done = run(helper, Orders({"out", "1", "signal", "9"}));
+    EXPECT_EQ(shown_run({"out", "1", "signal", "9"}), "-1 out=o err=");
     const std::string line = log.take_one();
-
-    EXPECT_EQ("-1 out=o err=", shown(done));
     const std::string pid = std::to_string(number_after(line, "waitpid("));
-    EXPECT_EQ("4 waitpid(" + pid + ")=" + pid + ": process '" + helper + "' killed by signal 9", line);
-}
-
-TEST_F(ForkExecvGetouterr, SlowProgramIsWaitedForPastTheTimeout)
-{
-    EXPECT_EQ("4 out=oo err=", shown_run({"out", "1", "sleep", "1300", "out", "1", "exit", "4"}));
-}
-
-TEST_F(ForkExecvGetouterr, ProgramThatClosesItsOutputEarlyIsWaitedFor)
-{
-    EXPECT_EQ("5 out=o err=",
-              shown_run({"out", "1", "close", "1", "close", "2", "sleep", "200", "exit", "5"}));
+    EXPECT_EQ(line, "4 waitpid(" + pid + ")=" + pid + ": process '" + helper + "' killed by signal 9");
 }
 
 TEST_F(ForkExecvGetouterr, ProcessLeftBehindWithThePipesDoesNotKeepTheRunFromEnding)
 {
-    const Captured done = run(helper, Orders({"hold", "exit", "4"}));
+    const Captured done = run_both(helper, Orders({"hold", "exit", "4"}));
 
-    EXPECT_EQ(4, done.result);
-    EXPECT_EQ(nullptr, done.err);
-    ASSERT_NE(nullptr, done.out);
+    EXPECT_EQ(done.result, 4);
+    EXPECT_EQ(done.err, nullptr);
+    ASSERT_NE(done.out, nullptr);
     end_process(number_after(done.out.get(), ""));
 }
 
 TEST_F(ForkExecvGetouterr, ProgramKilledWhileThePipesAreHeldGivesMinusOneWithoutALine)
 {
-    const Captured done = run(helper, Orders({"hold", "signal", "9"}));
+    const Captured done = run_both(helper, Orders({"hold", "signal", "9"}));
 
-    EXPECT_EQ(-1, done.result);
-    ASSERT_NE(nullptr, done.out);
+    EXPECT_EQ(done.result, -1);
+    ASSERT_NE(done.out, nullptr);
     end_process(number_after(done.out.get(), ""));
 }
 
@@ -144,295 +140,435 @@ TEST_F(ForkExecvGetouterr, StoppedProgramThatKeepsItsOutputOpenIsWaitedForUntilI
 {
     const char *const argv[] = {"sh", "-c", "(sleep 1.3; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
 
-    EXPECT_EQ("4 out= err=", shown(run("/bin/sh", argv)));
+    EXPECT_EQ(shown(run_both("/bin/sh", argv)), "4 out= err=");
 }
 
 TEST_F(ForkExecvGetouterr, StoppedProgramThatHasClosedItsOutputIsLoggedAndLeftStopped)
 {
-    const Captured done = run(helper, Orders({"out", "1", "close", "1", "close", "2", "stop"}));
+    const Captured done = run_both(helper, Orders({"out", "1", "close", "1", "close", "2", "stop"}));
     const std::string line = log.take_one();
     const long pid = number_after(line, "waitpid(");
     const std::string id = std::to_string(pid);
 
-    EXPECT_EQ(0, waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG)) << "it has ended";
+    EXPECT_EQ(waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG), 0) << "it has ended";
     end_process(pid);
-    EXPECT_EQ("-1 out=o err=", shown(done));
-    EXPECT_EQ("4 waitpid(" + id + ")=" + id + ": process '" + helper + "' stopped by signal " +
-                  std::to_string(SIGSTOP),
-              line);
+    EXPECT_EQ(shown(done), "-1 out=o err=");
+    EXPECT_EQ(line, "4 waitpid(" + id + ")=" + id + ": process '" + helper + "' stopped by signal " +
+                        std::to_string(SIGSTOP));
 }
 
 TEST_F(ForkExecvGetouterr, ProgramInheritsStandardInputAndNothingAboveTheStreams)
 {
-    const std::string seen = in_child([] {
-        fill_descriptors(0, 0);
-        fill_descriptors(3, 60);
-        return shown_run({"fds"});
-    });
+    for (const int last : {60, 1002}) {
+        const std::string seen = descriptors_seen(3, last);
 
-    EXPECT_EQ(0U, seen.find("0 out=0 1 2 /dev/null pipe:[")) << seen;
+        EXPECT_EQ(seen.find("0 out=0 1 2 /dev/null pipe:["), 0U) << seen;
+    }
 }
 
 TEST_F(ForkExecvGetouterr, StandardInputReachesTheProgram)
 {
-    EXPECT_EQ("0 out=o err=", in_child([] {
+    EXPECT_EQ(in_child([] {
                   int ends[2];
                   if (pipe(ends) != 0 || write(ends[1], "o", 1) != 1 || dup2(ends[0], 0) != 0)
                       return std::string("no pipe");
                   close(ends[1]);
                   return shown_run({"input"});
-              }));
+              }),
+              "0 out=o err=");
 }
 
 TEST_F(ForkExecvGetouterr, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
 {
     for (int closed = 1; closed < 8; closed++) {
-        EXPECT_EQ("3 out=oo err=eee", in_child([closed] {
-                      for (int fd = 0; fd <= 2; fd++) {
-                          if ((closed & (1 << fd)) != 0)
-                              close(fd);
-                      }
+        EXPECT_EQ(in_child([closed] {
+                      close_streams(closed);
                       return shown_run({"out", "2", "err", "3", "exit", "3"});
-                  }))
+                  }),
+                  "3 out=oo err=eee")
             << "closed streams, as bits: " << closed;
     }
 }
 
-TEST_F(ForkExecvGetouterr, AThousandOpenDescriptorsAreSurvivedAndNotInherited)
-{
-    const std::string seen = in_child([] {
-        fill_descriptors(3, 1002);
-        return shown_run({"fds"});
-    });
-
-    EXPECT_EQ(0U, seen.find("0 out=0 1 2 ")) << seen;
-}
-
-TEST_F(ForkExecvGetouterr, DescriptorThatSelectCannotWatchEndsTheProcessAsAFailedPipe)
+/* What becomes of a run whose pipe's read end is this descriptor. */
+void run_with_read_end(int fd)
 {
     rlimit limit = {};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    ASSERT_GE(limit.rlim_max, 1100U) << "needs a hard limit above 1100 descriptors";
-    limit.rlim_cur = 1100;
 
-    EXPECT_EXIT(
-        {
-            (void)setrlimit(RLIMIT_NOFILE, &limit);
-            fill_descriptors(3, 1050);
-            (void)run(helper, Orders({}));
-        },
-        ::testing::ExitedWithCode(1),
-        "^fork_execv_getouterr: pipe\\(\\) failed\nSystem error 24: Too many open files\n$");
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = FD_SETSIZE + 100;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+        std::abort();
+    fill_descriptors(3, fd - 1);
+    const Captured done = run_out(helper, Orders({"out", "2", "exit", "3"}));
+    (void)std::fprintf(stderr, "%s", shown(done).c_str());
+    _exit(0);
+}
+
+TEST_F(ForkExecvGetout, LastDescriptorThatSelectCanWatchIsUsed)
+{
+    EXPECT_EXIT(run_with_read_end(FD_SETSIZE - 1), ExitedWithCode(0), "^3 out=oo err=null$");
+}
+
+TEST_F(ForkExecvGetout, DescriptorThatSelectCannotWatchEndsTheProcessAsAFailedPipe)
+{
+    EXPECT_EXIT(run_with_read_end(FD_SETSIZE), ExitedWithCode(1),
+                "^fork_execv_getouterr: pipe\\(\\) failed\nSystem error 24: Too many open files\n$");
+}
+
+TEST_F(ForkExecvGetouterr, FailedReadIsToldEndsThatTextAndNothingElse)
+{
+    for (const int error : {EIO, EINTR}) {
+        const Fault fault(Call::read, 1, error);
+        std::string run;
+        const Output told = output_of([&] {
+            run = shown_run({"out", "1", "sleep", "200", "err", "2", "exit", "3"});
+        });
+
+        EXPECT_EQ(run, "3 out= err=ee");
+        EXPECT_EQ(told.err, std::string("fork_exec*: read(pipe) failed: ") + std::strerror(error) + '\n');
+    }
+}
+
+TEST_F(ForkExecvGetouterr, ReadThatWouldBlockIsTriedAgain)
+{
+    const Fault fault(Call::read, 1, EAGAIN);
+    std::string run;
+    const Output told = output_of([&] { run = shown_run({"out", "2"}); });
+
+    EXPECT_EQ(run, "0 out=oo err=");
+    EXPECT_TRUE(Fault::has_fired());
+    EXPECT_EQ(told.err, "");
+}
+
+TEST_F(ForkExecvGetouterr, FailedSelectWithARunningChildIsRepeated)
+{
+    const Fault fault(Call::select, 1, EINTR);
+
+    EXPECT_EQ(shown_run({"sleep", "500", "out", "2", "exit", "5"}), "5 out=oo err=");
+    EXPECT_TRUE(Fault::has_fired());
+}
+
+/* With a time-out or a failure, whose errno is not the one that counts; the exit code is the result. */
+TEST_F(ForkExecvGetouterr, SelectWithoutOutputAfterTheEndLosesWhatIsUnread)
+{
+    const struct {
+        int error;
+        Words words;
+        const char *run;
+    } rows[] = {{0, {"out", "2", "err", "2", "exit", "3"}, "3 out=null err=null"},
+                {EBADF, {"exit", "3"}, "3 out=null err=null"},
+                {0, {"signal", "9"}, "-1 out=null err=null"}};
+
+    for (const auto &row : rows) {
+        const Fault fault(Call::select, 1, row.error, await_end);
+
+        EXPECT_EQ(shown_run(row.words), row.run);
+        EXPECT_TRUE(Fault::has_fired());
+    }
+}
+
+/* The result when the look for a child that has ended gives this, and reap the child. */
+std::string result_of_look(pid_t result, int status, int error)
+{
+    const Fault fault(Call::select, 1, 0, await_end);
+    std::string run;
+
+    {
+        const FakeWait wait(result, status, error);
+        run = shown_run({});
+    }
+    (void)raw_status(-1);
+    return run;
+}
+
+TEST_F(ForkExecvGetouterr, LookThatSetsErrnoGivesMinusOne)
+{
+    EXPECT_EQ(result_of_look(-1, 0, ECHILD), "-1 out=null err=null");
+    EXPECT_EQ(result_of_look(4242, 3 << 8, EINTR), "-1 out=null err=null");
+    EXPECT_EQ(result_of_look(4242, 3 << 8, 0), "3 out=null err=null");
+}
+
+TEST_F(ForkExecvGetouterr, EverySelectHasASecondAndNonBlockingPipes)
+{
+    const SelectWatch watch;
+
+    EXPECT_EQ(shown_run({"out", "1", "sleep", "100", "out", "1", "sleep", "100", "out", "1"}),
+              "0 out=ooo err=");
+    EXPECT_GE(watch.calls.size(), 2U);
+    for (const SelectWatch::Seen &call : watch.calls) {
+        EXPECT_EQ(call.timeout, 1000);
+        EXPECT_FALSE(call.is_blocking);
+    }
+}
+
+TEST_F(ForkExecvGetouterr, StandardErrorThatCannotBeInstalledIsToldOnTheInheritedOne)
+{
+    std::string run;
+    const Output told = output_of([&] {
+        const Fault fault(Call::dup2, 2, EBUSY); /* standard error's: the words go to the inherited one */
+        run = shown_run({});
+    });
+
+    EXPECT_EQ(run, "255 out= err=");
+    EXPECT_EQ(told.err, "fork_execv: dup() failed: Device or resource busy\n");
 }
 
 TEST_F(ForkExecvGetout, StandardOutputIsCapturedAndStandardErrorInherited)
 {
-    OwnedText owned;
-    const Observed seen = observe([&] {
-        char *out = nullptr;
-        const int result = fork_execv_getout(&out, helper, Orders({"out", "5000", "err", "3", "exit", "6"}));
-        owned.reset(out);
-        return result;
-    });
+    const std::string missing = "/nonexistent/program";
+    const struct {
+        std::string path;
+        Words words;
+        std::string run;
+        std::string inherited;
+    } rows[] = {
+        {helper, {"out", "5000", "err", "3", "exit", "6"}, "6 out=" + std::string(5000, 'o'), "eee"},
+        {helper, {}, "0 out=", ""},
+        {missing,
+         {},
+         "255 out=",
+         "fork_execv: execv(\"" + missing + "\") failed: No such file or directory\n"},
+    };
 
-    EXPECT_EQ(6, seen.result);
-    EXPECT_EQ(std::string(5000, 'o'), owned.get());
-    EXPECT_EQ("eee", seen.err);
+    for (const auto &row : rows) {
+        Captured done;
+        const Output told = output_of([&] { done = run_out(row.path.c_str(), Orders(row.words)); });
+
+        EXPECT_EQ(shown(done), row.run + " err=null");
+        EXPECT_EQ(told.err, row.inherited);
+    }
 }
 
-TEST_F(ForkExecvGetout, NothingPrintedGivesAnEmptyText)
+TEST_F(ForkExecvGetout, OnlyOnePipeIsMade)
 {
-    char *out = nullptr;
-    const int result = fork_execv_getout(&out, helper, Orders({}));
-    const OwnedText owned(out);
+    const Fault fault(Call::pipe, 2, EMFILE);
 
-    EXPECT_EQ(0, result);
-    EXPECT_STREQ("", out);
-}
-
-TEST_F(ForkExecvGetout, MissingProgramComplainsOnTheInheritedStandardError)
-{
-    OwnedText owned;
-    const Observed seen = observe([&] {
-        char *out = nullptr;
-        const int result = fork_execv_getout(&out, "/nonexistent/program", Orders({}));
-        owned.reset(out);
-        return result;
-    });
-
-    EXPECT_EQ(255, seen.result);
-    EXPECT_STREQ("", owned.get());
-    EXPECT_EQ("fork_execv: execv(\"/nonexistent/program\") failed: No such file or directory\n", seen.err);
+    EXPECT_EQ(run_out(helper, Orders({})).result, 0);
+    EXPECT_FALSE(Fault::has_fired());
 }
 
 TEST_F(ForkExecvGetout, ProcessLeftBehindWithThePipeDoesNotKeepTheRunFromEnding)
 {
-    char *out = nullptr;
-    const int result = fork_execv_getout(&out, helper, Orders({"close", "2", "hold", "exit", "4"}));
-    const OwnedText owned(out);
+    const Captured done = run_out(helper, Orders({"close", "2", "hold", "exit", "4"}));
 
-    EXPECT_EQ(4, result);
-    ASSERT_NE(nullptr, out);
-    end_process(number_after(out, ""));
+    EXPECT_EQ(done.result, 4);
+    ASSERT_NE(done.out, nullptr);
+    end_process(number_after(done.out.get(), ""));
 }
 
-TEST_F(ForkExecvGetout, ProgramKilledBySignalIsLogged)
+TEST(RunnersOfPrograms, FailedPipeModeForkOrMemoryEndsTheProcess)
 {
-    char *out = nullptr;
-    const int result = fork_execv_getout(&out, helper, Orders({"signal", "15"}));
-    const OwnedText owned(out);
+    const std::string captured = "^fork_execv_getouterr: ";
+    const auto both = [] {
+        (void)run_both(helper, Orders({}));
+    };
+    const auto out_only = [] {
+        (void)run_out(helper, Orders({}));
+    };
+    const auto fd = [] {
+        (void)fork_exec_fd(-1, -1, helper, Orders({}));
+    };
+    const struct {
+        void (*run)();
+        Call call;
+        int nth;
+        int error;
+        std::string text;
+    } rows[] = {
+        {both, Call::pipe, 1, ENFILE, captured + "pipe\\(\\) failed"},
+        {both, Call::pipe, 2, ENFILE, captured + "pipe\\(\\) failed"},
+        {both, Call::fcntl, 1, EBADF, captured + "fcntl\\(O_NONBLOCK\\) failed"},
+        {both, Call::fcntl, 2, EBADF, captured + "fcntl\\(O_NONBLOCK\\) failed"},
+        {both, Call::fork, 1, EAGAIN, "^fork_execv_pipes: fork\\(\\) failed"},
+        {out_only, Call::pipe, 1, EMFILE, captured + "pipe\\(\\) failed"},
+        {out_only, Call::fcntl, 1, EBADF, captured + "fcntl\\(O_NONBLOCK\\) failed"},
+        {fd, Call::pipe, 1, EMFILE, "^fork_exec_fd pipe\\(\\): Too many open files"},
+        {fd, Call::fork, 1, ENOMEM, "^Error occured during fork\\(\\):\nCannot allocate memory"},
+    };
 
-    EXPECT_EQ(-1, result);
-    EXPECT_NE(std::string::npos, log.take_one().find("killed by signal 15"));
+    for (const auto &row : rows) {
+        EXPECT_EXIT(
+            {
+                const Fault fault(row.call, row.nth, row.error);
+                row.run();
+            },
+            ExitedWithCode(1),
+            row.text + "\nSystem error " + std::to_string(row.error) + ": " + std::strerror(row.error) +
+                "\n$");
+    }
+    for (const int nth : {1, 2}) {
+        EXPECT_EXIT(
+            {
+                const AllocFaults faults(nth);
+                (void)run_both(helper, Orders({"out", "4000"}));
+            },
+            ExitedWithCode(1), "^Cannot allocate memory\nSystem error 12: Cannot allocate memory\n$");
+    }
 }
 
-Observed run_fd(int fd_in, int fd_out, const char *path, const char *const argv[])
+/* An older failure, which is none of the program's, stands in errno. */
+Observed observe_fd(const char *path, const char *const argv[], int fd_in = -1)
 {
     return observe([&] {
-        errno = EPERM; /* an older failure, which is none of the program's */
-        return fork_exec_fd(fd_in, fd_out, path, argv);
+        errno = EPERM;
+        return fork_exec_fd(fd_in, -1, path, argv);
     });
 }
 
-TEST_F(ForkExecFd, StandardStreamsOfTheCallerAreRefused)
+TEST_F(ForkExecFd, StandardStreamsOfTheCallerAreRefusedAndNothingIsStarted)
 {
     const int refused[][2] = {{0, -1}, {-1, 1}, {0, 1}};
+    const ForkCount forks;
 
     for (const auto &fds : refused) {
-        const Observed seen = observe([&] {
-            return fork_exec_fd(fds[0], fds[1], helper, Orders({"say", "started"}));
-        });
-        EXPECT_EQ(-1, seen.result);
-        EXPECT_EQ("values 0,1,2 not allowed for variables fd_in & fd_out\n", seen.err);
-        EXPECT_EQ(seen.err, seen.out);
+        const Observed seen = observe([&] { return fork_exec_fd(fds[0], fds[1], helper, Orders({})); });
+
+        EXPECT_EQ(seen.result, -1);
+        EXPECT_EQ(seen.err, "values 0,1,2 not allowed for variables fd_in & fd_out\n");
+        EXPECT_EQ(seen.out, seen.err);
     }
+    EXPECT_EQ(forks.count(), 0);
 }
 
-TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreams)
+TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreamsAndTheExitCodeReturned)
 {
-    const Observed done = run_fd(-1, -1, helper, Orders({"out", "4", "say", "trouble", "exit", "7"}));
-
-    EXPECT_EQ(7, done.result);
-    EXPECT_EQ("trouble\n", done.err);
-    EXPECT_EQ("trouble\n", done.out);
-}
-
-TEST_F(ForkExecFd, LongErrorOutputIsPassedOnInPiecesOfUpTo4095Bytes)
-{
-    const Observed done = run_fd(-1, -1, helper, Orders({"err", "8190"}));
+    const char *const bad_address[] = {helper, reinterpret_cast<const char *>(1), nullptr};
+    const Orders talker({"out", "4", "say", "trouble", "exit", "7"});
+    const Orders long_talker({"err", "8190"});
+    const Orders silent({});
     std::string piece(4096, 'e');
+
     piece.back() = '\n';
 
-    EXPECT_EQ(0, done.result);
-    EXPECT_EQ(piece + piece, done.err);
-}
+    const struct {
+        const char *path;
+        const char *const *argv;
+        int result;
+        std::string reports;
+    } rows[] = {
+        {helper, talker, 7, "trouble\n"},
+        {helper, long_talker, 0, piece + piece},
+        {"/nonexistent/program", silent, 255, "Error occured during execv():\nNo such file or directory.\n"},
+        {helper, bad_address, 255,
+         "Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
+         "util_exec(path, arg1, arg2, NULL) call.\n"},
+    };
 
-TEST_F(ForkExecFd, ErrorOutputIsPassedOnAtOnce)
-{
-    int input[2];
-    int screen[2];
-    ASSERT_EQ(0, pipe2(input, O_CLOEXEC));
-    ASSERT_EQ(0, pipe2(screen, O_CLOEXEC));
-    const pid_t runner = fork();
-    if (runner == 0) {
-        close(input[1]);
-        dup2(screen[1], STDERR_FILENO);
-        _exit(fork_exec_fd(input[0], -1, helper, Orders({"say", "ready", "input", "exit", "9"})));
+    for (const auto &row : rows) {
+        const Observed seen = observe_fd(row.path, row.argv);
+
+        EXPECT_EQ(seen.result, row.result) << row.reports;
+        EXPECT_EQ(seen.err, row.reports);
+        EXPECT_EQ(seen.out, row.reports);
     }
-    char heard[6] = {};
-
-    EXPECT_EQ(5, read(screen[0], heard, 5)); /* the program still waits for its input */
-    EXPECT_STREQ("ready", heard);
-    for (int fd : {input[0], input[1], screen[0], screen[1]})
-        close(fd);
-    EXPECT_EQ(9 << 8, raw_status(runner));
-}
-
-TEST_F(ForkExecFd, DescriptorsBecomeTheStreamsAndNoOtherIsInherited)
-{
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    const Fd read_end(ends[0]);
-    Fd write_end(ends[1]);
-    const Fd null(open("/dev/null", O_RDWR));
-
-    EXPECT_EQ(0, fork_exec_fd(null.get(), write_end.get(), helper, Orders({"fds"})));
-    EXPECT_EQ(0, fcntl(write_end.get(), F_GETFD)) << "the caller's own stays open";
-    char list[256] = {};
-    EXPECT_GT(read(read_end.get(), list, sizeof list - 1), 0);
-    EXPECT_EQ(0U, std::string(list).find("0 1 2 /dev/null pipe:[")) << list;
-}
-
-TEST_F(ForkExecFd, MinusOneStandsForTheNullDevice)
-{
-    /* The list goes to standard output, so one stream is a file and the other is the null device. */
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    const Fd read_end(ends[0]);
-    const Fd write_end(ends[1]);
-    char list[256] = {};
-
-    EXPECT_EQ(0, fork_exec_fd(-1, write_end.get(), helper, Orders({"fds"})));
-    EXPECT_GT(read(read_end.get(), list, sizeof list - 1), 0);
-    EXPECT_EQ(0U, std::string(list).find("0 1 2 /dev/null ")) << list;
-    EXPECT_EQ(0, fork_exec_fd(-1, -1, helper, Orders({"out", "10"}))) << "has to have somewhere to write to";
-}
-
-TEST_F(ForkExecFd, MissingProgramIsToldWithADot)
-{
-    const Observed done = run_fd(-1, -1, "/nonexistent/program", Orders({}));
-
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("Error occured during execv():\nNo such file or directory.\n", done.err);
-}
-
-TEST_F(ForkExecFd, BadArgumentAddressIsToldWithItsLikelyReason)
-{
-    const char *const argv[] = {helper, reinterpret_cast<const char *>(1), nullptr};
-    const Observed done = run_fd(-1, -1, helper, argv);
-
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
-              "util_exec(path, arg1, arg2, NULL) call.\n",
-              done.err);
 }
 
 TEST_F(ForkExecFd, DescriptorThatIsNotOpenEndsTheChildWith255)
 {
-    const Observed done = run_fd(999, -1, helper, Orders({}));
+    const Observed seen = observe_fd(helper, Orders({}), 999);
 
-    EXPECT_EQ(255, done.result);
-    EXPECT_EQ("fork_execv: dup() failed: Bad file descriptor\n", done.err);
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_EQ(seen.err, "fork_execv: dup() failed: Bad file descriptor\n");
 }
 
-TEST_F(ForkExecFd, ProgramKilledBySignalIsReported)
+TEST_F(ForkExecFd, ErrorOutputIsPassedOnAtOnce)
 {
-    const Observed done = run_fd(-1, -1, helper, Orders({"signal", "9"}));
-    const long pid = number_after(done.err, "pid ");
+    Pipe input;
+    Pipe screen;
+    ASSERT_EQ(open_pipe(&input), 0);
+    ASSERT_EQ(open_pipe(&screen), 0);
+    const pid_t runner = fork();
+    if (runner == 0) {
+        input.write_end.reset();
+        dup2(screen.write_end.get(), STDERR_FILENO);
+        _exit(fork_exec_fd(input.read_end.get(), -1, helper, Orders({"say", "ready", "input", "exit", "9"})));
+    }
+    char heard[6] = {};
 
-    EXPECT_EQ(-1, done.result);
-    EXPECT_EQ("The child process with pid " + std::to_string(pid) + " killed by signal 9\n", done.err);
+    EXPECT_EQ(read(screen.read_end.get(), heard, 5), 5); /* the program still waits for its input */
+    EXPECT_STREQ(heard, "ready");
+    input = {};
+    screen = {};
+    EXPECT_EQ(raw_status(runner), 9 << 8);
 }
 
-TEST_F(ForkExecFd, StoppedProgramIsReportedAndLeftStopped)
+TEST_F(ForkExecFd, DescriptorsBecomeTheStreamsAndNoOtherIsInherited)
 {
-    const Observed done = run_fd(-1, -1, helper, Orders({"close", "2", "stop"}));
-    const long pid = number_after(done.err, "pid ");
+    const Fd zero(open("/dev/zero", O_RDWR));
 
-    end_process(pid);
-    EXPECT_EQ(-1, done.result);
-    EXPECT_EQ("The child process with pid " + std::to_string(pid) + " stopped by signal " +
-                  std::to_string(SIGSTOP) + "\n",
-              done.err);
+    for (const int fd_in : {zero.get(), -1}) {
+        Pipe pipe;
+        char list[256] = {};
+
+        ASSERT_EQ(open_pipe(&pipe), 0);
+        EXPECT_EQ(fork_exec_fd(fd_in, pipe.write_end.get(), helper, Orders({"fds"})), 0);
+        EXPECT_EQ(fcntl(pipe.write_end.get(), F_GETFD), 0) << "the caller's own stays open";
+        EXPECT_GT(read(pipe.read_end.get(), list, sizeof list - 1), 0);
+        EXPECT_EQ(std::string(list).find(fd_in < 0 ? "0 1 2 /dev/null pipe:[" : "0 1 2 /dev/zero pipe:["), 0U)
+            << list;
+    }
+    EXPECT_EQ(fork_exec_fd(-1, -1, helper, Orders({"out", "10"})), 0) << "has to have somewhere to write to";
+}
+
+TEST_F(ForkExecFd, KilledOrStoppedProgramIsReportedAndAStoppedOneLeftStopped)
+{
+    const Observed killed = observe_fd(helper, Orders({"signal", "9"}));
+    const Observed stopped = observe_fd(helper, Orders({"close", "2", "stop"}));
+    const long stopped_pid = number_after(stopped.err, "pid ");
+    const std::string report = "The child process with pid ";
+
+    end_process(stopped_pid);
+    EXPECT_EQ(killed.result, -1);
+    EXPECT_EQ(killed.err,
+              report + std::to_string(number_after(killed.err, "pid ")) + " killed by signal 9\n");
+    EXPECT_EQ(stopped.result, -1);
+    EXPECT_EQ(stopped.err,
+              report + std::to_string(stopped_pid) + " stopped by signal " + std::to_string(SIGSTOP) + '\n');
 }
 
 TEST_F(ForkExecFd, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
 {
-    EXPECT_EQ("3", in_child([] {
-                  close(0);
-                  close(1);
-                  return std::to_string(fork_exec_fd(-1, -1, helper, Orders({"out", "3", "exit", "3"})));
-              }));
+    for (int closed = 1; closed < 8; closed++) {
+        EXPECT_EQ(in_child([closed] {
+                      close_streams(closed);
+                      return std::to_string(fork_exec_fd(-1, -1, helper, Orders({"out", "3", "exit", "3"})));
+                  }),
+                  "3")
+            << "closed streams, as bits: " << closed;
+    }
+}
+
+TEST_F(ForkExecFd, FailedWaitIsReported)
+{
+    const Observed seen = observe([] {
+        const Fault fault(Call::waitpid, 1, ECHILD);
+        return fork_exec_fd(-1, -1, helper, Orders({}));
+    });
+    const long pid = number_after(seen.err, "pid: ");
+
+    EXPECT_EQ(seen.result, -1);
+    EXPECT_EQ(seen.err, "Error occured during waiting the child process with pid: " + std::to_string(pid) +
+                            ": No child processes\n\nSystem error 10: No child processes\n");
+    end_process(pid);
+}
+
+TEST_F(ForkExecFd, WordsForAProgramThatCannotBeExecutedAreOneWriteAndOneReport)
+{
+    const WritesShown shown;
+    const Observed seen = observe([] { return fork_exec_fd(-1, -1, "/nonexistent", Orders({})); });
+
+    EXPECT_EQ(seen.result, 255);
+    EXPECT_EQ(seen.err, "[Error occured during execv():\nNo such file or directory.\n]\n");
+}
+
+TEST_F(ForkExecFd, FailedReadIsToldAndTheProgramWaitedFor)
+{
+    const Fault fault(Call::read, 1, EIO);
+    const Observed seen = observe([] { return fork_exec_fd(-1, -1, helper, Orders({"exit", "6"})); });
+
+    EXPECT_EQ(seen.result, 6);
+    EXPECT_EQ(seen.err, "fork_exec*: read(pipe) failed: Input/output error\n");
 }
 
 } // namespace

@@ -17,9 +17,9 @@ namespace kolmo::testing
 
 const char *const helper = KOLMO_CHILD_HELPER;
 
-Orders::Orders(std::initializer_list<const char *> words) : argv_{helper}
+Orders::Orders(const std::vector<const char *> &words) : argv_{helper}
 {
-    argv_.insert(argv_.end(), words);
+    argv_.insert(argv_.end(), words.begin(), words.end());
     argv_.push_back(nullptr);
 }
 
@@ -55,6 +55,14 @@ void fill_descriptors(int first, int last)
     }
     if (source < first || source > last)
         close(source);
+}
+
+void close_streams(int bits)
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+        if ((bits & (1 << fd)) != 0)
+            (void)close(fd);
+    }
 }
 
 std::string in_child(const std::function<std::string()> &body)
@@ -117,8 +125,8 @@ ExecTest::ExecTest() : descriptors_(open_descriptors())
 ExecTest::~ExecTest()
 {
     alarm(0);
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)) << "a child is left";
-    EXPECT_EQ(descriptors_, open_descriptors());
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+    EXPECT_EQ(open_descriptors(), descriptors_);
 }
 
 } // namespace kolmo::testing

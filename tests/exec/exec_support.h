@@ -5,7 +5,6 @@
 #define KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
 
 #include <functional>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,7 @@ extern const char *const helper;
 class Orders
 {
 public:
-    Orders(std::initializer_list<const char *> words);
+    explicit Orders(const std::vector<const char *> &words);
     operator const char * const *() const { return argv_.data(); }
 
 private:
@@ -46,6 +45,9 @@ std::string open_descriptors(int end = 4096);
 
 /* Make every number from first to last an open descriptor. */
 void fill_descriptors(int first, int last);
+
+/* Close those of the standard streams whose bits are set. */
+void close_streams(int bits);
 
 /*
  * Run the body in a child process of its own, which may close and limit what it likes; its text comes back,

@@ -17,15 +17,9 @@ namespace kolmo::testing
 namespace
 {
 
-class OpenPipe : public ExecTest
-{
-};
-class ReadPipe : public ExecTest
-{
-};
-class ReadChunk : public ExecTest
-{
-};
+using OpenPipe = ExecTest;
+using ReadPipe = ExecTest;
+using ReadChunk = ExecTest;
 
 /* A buffer on a pipe that holds these bytes; the write end is closed. */
 CaptureBuffer filled(const std::string &bytes)
@@ -33,8 +27,8 @@ CaptureBuffer filled(const std::string &bytes)
     Pipe pipe;
     CaptureBuffer buffer;
 
-    EXPECT_EQ(0, open_pipe(&pipe));
-    EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(pipe.write_end.get(), bytes.data(), bytes.size()));
+    EXPECT_EQ(open_pipe(&pipe), 0);
+    EXPECT_EQ(write(pipe.write_end.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     buffer.read_end = std::move(pipe.read_end);
     return buffer;
 }
@@ -44,25 +38,29 @@ TEST_F(OpenPipe, EndsAreConnected)
     Pipe pipe;
     char byte = 0;
 
-    ASSERT_EQ(0, open_pipe(&pipe));
-    EXPECT_EQ(1, write(pipe.write_end.get(), "x", 1));
-    EXPECT_EQ(1, read(pipe.read_end.get(), &byte, 1));
-    EXPECT_EQ('x', byte);
+    ASSERT_EQ(open_pipe(&pipe), 0);
+    EXPECT_EQ(write(pipe.write_end.get(), "x", 1), 1);
+    EXPECT_EQ(read(pipe.read_end.get(), &byte, 1), 1);
+    EXPECT_EQ(byte, 'x');
 }
 
-TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosed)
+TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosedAndLeaveThemClosed)
 {
-    EXPECT_EQ("0 closed, 1 closed, ends above", in_child([] {
-                  close(0);
-                  close(1);
-                  Pipe pipe;
-                  if (open_pipe(&pipe) != 0)
-                      return std::string("failed");
-                  std::string seen = fcntl(0, F_GETFD) < 0 ? "0 closed, " : "0 open, ";
-                  seen += fcntl(1, F_GETFD) < 0 ? "1 closed, " : "1 open, ";
-                  const bool above = pipe.read_end.get() > 2 && pipe.write_end.get() > 2;
-                  return seen + (above ? "ends above" : "ends below");
-              }));
+    for (int closed = 1; closed < 8; closed++) {
+        EXPECT_EQ(in_child([closed] {
+                      Pipe pipe;
+                      close_streams(closed);
+                      const std::string before = open_descriptors(STDERR_FILENO + 1);
+                      if (open_pipe(&pipe) != 0)
+                          return std::string("failed");
+                      if (pipe.read_end.get() <= STDERR_FILENO || pipe.write_end.get() <= STDERR_FILENO)
+                          return std::string("an end below");
+                      return std::string(open_descriptors(STDERR_FILENO + 1) == before ? "above"
+                                                                                       : "a stream open");
+                  }),
+                  "above")
+            << "closed streams, as bits: " << closed;
+    }
 }
 
 TEST_F(ReadPipe, EmptyNonBlockingPipeIsNotAFailure)
@@ -71,12 +69,12 @@ TEST_F(ReadPipe, EmptyNonBlockingPipeIsNotAFailure)
     char byte = 0;
     std::size_t count = 1;
 
-    ASSERT_EQ(0, open_pipe(&pipe));
-    ASSERT_EQ(0, fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK));
+    ASSERT_EQ(open_pipe(&pipe), 0);
+    ASSERT_EQ(fcntl(pipe.read_end.get(), F_SETFL, O_NONBLOCK), 0);
     const Output shown = output_of([&] { count = read_pipe(&pipe.read_end, &byte, 1); });
-    EXPECT_EQ(0U, count);
+    EXPECT_EQ(count, 0U);
     EXPECT_TRUE(pipe.read_end.is_open());
-    EXPECT_EQ("", shown.err);
+    EXPECT_EQ(shown.err, "");
 }
 
 TEST_F(ReadPipe, EndOfFileClosesTheReadEnd)
@@ -84,7 +82,7 @@ TEST_F(ReadPipe, EndOfFileClosesTheReadEnd)
     CaptureBuffer buffer = filled("");
     char byte = 0;
 
-    EXPECT_EQ(0U, read_pipe(&buffer.read_end, &byte, 1));
+    EXPECT_EQ(read_pipe(&buffer.read_end, &byte, 1), 0U);
     EXPECT_FALSE(buffer.read_end.is_open());
 }
 
@@ -100,11 +98,11 @@ TEST_F(ReadPipe, FailureIsToldClosesTheReadEndAndClearsErrno)
         error = errno;
     });
 
-    EXPECT_EQ(0U, count);
-    EXPECT_EQ(0, error);
+    EXPECT_EQ(count, 0U);
+    EXPECT_EQ(error, 0);
     EXPECT_FALSE(folder.is_open());
-    EXPECT_EQ(-1, fcntl(number, F_GETFD));
-    EXPECT_EQ("fork_exec*: read(pipe) failed: Is a directory\n", shown.err);
+    EXPECT_EQ(fcntl(number, F_GETFD), -1);
+    EXPECT_EQ(shown.err, "fork_exec*: read(pipe) failed: Is a directory\n");
 }
 
 TEST_F(ReadChunk, CapacityGrowsBy4096OnceAndDoublesThenAsRoomRunsOut)
@@ -124,7 +122,7 @@ TEST_F(ReadChunk, CapacityGrowsBy4096OnceAndDoublesThenAsRoomRunsOut)
         buffer.capacity = row.capacity;
         buffer.length = row.length;
         read_chunk(&buffer);
-        EXPECT_EQ(row.grown, buffer.capacity) << row.capacity << ' ' << row.length;
+        EXPECT_EQ(buffer.capacity, row.grown) << row.capacity << ' ' << row.length;
     }
 }
 
@@ -133,9 +131,9 @@ TEST_F(ReadChunk, FillsTheFreeRoomButTheTerminatorsByte)
     CaptureBuffer buffer = filled(std::string(10000, 'x'));
 
     read_chunk(&buffer);
-    EXPECT_EQ(4095, buffer.length);
+    EXPECT_EQ(buffer.length, 4095);
     read_chunk(&buffer);
-    EXPECT_EQ(8191, buffer.length);
+    EXPECT_EQ(buffer.length, 8191);
 }
 
 TEST_F(ReadChunk, CountsThatWouldOverflowEndTheProcessAsMissingMemory)
@@ -155,11 +153,11 @@ TEST(ReleaseText, TerminatesAtTheFillLengthAndGivesNullForABufferNeverRead)
     CaptureBuffer never;
     CaptureBuffer read = filled("text");
 
-    EXPECT_EQ(nullptr, release_text(&never));
+    EXPECT_EQ(release_text(&never), nullptr);
     read_chunk(&read);
     const OwnedText text(release_text(&read));
-    EXPECT_STREQ("text", text.get());
-    EXPECT_EQ(nullptr, read.text);
+    EXPECT_STREQ(text.get(), "text");
+    EXPECT_EQ(read.text, nullptr);
 }
 
 } // namespace

@@ -12,15 +12,12 @@
 #include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
-#include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 HandlerRecord global_handler(const char *address)
 {
@@ -308,43 +305,6 @@ TEST_F(InsertAction, CallersConnectionIsUsedAndLeftOpen)
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
 }
 
-TEST_F(InsertAction, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-    HandlerRecord record = handler("spam", "a@d.test");
-
-    EXPECT_EQ(handlers_db_insert_action(&closed, &record), -1);
-    EXPECT_EQ(log.take_one(), unprepared(insert_sql));
-}
-
-TEST_F(InsertAction, StatementThatCannotBePreparedClosesTheCallersConnection)
-{
-    StoreConnection connection = store.open();
-    HandlerRecord record = handler("spam", "a@d.test");
-
-    store.execute("DROP TABLE handlers");
-    EXPECT_EQ(handlers_db_insert_action(&connection, &record), -1);
-    EXPECT_EQ(log.take_one(), unprepared(insert_sql, "no such table: handlers"));
-    EXPECT_FALSE(connection.is_open());
-}
-
-TEST_F(InsertAction, StoreThatCannotBeOpenedIsReported)
-{
-    const std::string path = store.folder().path();
-    handlers_db_set_path(path.c_str());
-
-    EXPECT_EQ(insert(handler("spam", "a@d.test")), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
-}
-
-TEST_F(InsertAction, WaitsForAnotherProcess)
-{
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(insert(handler("spam", "a@d.test")), 0);
-    EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
-}
-
 TEST_F(DeleteAction, AddressRemovesThatOneHandler)
 {
     EXPECT_EQ(remove(handler("spam", "a@d.test")), 0);
@@ -474,18 +434,6 @@ TEST_F(DeleteAction, CallersConnectionIsUsedAndLeftOpen)
     }
 }
 
-TEST_F(DeleteAction, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-    OwnRecord everywhere(handler("spam", "all"));
-    OwnRecord one(handler("spam", "a@d.test"));
-
-    EXPECT_EQ(handlers_db_delete_action(&closed, everywhere.get()), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_everywhere_sql));
-    EXPECT_EQ(handlers_db_delete_action(&closed, one.get()), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_one_sql));
-}
-
 TEST_F(DeleteAction, RefusedDeleteIsReportedAndLeavesTheCallersConnectionOpen)
 {
     store.execute("CREATE TRIGGER no_delete BEFORE DELETE ON handlers BEGIN SELECT RAISE(ABORT, 'no'); END");
@@ -499,23 +447,6 @@ TEST_F(DeleteAction, RefusedDeleteIsReportedAndLeavesTheCallersConnectionOpen)
         EXPECT_TRUE(connection.is_open());
     }
     EXPECT_EQ(store.handlers(), everything);
-}
-
-TEST_F(DeleteAction, StoreThatCannotBeOpenedIsReported)
-{
-    const std::string path = store.folder().path();
-    handlers_db_set_path(path.c_str());
-
-    EXPECT_EQ(remove(handler("spam", "all")), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
-}
-
-TEST_F(DeleteAction, WaitsForAnotherProcess)
-{
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(remove(handler("spam", "all")), 0);
-    EXPECT_EQ(store.handlers(), virus_only);
 }
 
 TEST_F(RunActions, AppliesTheActionFromTheHeadOfTheList)
@@ -544,17 +475,6 @@ TEST_F(RunActions, ActionsGetTheDriversConnectionWhenThereIsNoCallers)
     ASSERT_EQ(connections.size(), 2U);
     EXPECT_NE(connections[0], nullptr);
     EXPECT_EQ(connections[0], connections[1]);
-}
-
-TEST_F(RunActions, InsertsAreCommittedAndTheCallersConnectionStaysOpen)
-{
-    StoreConnection connection = store.open();
-
-    append(handler("A", "a@d.test"));
-    append(handler("B", "a@d.test"));
-    EXPECT_EQ(handlers_db_run_actions(list.get(), &connection, handlers_db_insert_action), 0);
-    EXPECT_EQ(store.handlers(), (Lines{"a@d.test A", "a@d.test B"}));
-    EXPECT_NE(sqlite3_get_autocommit(connection.get()), 0);
 }
 
 TEST_F(RunActions, DeletesAreCommitted)
@@ -677,55 +597,6 @@ TEST_F(RunActions, ActionThatEndsTheTransactionMakesTheEndFail)
     EXPECT_FALSE(connection.is_open());
 }
 
-TEST_F(RunActions, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-
-    append(handler("A", "a@d.test"));
-    EXPECT_EQ(handlers_db_run_actions(list.get(), &closed, note_action), -1);
-    EXPECT_EQ(log.take_one(), unprepared("BEGIN TRANSACTION;"));
-    EXPECT_TRUE(called.empty());
-}
-
-TEST_F(RunActions, StoreThatCannotBeOpenedIsReportedAndNothingIsDone)
-{
-    const std::string path = store.folder().path();
-    handlers_db_set_path(path.c_str());
-
-    append(handler("A", "a@d.test"));
-    EXPECT_EQ(handlers_db_run_actions(list.get(), nullptr, note_action), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
-    EXPECT_TRUE(called.empty());
-}
-
-TEST_F(RunActions, MissingStoreIsCreated)
-{
-    store.remove();
-    EXPECT_EQ(handlers_db_run_actions(list.get(), nullptr, handlers_db_insert_action), 0);
-    EXPECT_TRUE(store.exists());
-}
-
-TEST_F(RunActions, WaitsForAnotherProcess)
-{
-    const OtherProcessLock lock(store.path(), 300);
-
-    append(handler("A", "a@d.test"));
-    append(handler("B", "a@d.test"));
-    EXPECT_EQ(handlers_db_run_actions(list.get(), nullptr, handlers_db_insert_action), 0);
-    EXPECT_EQ(store.rows().size(), 2U);
-}
-
-TEST_F(RunActions, WaitsForAnotherProcessOnTheCallersConnectionToo)
-{
-    const OtherProcessLock lock(store.path(), 300);
-    StoreConnection connection = store.open();
-
-    append(handler("A", "a@d.test"));
-    EXPECT_EQ(handlers_db_run_actions(list.get(), &connection, handlers_db_insert_action), 0);
-    EXPECT_TRUE(connection.is_open());
-    EXPECT_EQ(store.handlers(), Lines{"a@d.test A"});
-}
-
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

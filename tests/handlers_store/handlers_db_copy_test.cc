@@ -10,15 +10,12 @@
 #include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
-#include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 class Copy : public HandlersStoreTest
 {
@@ -254,47 +251,6 @@ TEST_F(Copy, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
     EXPECT_TRUE(connection.is_open());
 }
 
-TEST_F(Copy, CallersConnectionIsUsedForReadAndWriteAndLeftOpen)
-{
-    sqlite3 *memory = nullptr;
-
-    ASSERT_EQ(sqlite3_open(":memory:", &memory), SQLITE_OK);
-    StoreConnection connection(memory);
-    ASSERT_EQ(
-        sqlite3_exec(memory,
-                     "CREATE TABLE handlers (queue, type, enabled, priority, name, address, executable, "
-                     "context, protected);"
-                     "INSERT INTO handlers VALUES (2, 1, 1, 10, 'spam', 'a@d.test', '/hook', 'none', 0)",
-                     nullptr, nullptr, nullptr),
-        SQLITE_OK);
-    EXPECT_EQ(handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test"), 0);
-    EXPECT_EQ(sqlite3_total_changes(memory), 2);
-    EXPECT_TRUE(connection.is_open());
-    EXPECT_NE(sqlite3_get_autocommit(memory), 0);
-    EXPECT_TRUE(store.rows().empty());
-}
-
-TEST_F(Copy, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-
-    EXPECT_EQ(handlers_db_copy(&closed, "a", "d.test", "x", "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(copy_mailbox_sql));
-    EXPECT_EQ(handlers_db_copy(&closed, "a", "d.test", nullptr, "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(copy_mailbox_sql));
-    EXPECT_EQ(handlers_db_copy(&closed, nullptr, "d.test", nullptr, "t.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(copy_domain_sql));
-}
-
-TEST_F(Copy, StoreThatCannotBeOpenedIsReported)
-{
-    const std::string path = store.folder().path();
-    handlers_db_set_path(path.c_str());
-
-    EXPECT_EQ(copy_domain("d.test", "t.test"), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
-}
-
 /* Inside a transaction of the caller's the driver cannot begin its own. */
 TEST_F(Copy, FailedBatchIsReportedByTheDriverAndThenByTheCopy)
 {
@@ -308,15 +264,6 @@ TEST_F(Copy, FailedBatchIsReportedByTheDriverAndThenByTheCopy)
                      not_added}));
     EXPECT_FALSE(connection.is_open());
     EXPECT_EQ(store.rows().size(), 1U);
-}
-
-TEST_F(Copy, WaitsForAnotherProcess)
-{
-    add("spam", "a@d.test");
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(copy_domain("d.test", "t.test"), 0);
-    EXPECT_EQ(store.handlers(), (Lines{"a@d.test spam", "a@t.test spam"}));
 }
 
 TEST_F(Copy, AddressOf501CharactersIsCopied)
@@ -379,4 +326,4 @@ TEST_F(Copy, BareDomainWithATargetOf502CharactersEndsTheProcess)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

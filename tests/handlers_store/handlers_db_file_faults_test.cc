@@ -12,13 +12,11 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 /* Logs, and leaves an errno behind, as syslog may. */
 [[gnu::format(printf, 2, 3)]] void log_and_spoil_errno(int priority, const char *format, ...)
@@ -263,4 +261,4 @@ TEST_F(MakeDirsFaults, FailedDirnameIsReportedWithThePathAndErrnoKept)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -14,13 +14,11 @@
 #include "tests/support/sandbox.h"
 #include "tests/support/temp_dir.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 namespace fs = std::filesystem;
 
@@ -208,4 +206,4 @@ TEST_F(CreateInSandbox, TwoProcessesAtOnceLeaveOneStoreWithWhatItsMakerWrote)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -10,13 +10,11 @@
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 namespace fs = std::filesystem;
 
@@ -151,4 +149,4 @@ TEST_F(HandlersDbFile, StoreThatCannotBeOpenedIsReported)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -6,15 +6,12 @@
 #include "handlers_store/handlers_db.h"
 #include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/handlers_store_fixture.h"
-#include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 class Remove : public HandlersStoreTest
 {
@@ -26,39 +23,12 @@ protected:
         store.execute(
             "CREATE TRIGGER no_delete BEFORE DELETE ON handlers BEGIN SELECT RAISE(ABORT, 'no'); END");
     }
-
-    /* On an open one it removes the handler, on a closed one it fails at its statement. */
-    void expect_works_on_callers_connection(int (*remove)(StoreConnection *, const char *),
-                                            const char *address_or_name, const char *sql)
-    {
-        StoreConnection connection = store.open();
-        StoreConnection closed;
-
-        add("spam", "a@d.test");
-        EXPECT_EQ(remove(&connection, address_or_name), 0);
-        EXPECT_EQ(sqlite3_changes(connection.get()), 1);
-        EXPECT_EQ(remove(&closed, address_or_name), -1);
-        EXPECT_EQ(log.take_one(), unprepared(sql));
-    }
-
-    std::string unopenable() const { return store.folder().path(); }
 };
 
-class ExecWithParam : public Remove
-{
-};
-
-class RemoveByAddress : public Remove
-{
-};
-
-class RemoveByName : public Remove
-{
-};
-
-class RemoveDomain : public Remove
-{
-};
+using ExecWithParam = Remove;
+using RemoveByAddress = Remove;
+using RemoveByName = Remove;
+using RemoveDomain = Remove;
 
 TEST_F(ExecWithParam, RunsTheStatementWithItsParameter)
 {
@@ -94,15 +64,6 @@ TEST_F(ExecWithParam, StatementWithoutParameterCannotBeBoundAndClosesTheCallersC
     EXPECT_EQ(store.rows().size(), 1U);
 }
 
-TEST_F(ExecWithParam, StatementThatCannotBePreparedClosesTheCallersConnection)
-{
-    StoreConnection connection = store.open();
-
-    EXPECT_EQ(handlers_db_exec_with_param(&connection, "DELETE FROM missing WHERE x=?", "x"), -1);
-    EXPECT_EQ(log.take_one(), unprepared("DELETE FROM missing WHERE x=?", "no such table: missing"));
-    EXPECT_FALSE(connection.is_open());
-}
-
 TEST_F(ExecWithParam, RefusedStatementIsReportedAndLeavesTheCallersConnectionOpen)
 {
     add("spam", "a@d.test");
@@ -121,51 +82,6 @@ TEST_F(ExecWithParam, StatementThatGivesARowHasFailed)
     add("spam", "a@d.test");
     EXPECT_EQ(handlers_db_exec_with_param(nullptr, "SELECT * FROM handlers WHERE name=?", "spam"), -1);
     EXPECT_EQ(log.take_one().rfind("3 Unable to execute do action on handlers database: ", 0), 0U);
-}
-
-TEST_F(ExecWithParam, CallersConnectionIsUsedAndLeftOpen)
-{
-    StoreConnection connection = store.open();
-
-    add("spam", "a@d.test");
-    ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
-    EXPECT_EQ(handlers_db_exec_with_param(&connection, delete_by_name_sql, "spam"), 0);
-    EXPECT_EQ(store.rows().size(), 1U) << "not in the caller's transaction";
-    EXPECT_TRUE(connection.is_open());
-}
-
-TEST_F(ExecWithParam, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-
-    EXPECT_EQ(handlers_db_exec_with_param(&closed, delete_by_name_sql, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql));
-}
-
-TEST_F(ExecWithParam, StoreThatCannotBeOpenedIsReported)
-{
-    const std::string path = unopenable();
-    handlers_db_set_path(path.c_str());
-
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": unable to open database file");
-}
-
-TEST_F(ExecWithParam, MissingStoreIsCreatedWithoutItsTable)
-{
-    store.remove();
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(delete_by_name_sql, "no such table: handlers"));
-    EXPECT_TRUE(store.exists());
-}
-
-TEST_F(ExecWithParam, WaitsForAnotherProcess)
-{
-    add("spam", "a@d.test");
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(handlers_db_exec_with_param(nullptr, delete_by_name_sql, "spam"), 0);
-    EXPECT_TRUE(store.rows().empty());
 }
 
 TEST_F(RemoveByAddress, RemovesEveryHandlerOfTheAddress)
@@ -193,11 +109,6 @@ TEST_F(RemoveByAddress, AllIsNoWildcard)
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
 }
 
-TEST_F(RemoveByAddress, WorksOnTheCallersConnection)
-{
-    expect_works_on_callers_connection(handlers_db_remove_by_address, "a@d.test", delete_by_address_sql);
-}
-
 TEST_F(RemoveByName, RemovesTheHandlerOfEveryAddressQueueAndType)
 {
     HandlerRecord queue = handler("autoresponder", "a@d.test"), type = queue;
@@ -219,11 +130,6 @@ TEST_F(RemoveByName, NameIsComparedExactly)
     for (const char *name : {"Spam", "spa", "spam ", "%", ""})
         EXPECT_EQ(handlers_db_remove_by_name(nullptr, name), 0);
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
-}
-
-TEST_F(RemoveByName, WorksOnTheCallersConnection)
-{
-    expect_works_on_callers_connection(handlers_db_remove_by_name, "spam", delete_by_name_sql);
 }
 
 TEST_F(RemoveDomain, RemovesTheHandlersOfTheDomainAndItsMailboxesOnly)
@@ -290,22 +196,6 @@ TEST_F(RemoveDomain, DomainWithoutHandlersIsASuccess)
     EXPECT_EQ(store.handlers(), Lines{"a@d.test spam"});
 }
 
-TEST_F(RemoveDomain, MissingStoreIsReportedOnceAndNotCreated)
-{
-    store.remove();
-    EXPECT_EQ(handlers_db_remove_domain(nullptr, "d.test"), -1);
-    EXPECT_EQ(log.take_one(),
-              "3 Unable to open database(readonly) " + store.path() + ": unable to open database file");
-    EXPECT_FALSE(store.exists());
-}
-
-TEST_F(RemoveDomain, FailedReadIsReportedTwice)
-{
-    store.execute("DROP TABLE handlers");
-    EXPECT_EQ(handlers_db_remove_domain(nullptr, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql, "no such table: handlers"), no_list}));
-}
-
 TEST_F(RemoveDomain, ReadThatFailsLaterIsReportedTwiceAndLeavesTheCallersConnectionOpen)
 {
     store.make_unreadable();
@@ -315,35 +205,6 @@ TEST_F(RemoveDomain, ReadThatFailsLaterIsReportedTwiceAndLeavesTheCallersConnect
     EXPECT_EQ(log.take(),
               (Lines{"3 Unable to select data from handlers database: integer overflow", no_list}));
     EXPECT_TRUE(connection.is_open());
-}
-
-TEST_F(RemoveDomain, FailedReadOnTheCallersConnectionClosesItAndIsReportedTwice)
-{
-    StoreConnection connection = store.open();
-
-    store.execute("DROP TABLE handlers");
-    EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql, "no such table: handlers"), no_list}));
-    EXPECT_FALSE(connection.is_open());
-}
-
-TEST_F(RemoveDomain, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-
-    EXPECT_EQ(handlers_db_remove_domain(&closed, "d.test"), -1);
-    EXPECT_EQ(log.take(), (Lines{unprepared(select_domain_sql), no_list}));
-}
-
-TEST_F(RemoveDomain, CallersConnectionIsUsedAndLeftOpen)
-{
-    StoreConnection connection = store.open();
-
-    add("spam", "a@d.test");
-    EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), 0);
-    EXPECT_EQ(sqlite3_total_changes(connection.get()), 1);
-    EXPECT_TRUE(connection.is_open());
-    EXPECT_TRUE(store.rows().empty());
 }
 
 TEST_F(RemoveDomain, RefusedDeletesAreReportedAndDoNotStopTheOthers)
@@ -371,15 +232,6 @@ TEST_F(RemoveDomain, FailedBatchIsReportedByTheDriverAndThenWithTheCopysMessage)
     EXPECT_EQ(store.rows().size(), 1U);
 }
 
-TEST_F(RemoveDomain, WaitsForAnotherProcess)
-{
-    add("spam", "a@d.test");
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(handlers_db_remove_domain(nullptr, "d.test"), 0);
-    EXPECT_TRUE(store.rows().empty());
-}
-
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -1,20 +1,17 @@
 #include <string>
 
-#include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
 #include "tests/handlers_store/handlers_sweep.h"
-#include "tests/handlers_store/handlers_texts.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using namespace testing;
-
-/* Two rows for each of the selects; what is left is the list. */
+/* Two rows for each of the selects; looked at is the list. */
 class SelectFaults : public HandlersSweep
 {
 protected:
@@ -32,132 +29,51 @@ protected:
         store.add(second);
     }
 
-    Lines left() override { return texts_of(list); }
+    Lines contents() override { return texts_of(list); }
 
-    /* Three steps, for two rows and the end, and the close. */
-    FaultTable steps_and_close(const std::string &message) const
+    /*
+     * Three steps, for two rows and the end, and the close.  A failed pause after a step leaves its row
+     * unread; a busy step is reset, whichever it was: the select starts over, and the list keeps what it had.
+     */
+    void sweep(const FaultTable &start, const std::string &message, const Operation &select)
     {
-        return {step_row(message, -1, none), step_row(message, -1, one), step_row(message, -1, both),
-                close_row(both)};
-    }
-
-    /* A failed pause after a step leaves its row unread. */
-    void sweep_pauses(const Operation &operation)
-    {
-        sweep_own_pauses({none, none, one, both, both}, operation);
-        sweep_callers_pauses({none, none, one, both}, operation);
-    }
-
-    /* A busy step is reset, whichever it was: the select starts over, and the list keeps what it had. */
-    void sweep_busy_calls(const Operation &operation)
-    {
-        const Lines first_twice = {both[0], both[1], both[1]};
-        const Lines both_twice = {both[0], both[1], both[0], both[1]};
-
-        sweep_own_busy_calls({both, both, first_twice, both_twice, both}, operation);
+        sweep_calls(open_to_read_row({}) + start + step_row(message, -1, {}) + step_row(message, -1, one) +
+                        step_row(message, -1, both) + close_row(both),
+                    select);
+        sweep_pauses({{}, {}, one, both, both}, select);
+        sweep_busy_calls(
+            {both, both, {both[0], both[1], both[1]}, {both[0], both[1], both[0], both[1]}, both}, select);
     }
 
     HandlerList list = {};
-    const Lines none = {};
     Lines one = {"2|1|1|10|first|d.test|/hook|none|0"};
     Lines both = {"2|1|1|5|second|d.test|/hook|none|0", "2|1|1|10|first|d.test|/hook|none|0"};
 };
 
-class SelectToRunFaults : public SelectFaults
+TEST_F(SelectFaults, SelectToRunFailsInItsOwnWayAtEveryCallAndPause)
 {
-protected:
-    SelectToRunFaults()
-    {
-        one = {"2|1|1|0|first|d.test|/hook|none|0"};
-        both = {"2|1|1|0|second|d.test|/hook|none|0", "2|1|1|0|first|d.test|/hook|none|0"};
+    one = {"2|1|1|0|first|d.test|/hook|none|0"};
+    both = {"2|1|1|0|second|d.test|/hook|none|0", "2|1|1|0|first|d.test|/hook|none|0"};
+    sweep(handlers_statement(select_to_run_sql,
+                             {{"queue", "2"}, {"type", "1"}, {"enabled", "1"}, {"address", "'d.test'"}}, {}),
+          "Unable to get data from mail handlers database: ", [this](StoreConnection *connection) {
+              const HandlerRecord filter = handler("any", "d.test");
+
+              return handlers_db_select_to_run(connection, &list, &filter);
+          });
+}
+
+TEST_F(SelectFaults, BothSelectsByAddressFailInTheirOwnWayAtEveryCallAndPause)
+{
+    for (const bool exact : {true, false}) {
+        sweep(handlers_statement(exact ? select_exact_sql : select_domain_sql, {{"address", "'d.test'"}}, {}),
+              "Unable to select data from handlers database: ", [&](StoreConnection *connection) {
+                  return handlers_db_select_by_address(connection, &list, exact ? "d.test" : "a@d.test",
+                                                       exact);
+              });
     }
-
-    const Operation select = [this](StoreConnection *connection) {
-        const HandlerRecord filter = handler("any", "d.test");
-
-        return handlers_db_select_to_run(connection, &list, &filter);
-    };
-};
-
-class SelectByAddressFaults : public SelectFaults
-{
-protected:
-    FaultTable table(const char *sql) const
-    {
-        return FaultTable{open_to_read_row(none)} + statement_rows(sql, {{"address", "'d.test'"}}, none) +
-               steps_and_close("Unable to select data from handlers database: ");
-    }
-
-    const Operation select_exact = [this](StoreConnection *connection) {
-        return handlers_db_select_by_address(connection, &list, "d.test", true);
-    };
-    const Operation select_domain = [this](StoreConnection *connection) {
-        return handlers_db_select_by_address(connection, &list, "a@d.test", false);
-    };
-};
-
-TEST_F(SelectToRunFaults, EveryCallFailsOnce)
-{
-    const Bound bound = {{"queue", "2"}, {"type", "1"}, {"enabled", "1"}, {"address", "'d.test'"}};
-
-    sweep_calls(FaultTable{open_to_read_row(none)} + statement_rows(select_to_run_sql, bound, none) +
-                    steps_and_close("Unable to get data from mail handlers database: "),
-                select);
-}
-
-TEST_F(SelectToRunFaults, EveryPauseFailsOnce)
-{
-    sweep_pauses(select);
-}
-
-TEST_F(SelectToRunFaults, EveryCallIsBusyTwice)
-{
-    sweep_busy_calls(select);
-}
-
-TEST_F(SelectToRunFaults, StoreIsOpenedForReadingOnly)
-{
-    fill();
-    SqliteFaults faults;
-
-    EXPECT_EQ(select(nullptr), 0);
-    EXPECT_EQ(faults.calls().at(0), "open_v2 " + store.path() + ' ' + std::to_string(SQLITE_OPEN_READONLY));
-    EXPECT_EQ(faults.calls().at(1), "busy_timeout 50");
-}
-
-TEST_F(SelectByAddressFaults, EveryCallFailsOnceInTheExactForm)
-{
-    sweep_calls(table(select_exact_sql), select_exact);
-}
-
-TEST_F(SelectByAddressFaults, EveryCallFailsOnceInTheDomainForm)
-{
-    sweep_calls(table(select_domain_sql), select_domain);
-}
-
-TEST_F(SelectByAddressFaults, EveryPauseFailsOnce)
-{
-    sweep_pauses(select_exact);
-    sweep_pauses(select_domain);
-}
-
-TEST_F(SelectByAddressFaults, EveryCallIsBusyTwice)
-{
-    sweep_busy_calls(select_exact);
-    sweep_busy_calls(select_domain);
-}
-
-TEST_F(SelectByAddressFaults, StoreIsOpenedForReadingOnly)
-{
-    fill();
-    SqliteFaults faults;
-
-    EXPECT_EQ(select_exact(nullptr), 0);
-    EXPECT_EQ(select_domain(nullptr), 0);
-    EXPECT_EQ(faults.count("open_v2 " + store.path() + ' ' + std::to_string(SQLITE_OPEN_READONLY)), 2);
-    EXPECT_EQ(faults.count("open"), 0);
 }
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -10,15 +10,12 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/killed_writer.h"
-#include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 Lines sorted(Lines lines)
 {
@@ -300,47 +297,6 @@ TEST_F(SelectToRun, RowThatCannotBeKeptLeavesTheCallersConnectionOpen)
     EXPECT_TRUE(connection.is_open());
 }
 
-TEST_F(SelectToRun, CallersConnectionIsUsedAndLeftOpen)
-{
-    StoreConnection connection = store.open();
-    const HandlerRecord wanted = filter("a@d.test");
-
-    ASSERT_EQ(
-        sqlite3_exec(
-            connection.get(),
-            "BEGIN; INSERT INTO handlers VALUES (2, 1, 1, 10, 'unseen', 'a@d.test', '/hook', 'none', 0)",
-            nullptr, nullptr, nullptr),
-        SQLITE_OK);
-    EXPECT_EQ(handlers_db_select_to_run(&connection, list.get(), &wanted), 0);
-    EXPECT_EQ(found(), Lines{"a@d.test unseen"});
-    EXPECT_TRUE(connection.is_open());
-}
-
-TEST_F(SelectToRun, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-    const HandlerRecord wanted = filter("a@d.test");
-
-    EXPECT_EQ(handlers_db_select_to_run(&closed, list.get(), &wanted), -1);
-    EXPECT_EQ(log.take_one(), unprepared(select_to_run_sql));
-}
-
-TEST_F(SelectToRun, MissingStoreIsReportedAndNotCreated)
-{
-    store.remove();
-    EXPECT_EQ(select(filter("a@d.test")), -1);
-    EXPECT_EQ(log.take_one(),
-              "3 Unable to open database(readonly) " + store.path() + ": unable to open database file");
-    EXPECT_FALSE(store.exists());
-}
-
-TEST_F(SelectToRun, FileWithoutTheTableCannotBePrepared)
-{
-    store.execute("DROP TABLE handlers");
-    EXPECT_EQ(select(filter("a@d.test")), -1);
-    EXPECT_EQ(log.take_one(), unprepared(select_to_run_sql, "no such table: handlers"));
-}
-
 TEST_F(SelectToRun, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
 {
     const HandlerRecord wanted = filter("d.test");
@@ -350,15 +306,6 @@ TEST_F(SelectToRun, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnecti
     EXPECT_EQ(handlers_db_select_to_run(&connection, list.get(), &wanted), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to get data from mail handlers database: integer overflow");
     EXPECT_TRUE(connection.is_open());
-}
-
-TEST_F(SelectToRun, WaitsForAnotherProcess)
-{
-    add("spam", "a@d.test");
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(select(filter("a@d.test")), 0);
-    EXPECT_EQ(found(), Lines{"a@d.test spam"});
 }
 
 TEST_F(SelectByDomain, FindsTheDomainsMailboxesAndTheDomainItself)
@@ -378,20 +325,6 @@ TEST_F(SelectByDomain, DomainIsWhatFollowsTheFirstAtSign)
     add("odd", "x@y@d.test");
     EXPECT_EQ(select_domain("z@y@d.test"), 0);
     EXPECT_EQ(found(), Lines{"x@y@d.test odd"});
-}
-
-TEST_F(SelectByDomain, OwnFunctionIsTheDomainForm)
-{
-    EXPECT_EQ(handlers_db_select_by_domain(nullptr, list.get(), "a@d.test"), 0);
-    EXPECT_EQ(sorted(found()), own_handlers);
-}
-
-TEST_F(SelectByDomain, OwnFunctionUsesTheCallersConnection)
-{
-    StoreConnection closed;
-
-    EXPECT_EQ(handlers_db_select_by_domain(&closed, list.get(), "d.test"), -1);
-    EXPECT_EQ(log.take_one(), unprepared(select_domain_sql));
 }
 
 /* LIKE takes either case and knows wildcards; the rows' own domains, compared byte for byte, do not. */
@@ -513,42 +446,6 @@ TEST_F(SelectByAddress, RowThatCannotBeKeptLeavesTheCallersConnectionOpen)
     EXPECT_TRUE(connection.is_open());
 }
 
-TEST_F(SelectByAddress, CallersConnectionIsUsedAndLeftOpen)
-{
-    StoreConnection connection = store.open();
-
-    ASSERT_EQ(sqlite3_exec(
-                  connection.get(),
-                  "BEGIN; INSERT INTO handlers VALUES (2, 1, 1, 10, 'unseen', 'd.test', '/hook', 'none', 0)",
-                  nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    EXPECT_EQ(handlers_db_select_by_address(&connection, list.get(), "d.test", true), 0);
-    EXPECT_EQ(handlers_db_select_by_address(&connection, list.get(), "d.test", false), 0);
-    EXPECT_EQ(found(), (Lines{"d.test unseen", "d.test unseen"}));
-    EXPECT_TRUE(connection.is_open());
-}
-
-TEST_F(SelectByAddress, ClosedConnectionFailsCleanly)
-{
-    StoreConnection closed;
-
-    EXPECT_EQ(handlers_db_select_by_address(&closed, list.get(), "d.test", true), -1);
-    EXPECT_EQ(log.take_one(), unprepared(select_exact_sql));
-    EXPECT_EQ(handlers_db_select_by_address(&closed, list.get(), "d.test", false), -1);
-    EXPECT_EQ(log.take_one(), unprepared(select_domain_sql));
-}
-
-TEST_F(SelectByAddress, MissingStoreIsReportedAndNotCreated)
-{
-    store.remove();
-    for (const bool exact : {true, false}) {
-        EXPECT_EQ(handlers_db_select_by_address(nullptr, list.get(), "d.test", exact), -1);
-        EXPECT_EQ(log.take_one(),
-                  "3 Unable to open database(readonly) " + store.path() + ": unable to open database file");
-    }
-    EXPECT_FALSE(store.exists());
-}
-
 /* SQLite would have to roll it back first, and a select opens the store for reading only. */
 TEST_F(SelectByAddress, JournalOfAKilledWriterIsAFailureUntilSomebodyWrites)
 {
@@ -574,15 +471,6 @@ TEST_F(SelectByAddress, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConn
     }
 }
 
-TEST_F(SelectByAddress, WaitsForAnotherProcess)
-{
-    add("spam", "d.test");
-    const OtherProcessLock lock(store.path(), 300);
-
-    EXPECT_EQ(select_domain("d.test"), 0);
-    EXPECT_EQ(found(), Lines{"d.test spam"});
-}
-
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

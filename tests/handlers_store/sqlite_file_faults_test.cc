@@ -1,57 +1,49 @@
+/* Creating a store: failing calls and pauses; what else can fail is in handlers_db_file_faults_test.cc. */
+#include "handlers_store/sqlite_file.h"
+
 #include <string>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "handlers_store/sqlite_file.h"
+#include "handlers_store/handlers_db.h"
 #include "tests/handlers_store/handlers_sweep.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using namespace testing;
-
 constexpr const char *script = "BEGIN TRANSACTION;CREATE TABLE t (x);COMMIT;";
 
-/* Starts without a file; what is left are the tables. */
+/* Starts without a file; looked at are the tables. */
 class SqliteDbRecreateFaults : public HandlersSweep
 {
 protected:
     void fill() override { (void)unlink(store.path().c_str()); }
 
-    Lines left() override { return store.exists() ? store.query("SELECT name FROM sqlite_master") : Lines{}; }
+    Lines contents() override
+    {
+        return store.exists() ? store.query("SELECT name FROM sqlite_master") : Lines{};
+    }
 
     const Operation recreate = [this](StoreConnection *) {
         return sqlite_db_recreate(store.path().c_str(), script, "test store");
     };
-    const Lines before = {};
     const Lines after = {"t"};
 };
 
-TEST_F(SqliteDbRecreateFaults, EveryCallFailsOnce)
+/* SQLite's text of a refused attempt goes, and the leak checker looks whether it does. */
+TEST_F(SqliteDbRecreateFaults, FailsInItsOwnWayAtEveryCallAndPause)
 {
-    sweep_own_calls({open_row(before),
-                     {std::string("exec ") + script,
-                      {"3 Unable to re-create test store database: refused by the test"},
-                      -1,
-                      Connection::closed,
-                      before},
-                     close_row(after)},
+    sweep_own_calls(open_row({}) +
+                        open_after(std::string("exec ") + script,
+                                   "Unable to re-create test store database: refused by the test", -1,
+                                   Connection::closed, {}) +
+                        close_row(after),
                     recreate);
-}
-
-TEST_F(SqliteDbRecreateFaults, EveryPauseFailsOnce)
-{
     sweep_own_pauses({after, after}, recreate);
-}
-
-/* SQLite's text of the refused attempts goes, and the leak checker looks whether it does. */
-TEST_F(SqliteDbRecreateFaults, EveryCallIsBusyTwice)
-{
-    sweep_own_busy_calls({after, after}, recreate);
+    sweep_busy_calls({after, after}, recreate);
 }
 
 TEST_F(SqliteDbRecreateFaults, BusyTimeoutIsSetBeforeTheScriptRuns)
@@ -64,6 +56,19 @@ TEST_F(SqliteDbRecreateFaults, BusyTimeoutIsSetBeforeTheScriptRuns)
               (Lines{"open " + store.path(), "busy_timeout 50", std::string("exec ") + script, "close"}));
 }
 
+/* Its connection is still open, perhaps with a transaction: the file is not this process's to remove. */
+TEST_F(SqliteDbRecreateFaults, FailedPauseOfTheSchemaLeavesTheFile)
+{
+    store.remove();
+    SqliteFaults faults;
+
+    faults.be_busy(SqliteCall::exec, 1);
+    faults.fail_pause(1);
+    EXPECT_EQ(handlers_db_create(), -1);
+    EXPECT_EQ(faults.open_connections().size(), 1U);
+    EXPECT_TRUE(store.exists());
+}
+
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -12,13 +12,11 @@
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 namespace fs = std::filesystem;
 
@@ -43,13 +41,8 @@ protected:
     const mode_t saved_umask;
 };
 
-class MakeDirs : public Folders
-{
-};
-
-class DbMakeParentDirs : public Folders
-{
-};
+using MakeDirs = Folders;
+using DbMakeParentDirs = Folders;
 
 /* A file that is not there yet. */
 class SqliteDbRecreate : public HandlersStoreTest
@@ -218,4 +211,4 @@ TEST_F(SqliteDbRecreate, WaitsForAnotherProcess)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -61,17 +61,11 @@ void __wrap_free(void *memory)
 
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::AllocFaults;
-using testing::in_fresh_process;
-using testing::LogCapture;
-using testing::PanelFiles;
-using testing::without_memory;
 
 struct FreeStore {
     void operator()(QsxConfStore *store) const { conf_store_free(store); }
@@ -187,24 +181,35 @@ constexpr KnownVariable known_variables[] = {
 };
 static_assert(std::size(known_variables) == 31);
 
-class PanelConf : public ::testing::Test
+class ConfStore : public ::testing::Test
+{
+protected:
+    LogCapture log;
+    OwnedStore store = new_store();
+};
+
+using ConfParseStream = ConfStore;
+using ConfStoreReserve = ConfStore;
+using ConfStoreSet = ConfStore;
+using ConfStoreSort = ConfStore;
+using ConfStoreFind = ConfStore;
+using ConfStoreFree = ConfStore;
+
+class PanelConf : public ConfStore
 {
 protected:
     PanelFiles files;
-    LogCapture log;
 };
 
 /* What the tests below leave behind must not be a loaded file, or their order would matter. */
-class PanelConfLoaded : public ::testing::Test
+class PanelConfLoaded : public PanelConf
 {
 protected:
-    PanelFiles files;
-
-    static void in_process_with_log(const std::function<void(LogCapture &)> &body)
+    void in_process(const std::function<void()> &body)
     {
         in_fresh_process([&] {
-            LogCapture log;
-            body(log);
+            body();
+            EXPECT_EQ(log.take(), std::vector<std::string>{});
         });
     }
 };
@@ -239,27 +244,13 @@ TEST_F(PanelConf, EveryVariableButTheUpperMarkerIsKnownByName)
               std::vector<std::string>(std::size(known_variables) - 1, files.missing_conf_line()));
 }
 
-TEST_F(PanelConf, WithoutAFileEveryCallTriesToOpenItAgain)
+TEST_F(PanelConf, WithoutAFileEveryLookupTriesToOpenItAgainAndGivesNull)
 {
-    EXPECT_STREQ(conf_get(MYSQL_SOCKET), "/var/run/mysqld/mysqld.sock");
-    EXPECT_EQ(log.take_one(), files.missing_conf_line());
-    EXPECT_STREQ(conf_get(MYSQL_SOCKET), "/var/run/mysqld/mysqld.sock");
-    EXPECT_EQ(log.take_one(), files.missing_conf_line());
-}
-
-TEST_F(PanelConf, WithoutAFileALookupGivesNull)
-{
-    EXPECT_EQ(conf_file_lookup("MYSQL_SOCKET"), nullptr);
-    EXPECT_EQ(conf_get_from_file(MYSQL_SOCKET), nullptr);
-    EXPECT_EQ(log.take().size(), 2u);
-}
-
-TEST_F(PanelConf, LoadingAMissingFileFailsWithTheErrnoOfOpening)
-{
-    errno = 0;
-    EXPECT_EQ(conf_load(), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(log.take_one(), files.missing_conf_line());
+    for (int nth = 0; nth < 2; nth++) {
+        EXPECT_EQ(conf_file_lookup("MYSQL_SOCKET"), nullptr);
+        EXPECT_EQ(conf_get_from_file(MYSQL_SOCKET), nullptr);
+        EXPECT_EQ(log.take(), std::vector<std::string>(2, files.missing_conf_line()));
+    }
 }
 
 TEST_F(PanelConf, AFolderInPlaceOfTheFileCannotBeReadAndIsTriedAgain)
@@ -280,13 +271,10 @@ TEST_F(PanelConf, NoMemoryForTheStoreIsLoggedAsAnErrorAndTheDefaultServes)
     EXPECT_EQ(log.take_one(), "3 Not enough memory to allocate Kolmo runtime configuration structure");
 }
 
+/* There is no file: trying to open it would be logged. */
 TEST_F(PanelConf, NoMemoryForTheFirstSlotsFailsLoadingWithoutAWordBeforeTheFileIsOpened)
 {
-    int result; /* there is no file: trying to open it would be logged */
-    {
-        AllocFaults faults(2);
-        result = conf_load();
-    }
+    const int result = without_memory(2, [] { return conf_load(); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, ENOMEM);
 }
@@ -297,16 +285,11 @@ void spoil_errno(int, const char *, ...)
     errno = EBADF;
 }
 
-TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfOpening)
+TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfOpeningOrReading)
 {
     log_message = spoil_errno;
     EXPECT_EQ(conf_load(), -1);
     EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfReading)
-{
-    log_message = spoil_errno;
     panel_conf_path = "/";
     EXPECT_EQ(conf_load(), -1);
     EXPECT_EQ(errno, EISDIR);
@@ -314,72 +297,46 @@ TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfReading)
 
 TEST_F(PanelConf, LoggingDoesNotCostTheErrnoOfMissingMemory)
 {
-    const OwnedStore store = new_store();
-    int result;
-
     log_message = spoil_errno;
     fill(store.get(), 20);
-    {
-        AllocFaults faults(1); /* the growth */
-        result = conf_store_set(store.get(), "N", "v");
-        result += errno == ENOMEM ? 0 : 1;
+    for (const int nth : {1, 2}) { /* the growth, the copy of the name */
+        errno = 0;
+        const int result = without_memory(nth, [&] { return conf_store_set(store.get(), "N", "v"); });
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(result, -1);
     }
-    EXPECT_EQ(result, -1);
-    {
-        AllocFaults faults(2); /* the copy of the name */
-        result = conf_store_set(store.get(), "N", "v");
-        result += errno == ENOMEM ? 0 : 1;
+}
+
+TEST_F(PanelConf, AnUnknownNameAndTheUpperMarkerAreLoggedAsErrors)
+{
+    for (const char *name : {"NO_SUCH_VAR", "_MAX_POSSIBLE_QSX_CONF_VAR_NAME"}) {
+        EXPECT_EQ(conf_get_by_name(name), nullptr);
+        EXPECT_EQ(log.take_one(),
+                  std::string("3 variable '") + name +
+                      "' was found neither in /etc/qsx/qsx.conf, nor in compile-time defaults");
     }
-    EXPECT_EQ(result, -1);
 }
 
-TEST_F(PanelConf, AnUnknownNameIsLoggedAsAnError)
-{
-    EXPECT_EQ(conf_get_by_name("NO_SUCH_VAR"), nullptr);
-    EXPECT_EQ(log.take_one(), "3 variable 'NO_SUCH_VAR' was found neither in /etc/qsx/qsx.conf, nor in "
-                              "compile-time defaults");
-}
-
-TEST_F(PanelConf, TheUpperMarkerIsAnUnknownName)
-{
-    EXPECT_EQ(conf_get_by_name("_MAX_POSSIBLE_QSX_CONF_VAR_NAME"), nullptr);
-    EXPECT_EQ(log.take_one(), "3 variable '_MAX_POSSIBLE_QSX_CONF_VAR_NAME' was found neither in "
-                              "/etc/qsx/qsx.conf, nor in compile-time defaults");
-}
-
-TEST_F(PanelConfLoaded, TheFilesValueGoesBeforeTheDefault)
+TEST_F(PanelConfLoaded, TheFilesValueGoesBeforeTheDefaultFromTheSamePlaceEachTime)
 {
     files.write_conf("MYSQL_SOCKET /tmp/my.sock\n");
-    in_process_with_log([&](LogCapture &) {
-        EXPECT_STREQ(conf_get(MYSQL_SOCKET), "/tmp/my.sock");
-        EXPECT_STREQ(conf_get_from_file(MYSQL_SOCKET), "/tmp/my.sock");
-        EXPECT_STREQ(conf_get_by_name("MYSQL_SOCKET"), "/tmp/my.sock");
-    });
-}
-
-TEST_F(PanelConfLoaded, AVariableThatTheFileLacksHasItsDefaultButNoValueFromTheFile)
-{
-    files.write_conf("MYSQL_SOCKET /tmp/my.sock\n");
-    in_process_with_log([&](LogCapture &) {
-        EXPECT_STREQ(conf_get(DUMP_TMP_D), "/tmp");
-        EXPECT_EQ(conf_get_from_file(DUMP_TMP_D), nullptr);
-    });
-}
-
-TEST_F(PanelConfLoaded, AValueIsHandedOutFromTheSamePlaceEachTime)
-{
-    files.write_conf("MYSQL_SOCKET /tmp/my.sock\n");
-    in_process_with_log([&](LogCapture &) {
+    in_process([&] {
         const char *const first = conf_get(MYSQL_SOCKET);
+        EXPECT_STREQ(first, "/tmp/my.sock");
         EXPECT_EQ(conf_get(MYSQL_SOCKET), first);
+        EXPECT_EQ(conf_get_from_file(MYSQL_SOCKET), first);
+        EXPECT_EQ(conf_get_by_name("MYSQL_SOCKET"), first);
         EXPECT_EQ(conf_file_lookup("MYSQL_SOCKET"), first);
+        EXPECT_STREQ(conf_get(DUMP_TMP_D), "/tmp") << "which the file lacks";
+        EXPECT_EQ(conf_get_from_file(DUMP_TMP_D), nullptr);
+        EXPECT_EQ(conf_file_lookup("DUMP_TMP_D"), nullptr);
     });
 }
 
 TEST_F(PanelConfLoaded, TheFileIsReadOncePerProcess)
 {
     files.write_conf("MYSQL_SOCKET /tmp/my.sock\n");
-    in_process_with_log([&](LogCapture &) {
+    in_process([&] {
         EXPECT_EQ(conf_load(), 0);
         files.write_conf("MYSQL_SOCKET /tmp/other.sock\nDUMP_D /dumps\n");
         EXPECT_EQ(conf_load(), 0);
@@ -390,7 +347,7 @@ TEST_F(PanelConfLoaded, TheFileIsReadOncePerProcess)
 
 TEST_F(PanelConfLoaded, AFileThatAppearsLaterReplacesTheDefaultHandedOutBefore)
 {
-    in_process_with_log([&](LogCapture &log) {
+    in_process([&] {
         EXPECT_STREQ(conf_get(MYSQL_SOCKET), "/var/run/mysqld/mysqld.sock");
         EXPECT_EQ(log.take_one(), files.missing_conf_line());
         files.write_conf("MYSQL_SOCKET /tmp/my.sock\n");
@@ -401,7 +358,7 @@ TEST_F(PanelConfLoaded, AFileThatAppearsLaterReplacesTheDefaultHandedOutBefore)
 TEST_F(PanelConfLoaded, AnUnknownVariableOfTheFileIsFoundInTheFileButNotByName)
 {
     files.write_conf("EXTRA yes\n");
-    in_process_with_log([&](LogCapture &log) {
+    in_process([&] {
         EXPECT_STREQ(conf_file_lookup("EXTRA"), "yes");
         EXPECT_EQ(conf_get_by_name("EXTRA"), nullptr);
         EXPECT_EQ(log.take_one(), "3 variable 'EXTRA' was found neither in /etc/qsx/qsx.conf, nor in "
@@ -409,16 +366,10 @@ TEST_F(PanelConfLoaded, AnUnknownVariableOfTheFileIsFoundInTheFileButNotByName)
     });
 }
 
-TEST_F(PanelConfLoaded, ANameThatTheFileLacksIsNotFoundInIt)
-{
-    files.write_conf("EXTRA yes\n");
-    in_process_with_log([&](LogCapture &) { EXPECT_EQ(conf_file_lookup("MYSQL_SOCKET"), nullptr); });
-}
-
 TEST_F(PanelConfLoaded, AFileWithBadLinesIsLoadedAllTheSame)
 {
     files.write_conf("BAD=1\nDUMP_D /dumps\n");
-    in_process_with_log([&](LogCapture &log) {
+    in_process([&] {
         EXPECT_STREQ(conf_get(DUMP_D), "/dumps");
         EXPECT_EQ(log.take().size(), 1u);
     });
@@ -456,34 +407,25 @@ constexpr ParsedLine parsed_lines[] = {
     {"N one\nM x\nN two\nA y\n", "two"},
 };
 
-TEST(ConfParseStream, ALineGivesItsValue)
+TEST_F(ConfParseStream, ALineGivesItsValue)
 {
-    const LogCapture log;
-
     for (const ParsedLine &line : parsed_lines)
         EXPECT_EQ(parsed_value(line.text), line.value) << "text: " << line.text;
 }
 
-TEST(ConfParseStream, AnEmptyTextGivesNothing)
+TEST_F(ConfParseStream, AnEmptyTextGivesNothing)
 {
-    const LogCapture log;
-    const OwnedStore store = new_store();
-
     EXPECT_EQ(conf_parse_stream(stream_of("\n"), store.get()), 0);
     EXPECT_EQ(store->count, 0u);
 }
 
-TEST(ConfParseStream, ANameMayBeginWithADigitAndHoldAnyLettersDigitsAndUnderscores)
+TEST_F(ConfParseStream, ANameMayBeginWithADigitAndHoldAnyLettersDigitsAndUnderscores)
 {
-    const LogCapture log;
-
     EXPECT_EQ(parsed_value("9_Az0_z v\n", "9_Az0_z"), "v");
 }
 
-TEST(ConfParseStream, AZeroByteEndsItsLine)
+TEST_F(ConfParseStream, AZeroByteEndsItsLine)
 {
-    const LogCapture log;
-
     EXPECT_EQ(parsed_value(std::string("N v\0 rest\nM w\n", 14)), "v");
     EXPECT_EQ(parsed_value(std::string("N v\0 rest\nM w\n", 14), "M"), "w");
 }
@@ -505,29 +447,22 @@ constexpr RejectedLine rejected_lines[] = {
     {"N ", "12 Invalid variable definition N \nExpected a value"},
 };
 
-TEST(ConfParseStream, ALineThatDefinesNothingIsLoggedAndSkipped)
+TEST_F(ConfParseStream, ALineThatDefinesNothingIsLoggedAndSkipped)
 {
-    LogCapture log;
-
     for (const RejectedLine &line : rejected_lines) {
         EXPECT_EQ(parsed_value(line.text), std::nullopt) << line.text;
         EXPECT_EQ(log.take_one(), line.logged);
     }
 }
 
-TEST(ConfParseStream, TheLineAfterARejectedOneCounts)
+TEST_F(ConfParseStream, TheLineAfterARejectedOneCounts)
 {
-    LogCapture log;
-
     EXPECT_EQ(parsed_value("N=v\nN w\n"), "w");
     EXPECT_EQ(log.take().size(), 1u);
 }
 
-TEST(ConfParseStream, TheStoreComesOutSorted)
+TEST_F(ConfParseStream, TheStoreComesOutSorted)
 {
-    const LogCapture log;
-    const OwnedStore store = new_store();
-
     ASSERT_EQ(conf_parse_stream(stream_of("B 1\nC 2\nA 3\n"), store.get()), 0);
     EXPECT_TRUE(store->sorted);
     ASSERT_EQ(store->count, 3u);
@@ -535,10 +470,8 @@ TEST(ConfParseStream, TheStoreComesOutSorted)
     EXPECT_STREQ(store->entries[2].name, "C");
 }
 
-TEST(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
+TEST_F(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
     BrokenStream broken{.text = "B 1\nA 2\n"};
 
     EXPECT_EQ(conf_parse_stream(broken.open(), store.get()), -1);
@@ -549,10 +482,8 @@ TEST(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
     EXPECT_STREQ(conf_store_find(store.get(), "A"), "2");
 }
 
-TEST(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
+TEST_F(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
     BrokenStream broken{.text = "A 1\n"};
 
     std::FILE *const stream = broken.open();
@@ -565,11 +496,8 @@ TEST(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Input/output error");
 }
 
-TEST(ConfParseStream, NoMemoryForALineIsAFailureToReadTheFile)
+TEST_F(ConfParseStream, NoMemoryForALineIsAFailureToReadTheFile)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
-
     getline_lacks_memory = true;
     const int result = conf_parse_stream(stream_of("A 1\n"), store.get());
     const int error = errno;
@@ -579,10 +507,8 @@ TEST(ConfParseStream, NoMemoryForALineIsAFailureToReadTheFile)
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Cannot allocate memory");
 }
 
-TEST(ConfParseStream, AVariableThatCannotBeKeptEndsTheReadingAndClosesTheStream)
+TEST_F(ConfParseStream, AVariableThatCannotBeKeptEndsTheReadingAndClosesTheStream)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
     BrokenStream broken{.text = "B 1\nA 2\n"};
     int result;
 
@@ -602,8 +528,6 @@ TEST(ConfParseStream, AVariableThatCannotBeKeptEndsTheReadingAndClosesTheStream)
 
 TEST_F(PanelConf, ParsingAMissingFileNamesItAndKeepsErrno)
 {
-    const OwnedStore store = new_store();
-
     errno = 0;
     EXPECT_EQ(conf_parse_file(files.conf_path().c_str(), store.get()), -1);
     EXPECT_EQ(errno, ENOENT);
@@ -612,8 +536,6 @@ TEST_F(PanelConf, ParsingAMissingFileNamesItAndKeepsErrno)
 
 TEST_F(PanelConf, ParsingAddsToWhatTheStoreHas)
 {
-    const OwnedStore store = new_store();
-
     files.write_conf("A new\nB b\n");
     ASSERT_EQ(conf_store_set(store.get(), "A", "old"), 0);
     EXPECT_EQ(conf_parse_file(files.conf_path().c_str(), store.get()), 0);
@@ -624,7 +546,6 @@ TEST_F(PanelConf, ParsingAddsToWhatTheStoreHas)
 TEST_F(PanelConf, AFileOfManyLinesIsReadWhole)
 {
     constexpr std::size_t lines = 45; /* past both growths of the store */
-    const OwnedStore store = new_store();
     std::string text;
 
     for (std::size_t i = 0; i < lines; i++)
@@ -637,10 +558,8 @@ TEST_F(PanelConf, AFileOfManyLinesIsReadWhole)
                   "value" + std::to_string(i));
 }
 
-TEST(ConfStoreReserve, AnEmptyStoreGetsTwentyNullSlotsAndCountsAsSorted)
+TEST_F(ConfStoreReserve, AnEmptyStoreGetsTwentyNullSlotsAndCountsAsSorted)
 {
-    const OwnedStore store = new_store();
-
     EXPECT_EQ(conf_store_reserve(store.get()), 0);
     EXPECT_EQ(store->capacity, 20u);
     EXPECT_EQ(store->count, 0u);
@@ -649,20 +568,16 @@ TEST(ConfStoreReserve, AnEmptyStoreGetsTwentyNullSlotsAndCountsAsSorted)
         EXPECT_TRUE(store->entries[i].name == nullptr && store->entries[i].value == nullptr) << i;
 }
 
-TEST(ConfStoreReserve, NoMemoryForTheFirstSlotsIsSilentAndSetsErrno)
+TEST_F(ConfStoreReserve, NoMemoryForTheFirstSlotsIsSilentAndSetsErrno)
 {
-    const LogCapture log;
-    const OwnedStore store = new_store();
     const int result = without_memory(1, [&] { return conf_store_reserve(store.get()); });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(store->entries, nullptr);
 }
 
-TEST(ConfStoreReserve, ASlotLeftIsEnough)
+TEST_F(ConfStoreReserve, ASlotLeftIsEnough)
 {
-    const OwnedStore store = new_store();
-
     fill(store.get(), 19);
     const QsxConfEntry *const entries = store->entries;
     EXPECT_EQ(conf_store_reserve(store.get()), 0);
@@ -670,10 +585,8 @@ TEST(ConfStoreReserve, ASlotLeftIsEnough)
     EXPECT_EQ(store->capacity, 20u);
 }
 
-TEST(ConfStoreReserve, AFullStoreDoublesAndItsNewSlotsAreNull)
+TEST_F(ConfStoreReserve, AFullStoreDoublesAndItsNewSlotsAreNull)
 {
-    const OwnedStore store = new_store();
-
     fill(store.get(), 20);
     EXPECT_EQ(conf_store_reserve(store.get()), 0);
     EXPECT_EQ(store->capacity, 40u);
@@ -683,23 +596,20 @@ TEST(ConfStoreReserve, AFullStoreDoublesAndItsNewSlotsAreNull)
         EXPECT_TRUE(store->entries[i].name == nullptr && store->entries[i].value == nullptr) << i;
 }
 
-TEST(ConfStoreReserve, WhenDoublingDoesNotCoverTheCountTwentyMoreAreMade)
+TEST_F(ConfStoreReserve, WhenDoublingDoesNotCoverTheCountTwentyMoreAreMade)
 {
     for (const std::size_t capacity : {2u, 3u}) {
-        const OwnedStore store = new_store();
-        ASSERT_EQ(conf_store_reserve(store.get()), 0);
-        store->capacity = capacity;
-        store->count = 6;
-        EXPECT_EQ(conf_store_reserve(store.get()), 0);
-        EXPECT_EQ(store->capacity, 26u);
+        const OwnedStore small = new_store();
+        ASSERT_EQ(conf_store_reserve(small.get()), 0);
+        small->capacity = capacity;
+        small->count = 6;
+        EXPECT_EQ(conf_store_reserve(small.get()), 0);
+        EXPECT_EQ(small->capacity, 26u);
     }
 }
 
-TEST(ConfStoreReserve, NoMemoryToGrowIsLoggedAndLeavesTheStore)
+TEST_F(ConfStoreReserve, NoMemoryToGrowIsLoggedAndLeavesTheStore)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
-
     fill(store.get(), 20);
     const int result = without_memory(1, [&] { return conf_store_reserve(store.get()); });
     EXPECT_EQ(errno, ENOMEM);
@@ -721,25 +631,22 @@ constexpr HugeStore huge_stores[] = {
     {1, SIZE_MAX - 5},
 };
 
-TEST(ConfStoreReserve, ASizeThatOverflowsCountsAsNoMemory)
+TEST_F(ConfStoreReserve, ASizeThatOverflowsCountsAsNoMemory)
 {
-    LogCapture log;
-
     for (const HugeStore &huge : huge_stores) {
         QsxConfEntry entry{};
-        QsxConfStore store{&entry, huge.capacity, huge.count, true};
+        QsxConfStore full{&entry, huge.capacity, huge.count, true};
         errno = 0;
-        EXPECT_EQ(conf_store_reserve(&store), -1);
+        EXPECT_EQ(conf_store_reserve(&full), -1);
         EXPECT_EQ(errno, ENOMEM);
         EXPECT_EQ(log.take_one(), "12 Unable to read configuration: Cannot allocate memory");
-        EXPECT_EQ(store.capacity, huge.capacity);
-        EXPECT_EQ(store.entries, &entry);
+        EXPECT_EQ(full.capacity, huge.capacity);
+        EXPECT_EQ(full.entries, &entry);
     }
 }
 
-TEST(ConfStoreSet, BothTextsAreCopied)
+TEST_F(ConfStoreSet, BothTextsAreCopied)
 {
-    const OwnedStore store = new_store();
     char name[] = "N";
     char value[] = "v";
 
@@ -748,19 +655,15 @@ TEST(ConfStoreSet, BothTextsAreCopied)
     EXPECT_STREQ(conf_store_find(store.get(), "N"), "v");
 }
 
-TEST(ConfStoreSet, ANewVariableLeavesTheStoreUnsorted)
+TEST_F(ConfStoreSet, ANewVariableLeavesTheStoreUnsorted)
 {
-    const OwnedStore store = new_store();
-
     ASSERT_EQ(conf_store_set(store.get(), "N", "v"), 0);
     EXPECT_FALSE(store->sorted);
     EXPECT_EQ(store->count, 1u);
 }
 
-TEST(ConfStoreSet, AKnownVariableGetsTheNewValueInItsOldPlace)
+TEST_F(ConfStoreSet, AKnownVariableGetsTheNewValueInItsOldPlace)
 {
-    const OwnedStore store = new_store();
-
     ASSERT_EQ(conf_store_set(store.get(), "N", "old"), 0);
     conf_store_sort(store.get());
     ASSERT_EQ(conf_store_set(store.get(), "N", "new"), 0);
@@ -769,11 +672,8 @@ TEST(ConfStoreSet, AKnownVariableGetsTheNewValueInItsOldPlace)
     EXPECT_STREQ(conf_store_find(store.get(), "N"), "new");
 }
 
-TEST(ConfStoreSet, ACopyThatCannotBeMadeIsLoggedAndLeavesTheStore)
+TEST_F(ConfStoreSet, ACopyThatCannotBeMadeIsLoggedAndLeavesTheStore)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
-
     ASSERT_EQ(conf_store_set(store.get(), "N", "old"), 0);
     for (const int copy : {1, 2}) {
         const int result = without_memory(copy, [&] { return conf_store_set(store.get(), "N", "new"); });
@@ -784,11 +684,8 @@ TEST(ConfStoreSet, ACopyThatCannotBeMadeIsLoggedAndLeavesTheStore)
     }
 }
 
-TEST(ConfStoreSet, AFullStoreThatCannotGrowFails)
+TEST_F(ConfStoreSet, AFullStoreThatCannotGrowFails)
 {
-    LogCapture log;
-    const OwnedStore store = new_store();
-
     fill(store.get(), 20);
     const int result = without_memory(1, [&] { return conf_store_set(store.get(), "N", "v"); });
     EXPECT_EQ(result, -1);
@@ -796,10 +693,8 @@ TEST(ConfStoreSet, AFullStoreThatCannotGrowFails)
     EXPECT_EQ(conf_store_find(store.get(), "N"), nullptr);
 }
 
-TEST(ConfStoreSort, NamesComeIntoByteOrder)
+TEST_F(ConfStoreSort, NamesComeIntoByteOrder)
 {
-    const OwnedStore store = new_store();
-
     for (const char *name : {"b", "_", "B", "aa", "a", "9"})
         ASSERT_EQ(conf_store_set(store.get(), name, name), 0);
     conf_store_sort(store.get());
@@ -811,10 +706,8 @@ TEST(ConfStoreSort, NamesComeIntoByteOrder)
     EXPECT_TRUE(store->sorted);
 }
 
-TEST(ConfStoreSort, AStoreThatCountsAsSortedIsLeftAlone)
+TEST_F(ConfStoreSort, AStoreThatCountsAsSortedIsLeftAlone)
 {
-    const OwnedStore store = new_store();
-
     ASSERT_EQ(conf_store_set(store.get(), "B", "1"), 0);
     ASSERT_EQ(conf_store_set(store.get(), "A", "2"), 0);
     store->sorted = true;
@@ -822,10 +715,8 @@ TEST(ConfStoreSort, AStoreThatCountsAsSortedIsLeftAlone)
     EXPECT_STREQ(store->entries[0].name, "B");
 }
 
-TEST(ConfStoreFind, EveryVariableIsFoundSortedOrNot)
+TEST_F(ConfStoreFind, EveryVariableIsFoundSortedOrNot)
 {
-    const OwnedStore store = new_store();
-
     fill(store.get(), 30);
     for (const bool sorted : {false, true}) {
         if (sorted)
@@ -836,10 +727,8 @@ TEST(ConfStoreFind, EveryVariableIsFoundSortedOrNot)
     }
 }
 
-TEST(ConfStoreFind, WhatIsNotThereIsNotFound)
+TEST_F(ConfStoreFind, WhatIsNotThereIsNotFound)
 {
-    const OwnedStore store = new_store();
-
     EXPECT_EQ(conf_store_find(store.get(), "V"), nullptr);
     fill(store.get(), 3);
     EXPECT_EQ(conf_store_find(store.get(), "V"), nullptr);
@@ -848,11 +737,11 @@ TEST(ConfStoreFind, WhatIsNotThereIsNotFound)
         EXPECT_EQ(conf_store_find(store.get(), name), nullptr) << name;
 }
 
-TEST(ConfStoreFree, NullIsIgnored)
+TEST_F(ConfStoreFree, NullIsIgnored)
 {
     conf_store_free(nullptr);
 }
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "common/ini_file.h"
 #include "tests/panel/panel_files.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/log_capture.h"
@@ -19,8 +19,8 @@ namespace
 {
 
 /* What passed the seams below since the last test began, and what they fail. */
-std::vector<std::string> asked_keys;
 std::vector<std::string> wiped_texts;
+std::function<void(const std::string &)> before_stat;
 std::string failing_stat_path;
 std::size_t stream_buffer_size;
 
@@ -31,10 +31,11 @@ extern "C" {
 int __real_stat(const char *path, struct stat *status);
 char *__real_fgets(char *text, int size, std::FILE *stream);
 void __real_explicit_bzero(void *memory, std::size_t length);
-char *__real__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key);
 
 int __wrap_stat(const char *path, struct stat *status)
 {
+    if (before_stat)
+        before_stat(path);
     if (path != failing_stat_path)
         return __real_stat(path, status);
     errno = EACCES;
@@ -60,35 +61,23 @@ void __wrap___explicit_bzero_chk(void *memory, std::size_t length, std::size_t)
     __wrap_explicit_bzero(memory, length);
 }
 
-/* kolmo::ini_get_value */
-char *__wrap__ZN5kolmo13ini_get_valueEPKcS1_S1_(const char *path, const char *section, const char *key)
-{
-    asked_keys.push_back(std::string(section) + '.' + key);
-    return __real__ZN5kolmo13ini_get_valueEPKcS1_S1_(path, section, key);
-}
-
 } // extern "C"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::LogCapture;
-using testing::PanelFiles;
-using testing::without_memory;
-
 class PanelCredentialsRead : public ::testing::Test
 {
 protected:
-    PanelCredentialsRead()
+    PanelCredentialsRead() { wiped_texts.clear(); }
+    ~PanelCredentialsRead() override
     {
-        asked_keys.clear();
-        wiped_texts.clear();
         failing_stat_path.clear();
+        before_stat = {};
     }
-    ~PanelCredentialsRead() override { failing_stat_path.clear(); }
 
     int read(std::size_t buffer_size = sizeof(error))
     {
@@ -148,12 +137,23 @@ TEST_F(PanelCredentialsRead, TheDsnFileMayGiveEverything)
     EXPECT_STREQ(error, "untouched");
 }
 
-TEST_F(PanelCredentialsRead, TheKeysAreAskedForInTheirOrder)
+/* Every value says by which reading of the file it was found. */
+TEST_F(PanelCredentialsRead, EachKeyIsAskedForInAReadingOfItsOwnInThisOrder)
 {
-    files.write_shadow("secret\n");
+    int reading = 0;
+
+    before_stat = [&](const std::string &path) {
+        const std::string value = " = " + std::to_string(++reading) + '\n';
+        EXPECT_EQ(path, files.dsn_path());
+        files.write_dsn("[kolmo]\nhost" + value + "port" + value + "username" + value + "password" + value +
+                        "dbname" + value);
+    };
     ASSERT_EQ(read(), 0);
-    EXPECT_EQ(asked_keys, (std::vector<std::string>{"kolmo.host", "kolmo.port", "kolmo.username",
-                                                    "kolmo.password", "kolmo.dbname"}));
+    EXPECT_STREQ(credentials.host.get(), "1");
+    EXPECT_EQ(credentials.port, 2U);
+    EXPECT_STREQ(credentials.user.get(), "3");
+    EXPECT_STREQ(credentials.password.get(), "4");
+    EXPECT_STREQ(credentials.database.get(), "5");
 }
 
 TEST_F(PanelCredentialsRead, KeysOfAnotherSectionOrAnotherCaseDoNotCount)
@@ -322,4 +322,4 @@ TEST_F(PanelCredentialsRead, NoCopyOfThePasswordStaysInTheStreamsBuffer)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -13,18 +13,11 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::FakeMysql;
-using testing::in_fresh_process;
-using testing::LogCapture;
-using testing::Output;
-using testing::output_of;
-using testing::PanelFiles;
 
 using Calls = std::vector<std::string>;
 
@@ -272,4 +265,4 @@ TEST(PanelText, ANullColumnReadsAsEmptyText)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

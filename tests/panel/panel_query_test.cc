@@ -13,17 +13,11 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/output_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::FakeMysql;
-using testing::LogCapture;
-using testing::Output;
-using testing::output_of;
-using testing::PanelFiles;
 
 using Calls = std::vector<std::string>;
 
@@ -260,4 +254,4 @@ TEST_F(PanelQueryBuffers, ASettingsQueryTextIsCutAt4095Bytes)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -7,37 +7,19 @@
 #include <gtest/gtest.h>
 
 #include "tests/responder_store/responder_operations.h"
-#include "tests/responder_store/transaction_sweep.h"
-#include "tests/support/alloc_faults.h"
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
-#include "tests/support/store_sweep.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using namespace testing;
-
-const char replace_sql[] =
-    "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, "
-    "body, ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );";
-const char delete_sql[] = "DELETE FROM autoresponder WHERE mn = ?;";
-
-/* What stands in the store before each run of a sweep. */
-const Lines old = {"autoresponder: box@example.com|NULL|NULL|NULL|NULL|NULL|NULL|NULL|old|NULL|NULL|NULL"};
-
-void add_old_row(const ResponderStore &store)
-{
-    store.execute("INSERT INTO autoresponder (mn, body) VALUES ('box@example.com', 'old')");
-}
-
 class AutoresponderTest : public ResponderStoreTest
 {
 protected:
-    CallersConnection connection = store.open();
+    StoreConnection connection = store.open();
     ResponderRecord record = sample_responder();
 };
 
@@ -120,43 +102,6 @@ TEST_F(AddAutoresponder, FieldsWithoutAColumnAreNotLookedAt)
     EXPECT_EQ(store.rows("autoresponder"), Lines{sample_row("box@example.com", "owner@example.com")});
 }
 
-TEST_F(AddAutoresponder, MakesTheseCallsInThisOrder)
-{
-    const SqliteFaults faults;
-
-    EXPECT_EQ(add_autoresponder(&connection), 0);
-    EXPECT_EQ(faults.calls(), (Lines{"prepare BEGIN TRANSACTION;",
-                                     "step",
-                                     "finalize",
-                                     std::string("prepare ") + replace_sql,
-                                     "bind 1 'key'",
-                                     "bind 2 'where'",
-                                     "bind 3 'Subject'",
-                                     "bind 4 'Reply@Example.org'",
-                                     "bind 5 'Forward@Example.org'",
-                                     "bind 6 'text/plain'",
-                                     "bind 7 'UTF-8'",
-                                     "bind 8 'Gone\nfishing'",
-                                     "bind 9 17",
-                                     "bind 10 -3",
-                                     "bind 11 'owner@example.com'",
-                                     "bind 12 'box@example.com'",
-                                     "step",
-                                     "finalize",
-                                     "prepare END TRANSACTION;",
-                                     "step",
-                                     "finalize"}));
-}
-
-/* There is no store to open: whoever tries that first is told so and lives on. */
-TEST_F(AddAutoresponder, MailnameAndOwnerAreFormedBeforeAnythingTouchesTheStore)
-{
-    responder_db_path = "/nonexistent/responder.db";
-    for (const int nth : {1, 2})
-        EXPECT_EXIT((void)without_memory(nth, [] { return add_autoresponder(nullptr); }),
-                    ::testing::ExitedWithCode(1), no_memory_for_a_name);
-}
-
 TEST_F(AddAutoresponder, LockOfAnotherWriterIsWaitedForByRepeatingTheStepAfterAReset)
 {
     SqliteFaults faults;
@@ -171,19 +116,6 @@ TEST_F(AddAutoresponder, LockOfAnotherWriterIsWaitedForByRepeatingTheStepAfterAR
               (Lines{"step", "reset", "step", "reset", "pause 10000", "step", "reset", "pause 20000", "step",
                      "pause 30000", "finalize", "prepare END TRANSACTION;", "step", "finalize"}));
     EXPECT_EQ(store.rows("autoresponder").size(), 1U);
-}
-
-TEST_F(AddAutoresponder, FailedPauseUnderTheLockOfAnotherWriterLeavesTheTransactionOpen)
-{
-    SqliteFaults faults;
-
-    store.execute("BEGIN IMMEDIATE");
-    faults.fail_pause(1);
-    EXPECT_EQ(add_autoresponder(&connection), -1);
-    EXPECT_EQ(faults.open_statements(), Lines{replace_sql});
-    EXPECT_EQ(faults.calls().back(), "pause 10000");
-    EXPECT_TRUE(in_transaction(connection));
-    store.execute("COMMIT");
 }
 
 TEST_F(AddAutoresponder, RefusedRowLeavesTheTransactionOpenOnTheCallersConnection)
@@ -231,30 +163,6 @@ TEST_F(AddAutoresponder, RefusedRowOnAConnectionOfItsOwnIsDiscardedByTheClose)
     EXPECT_TRUE(store.rows().empty());
 }
 
-TEST(AddAutoresponderSweep, EveryCallFailsInItsOwnWay)
-{
-    const Lines written = {"autoresponder: " + sample_row("box@example.com", "owner@example.com")};
-    const StoreSweep sweep(add_autoresponder, written, add_old_row);
-    const std::string refused = "Unable to add/update autoresponder (box@example.com): ";
-
-    sweep_transaction(sweep,
-                      {{replace_sql,
-                        {{"keystr", "'key'"},
-                         {"key_where", "'where'"},
-                         {"subject", "'Subject'"},
-                         {"reply_to", "'Reply@Example.org'"},
-                         {"forward_to", "'Forward@Example.org'"},
-                         {"content_type", "'text/plain'"},
-                         {"charset", "'UTF-8'"},
-                         {"body", "'Gone\nfishing'"},
-                         {"ans_freq", "17"},
-                         {"ans_limit", "-3"},
-                         {"real_owner", "'owner@example.com'"},
-                         {"mailname", "'box@example.com'"}},
-                        {"step", refused, -1, Left::in_transaction, old}}},
-                      old, written);
-}
-
 TEST_F(RemoveAutoresponder, RowOfTheMailboxGoesAndAllElseStays)
 {
     store.execute(other_rows);
@@ -279,47 +187,6 @@ TEST_F(RemoveAutoresponder, TakesAwayWhatWasAddedUnderAnotherCase)
     EXPECT_TRUE(store.rows().empty());
 }
 
-TEST_F(RemoveAutoresponder, MailnameIsFormedBeforeAnythingTouchesTheStore)
-{
-    responder_db_path = "/nonexistent/responder.db";
-    EXPECT_EXIT((void)without_memory(1, [] { return remove_autoresponder(nullptr); }),
-                ::testing::ExitedWithCode(1), no_memory_for_a_name);
-}
-
-TEST_F(RemoveAutoresponder, RefusedDeletionIsCalledAnAdditionAndIsNoFailure)
-{
-    store.execute(rows_of_box);
-    store.execute(
-        "CREATE TRIGGER refuse BEFORE DELETE ON autoresponder BEGIN SELECT RAISE(ABORT, 'no'); END");
-    EXPECT_EQ(remove_autoresponder(&connection), 0);
-    EXPECT_EQ(log.take_one(), "3 Unable to add autoresponder data (box@example.com): no");
-    EXPECT_TRUE(connection.is_open());
-    EXPECT_FALSE(in_transaction(connection));
-    EXPECT_EQ(store.rows("autoresponder").size(), 1U);
-}
-
-TEST_F(RemoveAutoresponder, RefusalThatRollsBackMakesTheEndFail)
-{
-    store.execute(rows_of_box);
-    store.execute(
-        "CREATE TRIGGER refuse BEFORE DELETE ON autoresponder BEGIN SELECT RAISE(ROLLBACK, 'no'); END");
-    EXPECT_EQ(remove_autoresponder(&connection), -1);
-    EXPECT_EQ(log.take(),
-              (Lines{"3 Unable to add autoresponder data (box@example.com): no",
-                     "3 Unable to end sqlite transaction: cannot commit - no transaction is active"}));
-    EXPECT_FALSE(connection.is_open());
-}
-
-TEST(RemoveAutoresponderSweep, EveryCallFailsInItsOwnWay)
-{
-    const StoreSweep sweep(remove_autoresponder, {}, add_old_row);
-    const std::string refused = "Unable to add autoresponder data (box@example.com): ";
-
-    sweep_transaction(
-        sweep, {{delete_sql, {{"mailname", "'box@example.com'"}}, {"step", refused, 0, Left::open, old}}},
-        old, {});
-}
-
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

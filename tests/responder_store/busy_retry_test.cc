@@ -10,15 +10,12 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/sqlite_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::LogCapture;
-using testing::SqliteCall;
-using testing::SqliteFaults;
 using Calls = std::vector<std::string>;
 
 /* A connection to a store in memory. */
@@ -233,4 +230,4 @@ TEST_F(CloseWithRetry, NoConnectionIsLeftAlone)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -4,13 +4,11 @@
 
 #include "tests/support/log_capture.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::LogCapture;
 
 TEST(LogFailure, FillsTheTextsInAtPriorityThree)
 {
@@ -22,4 +20,4 @@ TEST(LogFailure, FillsTheTextsInAtPriorityThree)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -16,13 +16,11 @@
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 struct Operation {
     const char *name;
@@ -262,4 +260,4 @@ TEST_P(ResponderDb, ReaderThatKeepsTheCommitWaitingIsWaitedFor)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -11,16 +11,12 @@
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/temp_dir.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using testing::LogCapture;
-using testing::SqliteCall;
-using testing::SqliteFaults;
-using testing::TempDir;
 using Calls = std::vector<std::string>;
 
 class StoreConnectionTest : public ::testing::Test
@@ -246,4 +242,4 @@ TEST_F(OpenStore, SuccessClosesWhatTheConnectionHeld)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

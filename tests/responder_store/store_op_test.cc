@@ -9,17 +9,11 @@
 #include "tests/support/responder_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::in_transaction;
-using testing::Lines;
-using testing::ResponderStoreTest;
-using testing::SqliteCall;
-using testing::SqliteFaults;
 
 constexpr Sql<2> insert_sql = "INSERT INTO extra_headers VALUES (?, ?);";
 constexpr Sql<0> names_sql = "SELECT name FROM extra_headers ORDER BY name";
@@ -390,4 +384,4 @@ TEST_F(RunRows, NegativeCountRunsNothing)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -2,25 +2,21 @@
 
 #include <cstdarg>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
-#include "responder_store/kit/busy_retry.h"
 #include "tests/restore/panel_watch.h"
 #include "tests/restore/restore_fixture.h"
 #include "tests/support/sqlite_faults.h"
 #include "tests/support/store_sweep.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 const std::string replies_sql =
     "REPLACE INTO autoresponder SELECT replace(mn, '@one.example', '@one.alias'), keystr, key_where, "
@@ -67,34 +63,8 @@ protected:
 
     [[nodiscard]] Lines keys() const { return store.query("SELECT mn FROM autoresponder ORDER BY mn"); }
 
-    CallersConnection connection = store.open();
+    StoreConnection connection = store.open();
 };
-
-TEST_F(CopyRespondersToAlias, EachReplyGetsATwinWithTheSameOwner)
-{
-    add_reply(store, "anna@one.example");
-    add_reply(store, "info@one.example");
-
-    EXPECT_EQ(copy(), 0);
-    EXPECT_EQ(store.query("SELECT * FROM autoresponder ORDER BY mn"),
-              (Lines{sample_row("anna@one.alias", "anna@one.example"),
-                     sample_row("anna@one.example", "anna@one.example"),
-                     sample_row("info@one.alias", "info@one.example"),
-                     sample_row("info@one.example", "info@one.example")}));
-    EXPECT_TRUE(connection.is_open());
-    EXPECT_FALSE(in_transaction(connection));
-}
-
-TEST_F(CopyRespondersToAlias, EachAttachmentIsThereTwice)
-{
-    add_attachment(store, "anna@one.example", "a.txt");
-    add_attachment(store, "anna@one.example", "B.txt");
-
-    EXPECT_EQ(copy(), 0);
-    EXPECT_EQ(store.query("SELECT * FROM attachments ORDER BY mn, filename"),
-              (Lines{"anna@one.alias|B.txt", "anna@one.alias|a.txt", "anna@one.example|B.txt",
-                     "anna@one.example|a.txt"}));
-}
 
 struct Key {
     const char *key;
@@ -167,64 +137,6 @@ TEST_F(CopyRespondersToAlias, ExtraHeadersAreLeftAlone)
     EXPECT_EQ(store.rows(), Lines{"extra_headers: x@one.example|@one.example"});
 }
 
-TEST_F(CopyRespondersToAlias, BothCopiesAreOneTransaction)
-{
-    const SqliteFaults faults;
-
-    EXPECT_EQ(copy(), 0);
-    EXPECT_EQ(faults.calls(), (Lines{"prepare BEGIN TRANSACTION;", "step", "finalize", //
-                                     "prepare " + replies_sql, "step", "finalize",     //
-                                     "prepare " + attachments_sql, "step", "finalize", //
-                                     "prepare END TRANSACTION;", "step", "finalize"}));
-}
-
-TEST_F(CopyRespondersToAlias, RefusedReplyIsReportedAndLeavesTheTransactionOpen)
-{
-    add_reply(store, "info@one.example");
-    store.execute(
-        "CREATE TRIGGER refuse BEFORE INSERT ON autoresponder BEGIN SELECT RAISE(ABORT, 'no'); END");
-
-    EXPECT_EQ(copy(), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to exec query1: no");
-    EXPECT_TRUE(in_transaction(connection));
-}
-
-TEST_F(CopyRespondersToAlias, RefusedAttachmentIsReportedAndLeavesTheTransactionOpen)
-{
-    add_attachment(store, "info@one.example", "f");
-    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON attachments BEGIN SELECT RAISE(ABORT, 'no'); END");
-
-    EXPECT_EQ(copy(), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to exec query2: no");
-    EXPECT_TRUE(in_transaction(connection));
-}
-
-/* So the alias gets neither copy. */
-TEST_F(CopyRespondersToAlias, TransactionLeftOpenIsDiscardedByTheClosing)
-{
-    add_reply(store, "info@one.example");
-    add_attachment(store, "info@one.example", "f");
-    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON attachments BEGIN SELECT RAISE(ABORT, 'no'); END");
-    ASSERT_EQ(copy(), -1);
-    (void)log.take();
-
-    EXPECT_EQ(close_with_retry(&connection), Ending::done);
-    EXPECT_EQ(keys(), Lines{"info@one.example"});
-}
-
-TEST_F(CopyRespondersToAlias, QuotesInNamesAreJustCharacters)
-{
-    for (const char *alias : {"o'brien.example", "\"q\".example", "100%s.example"}) {
-        const std::string twin = std::string("anna@") + alias;
-
-        add_reply(store, "anna@it''s.example"); /* as an SQL text */
-        EXPECT_EQ(copy_responders_to_alias(&connection, "it's.example", alias), 0) << alias;
-        EXPECT_EQ(keys(),
-                  (alias[0] < 'a' ? Lines{twin, "anna@it's.example"} : Lines{"anna@it's.example", twin}));
-        store.execute("DELETE FROM autoresponder");
-    }
-}
-
 TEST_F(CopyRespondersToAlias, NoConnectionFailsCleanly)
 {
     const std::string line =
@@ -256,140 +168,40 @@ TEST_F(CopyRespondersToAlias, StatementsWithoutMemoryAreReportedBeforeTheStoreIs
 
 /* --- every failure of the copy, one after the other ---------------------------------------------------- */
 
-Left left_of(const StoreConnection &connection)
+class CopySweep : public ResponderStoreTest, protected StoreSweep
 {
-    if (connection.get() == nullptr)
-        return Left::closed;
-    return in_transaction(connection) ? Left::in_transaction : Left::open;
-}
+protected:
+    CopySweep() : StoreSweep(store, log) {}
 
-/* A store with a reply and an attachment, and a connection; the faults start last. */
-struct CopyRun {
-    CopyRun()
+    void fill() override
     {
-        const SqliteFaults::Aside aside;
-
+        store.execute("DELETE FROM autoresponder; DELETE FROM attachments");
         add_reply(store, "info@one.example");
         add_attachment(store, "info@one.example", "f");
     }
 
-    int copy() { return copy_responders_to_alias(&connection, "one.example", "one.alias"); }
-
-    [[nodiscard]] std::size_t committed_rows() const
+    [[nodiscard]] Lines contents() override
     {
-        const SqliteFaults::Aside aside;
-
-        return store.rows().size();
+        return store.query("SELECT mn FROM autoresponder UNION ALL SELECT mn FROM attachments ORDER BY mn");
     }
-
-    ResponderStore store;
-    CallersConnection connection = store.open();
-    sqlite3 *handle = connection.get();
-    SqliteFaults faults;
-    LogCapture log;
 };
 
-TEST(CopyRespondersToAliasSweep, EveryCallFailsInItsOwnWay)
+TEST_F(CopySweep, EveryCallAndEveryPauseFailsInItsOwnWay)
 {
-    const auto cannot_prepare = [](const std::string &sql) {
-        return "Unable to prepare SQL statement for query '" + sql + "': ";
+    const Lines before = {"info@one.example", "info@one.example"};
+    const Lines after = {"info@one.alias", "info@one.alias", "info@one.example", "info@one.example"};
+    const Operation copy = [](StoreConnection *connection) {
+        return copy_responders_to_alias(connection, "one.example", "one.alias");
     };
-    const std::vector<FaultRow> table = {
-        {"prepare BEGIN TRANSACTION;", cannot_prepare("BEGIN TRANSACTION;"), -1, Left::closed, {}},
-        {"step", "Unable to begin sqlite transaction: ", -1, Left::closed, {}},
-        {"prepare " + replies_sql, cannot_prepare(replies_sql), -1, Left::closed, {}},
-        {"step", "Unable to exec query1: ", -1, Left::in_transaction, {}},
-        {"prepare " + attachments_sql, cannot_prepare(attachments_sql), -1, Left::closed, {}},
-        {"step", "Unable to exec query2: ", -1, Left::in_transaction, {}},
-        {"prepare END TRANSACTION;", cannot_prepare("END TRANSACTION;"), -1, Left::closed, {}},
-        {"step", "Unable to end sqlite transaction: ", -1, Left::closed, {}},
-    };
-    int nth = 0;
 
-    for (const FaultRow &row : table) {
-        SCOPED_TRACE("call " + std::to_string(++nth));
-        CopyRun run;
-
-        run.faults.fail_call(nth);
-
-        EXPECT_EQ(run.copy(), row.result);
-        EXPECT_EQ(run.faults.failed_call(), row.call);
-        EXPECT_EQ(run.log.take(), Lines{"3 " + row.message + "not an error"});
-        EXPECT_EQ(left_of(run.connection), row.left);
-        EXPECT_EQ(run.faults.is_closed(run.handle), row.left == Left::closed);
-        EXPECT_EQ(run.faults.open_statements(), Lines{});
-        EXPECT_EQ(run.committed_rows(), 2U);
-    }
-
-    CopyRun run;
-
-    EXPECT_EQ(run.copy(), 0);
-    EXPECT_EQ(static_cast<std::size_t>(run.faults.calls_made()), table.size());
-    EXPECT_EQ(run.committed_rows(), 4U);
-}
-
-/* Nothing is logged, finalized, ended or closed then. */
-TEST(CopyRespondersToAliasSweep, FailedPauseEndsItWithoutAWord)
-{
-    const std::vector<PauseRow> table = {
-        {"BEGIN TRANSACTION;", Left::open, {}},         {"BEGIN TRANSACTION;", Left::in_transaction, {}},
-        {replies_sql, Left::in_transaction, {}},        {replies_sql, Left::in_transaction, {}},
-        {attachments_sql, Left::in_transaction, {}},    {attachments_sql, Left::in_transaction, {}},
-        {"END TRANSACTION;", Left::in_transaction, {}}, {"END TRANSACTION;", Left::open, {}},
-    };
-    int nth = 0;
-
-    for (const PauseRow &row : table) {
-        SCOPED_TRACE("pause " + std::to_string(++nth));
-        CopyRun run;
-
-        run.faults.be_busy_everywhere(1);
-        run.faults.fail_pause(nth);
-
-        EXPECT_EQ(run.copy(), -1);
-        EXPECT_EQ(run.faults.calls().back(), "pause 10000");
-        EXPECT_EQ(run.faults.open_statements(), Lines{row.statement});
-        EXPECT_EQ(left_of(run.connection), row.left);
-
-        const std::size_t calls = run.faults.calls().size();
-
-        EXPECT_EQ(run.copy(), -1);
-        EXPECT_EQ(close_with_retry(&run.connection), Ending::abandoned);
-        EXPECT_EQ(run.faults.calls().size(), calls) << "what is abandoned is left alone";
-        EXPECT_EQ(run.log.take(), Lines{});
-    }
-
-    CopyRun run;
-
-    run.faults.be_busy_everywhere(1);
-    EXPECT_EQ(run.copy(), 0);
-    EXPECT_EQ(run.faults.pauses(), std::vector<long>(table.size(), 10'000));
-}
-
-TEST(CopyRespondersToAliasSweep, BusyStepIsResetBeforeItIsTriedAgain)
-{
-    CopyRun run;
-
-    run.faults.be_busy(SqliteCall::step, 2);
-
-    EXPECT_EQ(run.copy(), 0);
-    EXPECT_EQ(run.faults.count("step"), 12);
-    EXPECT_EQ(run.faults.count("reset"), 8);
-    EXPECT_EQ(run.committed_rows(), 4U);
-}
-
-/* A failed call closes as it retries: under the busy rule. */
-TEST(CopyRespondersToAliasSweep, ClosingAfterAFailureIsRepeatedWhileBusy)
-{
-    CopyRun run;
-
-    run.faults.fail_call(SqliteCall::prepare, 1);
-    run.faults.be_busy(SqliteCall::close, 2);
-
-    EXPECT_EQ(run.copy(), -1);
-    EXPECT_EQ(run.log.take().size(), 1U);
-    EXPECT_EQ(run.faults.count("close"), 3);
-    EXPECT_FALSE(run.connection.is_open());
+    sweep_callers_calls(
+        begin_rows(before) + prepare_row(replies_sql, before) +
+            open_after("step", "Unable to exec query1: ", -1, Connection::in_transaction, before) +
+            prepare_row(attachments_sql, before) +
+            open_after("step", "Unable to exec query2: ", -1, Connection::in_transaction, before) +
+            end_rows(before),
+        copy);
+    sweep_callers_pauses(repeat({{7, before}, {1, after}}), copy);
 }
 
 /* --- with the panel ------------------------------------------------------------------------------------ */
@@ -407,27 +219,6 @@ protected:
     [[nodiscard]] Lines keys() const { return store.query("SELECT mn FROM autoresponder ORDER BY mn"); }
 };
 
-TEST_F(RestoreAliasResponders, DomainWithoutAliasesCopiesNothing)
-{
-    panel.add_alias(2, "other.alias");
-    const PanelWatch watch;
-
-    EXPECT_EQ(restore_alias_responders("1", "one.example"), 0);
-    EXPECT_EQ(watch.queries, Lines{"SELECT name FROM domain_aliases  WHERE dom_id=1"});
-    EXPECT_EQ(handler_addresses(), Lines{"info@one.example"});
-    EXPECT_EQ(keys(), Lines{"info@one.example"});
-}
-
-TEST_F(RestoreAliasResponders, EachAliasGetsHandlersAndReplies)
-{
-    panel.add_alias(1, "a.alias");
-    panel.add_alias(1, "b.alias");
-
-    EXPECT_EQ(restore_alias_responders("1", "one.example"), 0);
-    EXPECT_EQ(handler_addresses(), (Lines{"info@a.alias", "info@b.alias", "info@one.example"}));
-    EXPECT_EQ(keys(), (Lines{"info@a.alias", "info@b.alias", "info@one.example"}));
-}
-
 /* The first one is the one that fails. */
 TEST_F(RestoreAliasResponders, AliasesComeInTheServersOrder)
 {
@@ -438,38 +229,6 @@ TEST_F(RestoreAliasResponders, AliasesComeInTheServersOrder)
     EXPECT_EQ(restore_alias_responders("1", "one.example"), 1);
     EXPECT_EQ(log.take().back(), "3 Unable to sync configuration for domain alias z.alias");
     EXPECT_EQ(handler_addresses(), (Lines{"info@one.example", "info@z.alias"}));
-}
-
-TEST_F(RestoreAliasResponders, FailedHandlersLeaveTheRepliesAloneAndEndIt)
-{
-    const std::string path = handlers.folder().path("missing/handlers.db");
-
-    panel.add_alias(1, "a.alias");
-    panel.add_alias(1, "b.alias");
-    handlers_db_set_path(path.c_str());
-
-    const int result = restore_alias_responders("1", "one.example");
-
-    handlers_db_set_path(handlers.path().c_str());
-    EXPECT_EQ(result, 1);
-    EXPECT_EQ(log.take(), (Lines{"3 Unable to open database " + path + ": unable to open database file",
-                                 "3 Unable to set mail handlers for domain alias a.alias"}));
-    EXPECT_EQ(keys(), Lines{"info@one.example"});
-    EXPECT_TRUE(responder_db.is_open());
-}
-
-/* And what was copied first stays: the handlers of this alias, and only of this one. */
-TEST_F(RestoreAliasResponders, FailedRepliesLeaveTheHandlersCopiedAndEndIt)
-{
-    panel.add_alias(1, "a.alias");
-    panel.add_alias(1, "b.alias");
-    refuse_rows("autoresponder");
-
-    EXPECT_EQ(restore_alias_responders("1", "one.example"), 1);
-    EXPECT_EQ(log.take(), (Lines{"3 Unable to exec query1: refused",
-                                 "3 Unable to sync configuration for domain alias a.alias"}));
-    EXPECT_EQ(handler_addresses(), (Lines{"info@a.alias", "info@one.example"}));
-    EXPECT_TRUE(in_transaction(responder_db));
 }
 
 TEST_F(RestoreAliasResponders, CopyWithoutAConnectionDoesNotTakeTheRuns)
@@ -492,14 +251,6 @@ TEST_F(RestoreAliasResponders, AliasesBeforeTheFailingOneAreKept)
     EXPECT_EQ(log.take(), (Lines{"3 Unable to exec query1: refused",
                                  "3 Unable to sync configuration for domain alias b.alias"}));
     EXPECT_EQ(keys(), (Lines{"info@a.alias", "info@one.example"}));
-}
-
-TEST_F(RestoreAliasResponders, RefusedQueryIsReportedInTheServersWords)
-{
-    panel.execute("DROP TABLE domain_aliases");
-
-    EXPECT_EQ(restore_alias_responders("1", "one.example"), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to query domain aliases: Table 'qsx.domain_aliases' doesn't exist");
 }
 
 TEST_F(RestoreAliasResponders, ResultThatCannotBeFetchedIsReported)
@@ -538,4 +289,4 @@ TEST_F(RestoreAliasResponders, IdThatTheQueryHasNoRoomForIsReportedAndNothingAsk
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -13,13 +13,11 @@
 #include "tests/support/alloc_faults.h"
 #include "tests/support/sqlite_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using namespace testing;
 
 const std::string names_head =
     "SELECT group_concat(mail_name SEPARATOR ','), group_concat(id SEPARATOR ',') FROM mail  WHERE dom_id=";
@@ -75,36 +73,6 @@ protected:
     static int restore() { return restore_domain_responders("1", "one.example"); }
 };
 
-TEST_F(RestoreDomainResponders, EachMailboxGetsItsHandlerAndItsReply)
-{
-    add_mailbox("anna");
-    add_mailbox("info");
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(handler_addresses(), (Lines{"anna@one.example", "info@one.example"}));
-    EXPECT_EQ(written(), (Lines{"anna@one.example", "info@one.example"}));
-}
-
-TEST_F(RestoreDomainResponders, HandlersAreThoseOfTheAutoresponder)
-{
-    add_mailbox("info");
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(handlers.rows(), Lines{"2|1|1|90|autoresponder|info@one.example|/opt/qsx/handlers/hooks/"
-                                     "autoresponder|responder|0"});
-}
-
-TEST_F(RestoreDomainResponders, NamesAndIdsAreAskedForAndHandedOn)
-{
-    add_mailbox("anna");
-    add_mailbox("info");
-    const PanelWatch watch;
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(watch.queries, (Lines{names_head + '1' + names_tail, responders_query("1,2"),
-                                    attachments_query(1), attachments_query(2)}));
-}
-
 TEST_F(RestoreDomainResponders, RepliesAreWrittenOverTheRunsOwnConnection)
 {
     add_mailbox("info");
@@ -114,29 +82,6 @@ TEST_F(RestoreDomainResponders, RepliesAreWrittenOverTheRunsOwnConnection)
     EXPECT_EQ(sqlite.count("open"), 1);
     EXPECT_EQ(sqlite.count("open " + handlers.path()), 1);
     EXPECT_TRUE(responder_db.is_open());
-}
-
-TEST_F(RestoreDomainResponders, OnlyMailboxesOfTheDomainThatAnswerAreTaken)
-{
-    add_mailbox("info");
-    panel.add_mailbox(1, "off", false);
-    panel.add_mailbox_with_responder(2, "other");
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(handler_addresses(), Lines{"info@one.example"});
-    EXPECT_EQ(written(), Lines{"info@one.example"});
-}
-
-/* Whether the reply itself is switched on does not matter. */
-TEST_F(RestoreDomainResponders, ReplyThatIsOffIsRestoredWhenItsMailboxAnswers)
-{
-    PanelResponder off;
-
-    off.resp_on = "false";
-    panel.add_mailbox_with_responder(1, "info", off);
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(written(), Lines{"info@one.example"});
 }
 
 TEST_F(RestoreDomainResponders, NoMailboxThatAnswersIsNoFailureAndNothingMoreIsAsked)
@@ -181,14 +126,6 @@ TEST_F(RestoreDomainResponders, IdThatTheQueryHasNoRoomForIsReportedAndNothingAs
     EXPECT_EQ(watch.queries, Lines{});
 }
 
-TEST_F(RestoreDomainResponders, RefusedQueryIsReportedInTheServersWords)
-{
-    panel.execute("DROP TABLE mail");
-
-    EXPECT_EQ(restore(), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to query mail names: Table 'qsx.mail' doesn't exist");
-}
-
 TEST_F(RestoreDomainResponders, ResultThatCannotBeFetchedIsReported)
 {
     add_mailbox("info");
@@ -223,28 +160,6 @@ TEST_F(RestoreDomainResponders, FailedRegistrationLeavesTheResponderStoreAlone)
     EXPECT_TRUE(responder_db.is_open());
 }
 
-TEST_F(RestoreDomainResponders, FailedReplyLeavesTheHandlersRegistered)
-{
-    add_mailbox("info");
-    refuse_rows("autoresponder");
-
-    EXPECT_EQ(restore(), 1);
-    EXPECT_EQ(log.take(),
-              (Lines{"3 Unable to add/update autoresponder (info@one.example): refused", cannot_sync}));
-    EXPECT_EQ(handler_addresses(), Lines{"info@one.example"});
-}
-
-TEST_F(RestoreDomainResponders, MailboxWithoutADefaultReplyFailsTheDomainAfterTheOthers)
-{
-    panel.add_mailbox(1, "anna");
-    panel.add_mailbox_with_responder(1, "info");
-
-    EXPECT_EQ(restore(), 1);
-    EXPECT_EQ(log.take(), (Lines{missing_line("anna@one.example", "1"), cannot_sync}));
-    EXPECT_EQ(handler_addresses(), (Lines{"anna@one.example", "info@one.example"}));
-    EXPECT_EQ(written(), Lines{"info@one.example"});
-}
-
 /* --- load_domain_responders ---------------------------------------------------------------------------- */
 
 class LoadDomainResponders : public DomainRespondersTest
@@ -254,37 +169,7 @@ protected:
     {
         return load_domain_responders(panel_db, &responder_db, names.c_str(), ids.c_str(), "one.example");
     }
-
-    /* A reply's forward address, as it is stored. */
-    [[nodiscard]] std::string forward_of(const std::string &mailname) const
-    {
-        const Lines found =
-            store.query("SELECT forward_to FROM autoresponder WHERE mn = '" + mailname + '\'');
-
-        return found.size() == 1 ? found.front() : std::to_string(found.size()) + " rows";
-    }
 };
-
-TEST_F(LoadDomainResponders, EveryColumnArrives)
-{
-    PanelResponder responder;
-
-    responder.keystr = "key";
-    responder.key_where = "subj";
-    responder.subject = "Subject";
-    responder.reply_to = "Reply@Example.org";
-    responder.content_type = "text/html";
-    responder.charset = "KOI8-R";
-    responder.text = "Gone\nfishing";
-    responder.ans_freq = 17;
-    responder.mem_limit = -3;
-    panel.add_forward(panel.add_mailbox_with_responder(1, "Owner", responder), "Forward@Example.org");
-
-    EXPECT_EQ(load("Box", "1"), 0);
-    EXPECT_EQ(store.rows("autoresponder"),
-              Lines{"box@one.example|key|subj|Subject|Reply@Example.org|Forward@Example.org|text/html|KOI8-R|"
-                    "Gone\nfishing|17|-3|owner@one.example"});
-}
 
 TEST_F(LoadDomainResponders, GivenConnectionsAreUsedNotTheRuns)
 {
@@ -315,68 +200,6 @@ TEST_F(LoadDomainResponders, WalkFollowsTheNamesWhateverTheServersOrder)
     EXPECT_EQ(written(), (Lines{"zoe@one.example", "anna@one.example", "info@one.example"}));
 }
 
-TEST_F(LoadDomainResponders, OnlyTheReplyNamedDefaultIsUsed)
-{
-    const int mailbox = panel.add_mailbox(1, "info");
-    PanelResponder other;
-
-    for (const char *const name : {"a", "z"}) {
-        other.resp_name = name;
-        panel.add_responder(mailbox, other);
-    }
-
-    EXPECT_EQ(load("info", "1"), -1);
-    EXPECT_EQ(log.take_one(), missing_line("info@one.example", "1"));
-    EXPECT_EQ(store.rows(), Lines{});
-}
-
-TEST_F(LoadDomainResponders, MailboxesWithoutAReplyAreReportedAndTheOthersWritten)
-{
-    for (const char *const name : {"a", "b", "c", "d"})
-        panel.add_mailbox(1, name);
-    panel.add_responder(2);
-    panel.add_responder(4);
-
-    EXPECT_EQ(load("a,b,c,d", "1,2,3,4"), -1);
-    EXPECT_EQ(log.take(), (Lines{missing_line("a@one.example", "1"), missing_line("c@one.example", "3")}));
-    EXPECT_EQ(written(), (Lines{"b@one.example", "d@one.example"}));
-}
-
-TEST_F(LoadDomainResponders, LastOfSeveralForwardAddressesIsTaken)
-{
-    const int responder = panel.add_mailbox_with_responder(1, "info");
-
-    for (const char *const address : {"zoe@f.example", "adam@f.example", "max@f.example"})
-        panel.add_forward(responder, address);
-    const std::string last = panel.value(
-        "SELECT address FROM mail_resp LEFT JOIN resp_forward ON rn_id = id WHERE mn_id = 1 LIMIT 2, 1");
-
-    EXPECT_EQ(load("info", "1"), 0);
-    EXPECT_FALSE(last.empty());
-    EXPECT_EQ(forward_of("info@one.example"), last);
-}
-
-TEST_F(LoadDomainResponders, NoForwardAddressIsWrittenAsAnEmptyText)
-{
-    add_mailbox("info");
-
-    EXPECT_EQ(load("info", "1"), 0);
-    EXPECT_EQ(forward_of("info@one.example"), "");
-}
-
-TEST_F(LoadDomainResponders, NullTextsAreWrittenEmpty)
-{
-    PanelResponder responder;
-
-    for (auto *const text : {&responder.keystr, &responder.subject, &responder.reply_to,
-                             &responder.content_type, &responder.charset, &responder.text})
-        text->reset();
-    panel.add_mailbox_with_responder(1, "info", responder);
-
-    EXPECT_EQ(load("info", "1"), 0);
-    EXPECT_EQ(store.rows("autoresponder"), Lines{"info@one.example||no|||||||10|100|info@one.example"});
-}
-
 /* Then the owner has no name. */
 TEST_F(LoadDomainResponders, ReplyWhoseMailboxIsGoneIsWritten)
 {
@@ -385,26 +208,6 @@ TEST_F(LoadDomainResponders, ReplyWhoseMailboxIsGoneIsWritten)
     EXPECT_EQ(load("info", "7"), 0);
     EXPECT_EQ(store.query("SELECT mn, real_owner FROM autoresponder"),
               Lines{"info@one.example|@one.example"});
-}
-
-/* Here only commas separate. */
-TEST_F(LoadDomainResponders, NameWithABlankStaysOneName)
-{
-    add_mailbox("a b");
-    add_mailbox("c");
-
-    EXPECT_EQ(load("a b,c", "1,2"), 0);
-    EXPECT_EQ(written(), (Lines{"a b@one.example", "c@one.example"}));
-}
-
-/* A comma in a mailbox's name has made two of it. */
-TEST_F(LoadDomainResponders, NameWithoutAnIdIsFoundMissingUnderZero)
-{
-    add_mailbox("a,b");
-
-    EXPECT_EQ(load("a,b", "1"), -1);
-    EXPECT_EQ(log.take_one(), missing_line("b@one.example", "0"));
-    EXPECT_EQ(written(), Lines{"a@one.example"});
 }
 
 TEST_F(LoadDomainResponders, IdWithoutANameIsNotLookedAt)
@@ -434,14 +237,6 @@ TEST_F(LoadDomainResponders, CutIdIsTheOneOfTheMessage)
 {
     EXPECT_EQ(load("a", "4294967295"), -1);
     EXPECT_EQ(log.take_one(), missing_line("a@one.example", "-1"));
-}
-
-TEST_F(LoadDomainResponders, RefusedQueryIsReportedInTheServersWords)
-{
-    panel.execute("DROP TABLE mail_resp");
-
-    EXPECT_EQ(load("info", "1"), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to query autoresponders: Table 'qsx.mail_resp' doesn't exist");
 }
 
 TEST_F(LoadDomainResponders, ResultThatCannotBeFetchedIsReported)
@@ -479,20 +274,6 @@ TEST_F(LoadDomainResponders, LongerQueryIsSentAsCutAndTheServersComplaintReporte
         log.take_one().rfind("3 Unable to query autoresponders: You have an error in your SQL syntax", 0),
         0U);
     EXPECT_EQ(store.rows(), Lines{});
-}
-
-TEST_F(LoadDomainResponders, FailedWriteEndsTheWalkAndKeepsWhatWasWritten)
-{
-    for (const char *const name : {"a", "b", "c"})
-        add_mailbox(name);
-    store.execute("CREATE TRIGGER refuse BEFORE INSERT ON autoresponder WHEN NEW.mn = 'b@one.example' "
-                  "BEGIN SELECT RAISE(ABORT, 'refused'); END");
-    const PanelWatch watch;
-
-    EXPECT_EQ(load("a,b,c", "1,2,3"), -1);
-    EXPECT_EQ(log.take_one(), "3 Unable to add/update autoresponder (b@one.example): refused");
-    EXPECT_EQ(watch.queries.size(), 3U); /* c's attachments are not asked for */
-    EXPECT_EQ(written(), Lines{"a@one.example"});
 }
 
 /* One after the other: the first copies of the row, its place in the list, both splits, the attachments. */
@@ -556,16 +337,6 @@ protected:
         return store.query("SELECT filename FROM attachments ORDER BY rowid");
     }
 
-    /* The allocations of restoring so many files. */
-    int allocations(int count)
-    {
-        add_files(count);
-        const AllocFaults counter(0);
-
-        (void)restore();
-        return counter.calls();
-    }
-
     int restore_without_memory(int nth)
     {
         const AllocFaults faults(nth);
@@ -573,19 +344,6 @@ protected:
         return restore();
     }
 };
-
-TEST_F(RestoreResponderAttachments, ReplyAndFilesAreWrittenForTheMailbox)
-{
-    panel.add_attachment(5, "a.txt");
-    panel.add_attachment(5, "B 'c'.PDF");
-    panel.add_attachment(6, "other.txt");
-    const PanelWatch watch;
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(watch.queries, Lines{attachments_query(5)});
-    EXPECT_EQ(store.rows("autoresponder"), Lines{sample_row("box@one.example", "owner@one.example")});
-    EXPECT_EQ(store.rows("attachments"), (Lines{"box@one.example|a.txt", "box@one.example|B 'c'.PDF"}));
-}
 
 TEST_F(RestoreResponderAttachments, FilesComeInTheServersOrder)
 {
@@ -621,22 +379,6 @@ TEST_F(RestoreResponderAttachments, EveryFileArrivesHoweverManyThereAre)
     }
 }
 
-struct Growth {
-    int count;
-    int times;
-};
-
-/* The array doubles when its last place is taken; all else is an allocation for each file. */
-TEST_F(RestoreResponderAttachments, RoomFor128FilesDoublesWhenTheLastPlaceIsTaken)
-{
-    const Growth growths[] = {{2, 0},   {127, 0}, {128, 1}, {129, 1}, {255, 1},
-                              {256, 2}, {511, 2}, {512, 3}, {513, 3}};
-    const int for_one = allocations(1);
-
-    for (const Growth &growth : growths)
-        EXPECT_EQ(allocations(growth.count) - for_one - (growth.count - 1), growth.times) << growth.count;
-}
-
 TEST_F(RestoreResponderAttachments, ServersRowsAreFreedBeforeTheStoreIsWritten)
 {
     add_files(2);
@@ -661,17 +403,6 @@ TEST_F(RestoreResponderAttachments, WriterOfFilesIsCalledWhenThereAreNone)
     EXPECT_EQ(sqlite.count("open"), 2);
     EXPECT_EQ(sqlite.count("close"), 2);
     EXPECT_EQ(sqlite.count("prepare BEGIN TRANSACTION;"), 1);
-}
-
-TEST_F(RestoreResponderAttachments, RefusedQueryIsReportedAndNothingWritten)
-{
-    panel.execute("DROP TABLE resp_attach");
-
-    EXPECT_EQ(restore(), -1);
-    EXPECT_EQ(log.take_one(),
-              "3 Unable to query autoresponder Box@One.Example attachments: Table 'qsx.resp_attach' "
-              "doesn't exist");
-    EXPECT_EQ(store.rows(), Lines{});
 }
 
 TEST_F(RestoreResponderAttachments, ResultThatCannotBeFetchedIsReported)
@@ -737,16 +468,6 @@ TEST_F(RestoreResponderAttachments, FailedWriteOfTheFilesKeepsTheReply)
     EXPECT_FALSE(responder_db.is_open());
 }
 
-TEST_F(RestoreResponderAttachments, RefusedFileDoesNotFailTheReply)
-{
-    add_files(1);
-    refuse_rows("attachments");
-
-    EXPECT_EQ(restore(), 0);
-    EXPECT_EQ(log.take_one(), "3 Unable to add autoresponder attachment (box@one.example): refused");
-    EXPECT_EQ(written(), Lines{"box@one.example"});
-}
-
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

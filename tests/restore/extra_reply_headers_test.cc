@@ -1,47 +1,24 @@
 #include "restore/extra_reply_headers.h"
 
 #include <cstddef>
+#include <cstdlib>
 #include <new>
-#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "responder_store/responder_db.h"
 #include "tests/support/responder_store_fixture.h"
+#include "tests/support/sqlite_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
 
-using namespace testing;
-
 const std::string cannot_parse = "3 Unable to parse auto-reply headers json: ";
 
-/* What the writer is asked while one of these lives; given a result, it is replaced by it. */
-class WriterWatch
-{
-public:
-    WriterWatch() { current = this; }
-    ~WriterWatch() { current = nullptr; }
-    WriterWatch(const WriterWatch &) = delete;
-    WriterWatch &operator=(const WriterWatch &) = delete;
-
-    int calls = 0;
-    const StoreConnection *connection = nullptr;
-    Lines pairs; /* "name=value" */
-    int count = -1;
-    int result = 0;
-    bool throws = false;
-
-    static WriterWatch *current;
-};
-
-WriterWatch *WriterWatch::current;
-
-/* While it lives, the nth "new" in what is linked statically finds no memory. */
+/* While it lives, the nth "new" finds no memory. */
 class NewFaults
 {
 public:
@@ -63,44 +40,33 @@ bool NewFaults::has_failed;
 
 } // namespace
 
-extern "C" {
+} // namespace kolmo::testing
 
-void *__real__Znwm(std::size_t size);
-
-/* operator new */
-void *__wrap__Znwm(std::size_t size)
+void *operator new(std::size_t size)
 {
+    using kolmo::testing::NewFaults;
+
     if (NewFaults::left > 0 && --NewFaults::left == 0) {
         NewFaults::has_failed = true;
         throw std::bad_alloc();
     }
-    return __real__Znwm(size);
+    if (void *const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
 }
 
-int __real__ZN5kolmo30responder_db_add_extra_headersEPNS_15StoreConnectionEPKPKcS5_i(
-    StoreConnection *connection, const char *const *names, const char *const *values, int count);
-
-/* responder_db_add_extra_headers */
-int __wrap__ZN5kolmo30responder_db_add_extra_headersEPNS_15StoreConnectionEPKPKcS5_i(
-    StoreConnection *connection, const char *const *names, const char *const *values, int count)
+void operator delete(void *memory) noexcept
 {
-    WriterWatch *const watch = WriterWatch::current;
-
-    NewFaults::left = 0; /* the reading is over */
-    if (watch == nullptr)
-        return __real__ZN5kolmo30responder_db_add_extra_headersEPNS_15StoreConnectionEPKPKcS5_i(
-            connection, names, values, count);
-    watch->calls++;
-    watch->connection = connection;
-    watch->count = count;
-    for (int i = 0; i < count; i++)
-        watch->pairs.push_back(std::string(names[i]) + '=' + values[i]);
-    if (watch->throws)
-        throw std::runtime_error("the writer's own");
-    return watch->result;
+    std::free(memory);
 }
 
-} // extern "C"
+void operator delete(void *memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+namespace kolmo::testing
+{
 
 namespace
 {
@@ -111,32 +77,46 @@ protected:
     StoreConnection connection = store.open();
 };
 
+/* The pairs that were bound, in their order: "name=value", each text in quotes. */
+Lines pairs_of(const SqliteFaults &sqlite)
+{
+    Lines pairs;
+
+    for (const std::string &call : sqlite.calls()) {
+        if (call.rfind("bind 1 ", 0) == 0)
+            pairs.push_back(call.substr(7));
+        else if (call.rfind("bind 2 ", 0) == 0)
+            pairs.back() += '=' + call.substr(7);
+    }
+    return pairs;
+}
+
 struct Setting {
     const char *json;
     Lines pairs;
 };
 
 const Setting settings[] = {
-    {R"({"X-A":"1","X-B":"2"})", {"X-A=1", "X-B=2"}},
-    {R"({"X-B":"2","X-A":"1"})", {"X-B=2", "X-A=1"}}, /* in the document's order */
-    {" \n{ \"X-A\" : \"1\" }\t\n", {"X-A=1"}},
-    {R"({"A":"a\"b\\c\/d\n\u00fc"})", {"A=a\"b\\c/d\n\xc3\xbc"}},
-    {R"({"X-\u00fc":"\ud83d\ude00"})", {"X-\xc3\xbc=\xf0\x9f\x98\x80"}},
-    {R"({"A":30})", {"A=30"}}, /* as written */
-    {R"({"A":1.50})", {"A=1.50"}},
-    {R"({"A":-0.5e+10})", {"A=-0.5e+10"}},
-    {R"({"A":123456789012345678901234567890})", {"A=123456789012345678901234567890"}},
-    {R"({"A":true})", {"A=true"}},
-    {R"({"A":false})", {"A=false"}},
-    {R"({"A":null})", {"A=null"}},
-    {R"({"A":{"B":"b"},"C":"c"})", {"A=", "C=c"}},
-    {R"({"A":["b"],"C":"c"})", {"A=", "C=c"}},
-    {R"({"A":{}})", {"A="}},
-    {R"({"A":""})", {"A="}},
-    {R"({"":"a"})", {"=a"}},
-    {R"({"a.b":"c"})", {"a.b=c"}}, /* a name is no path */
-    {R"({"A":"1","B":"2","A":"3"})", {"A=1", "B=2", "A=3"}},
-    {R"(["a",1,{"b":"c"}])", {"=a", "=1", "="}},
+    {R"({"X-A":"1","X-B":"2"})", {"'X-A'='1'", "'X-B'='2'"}},
+    {R"({"X-B":"2","X-A":"1"})", {"'X-B'='2'", "'X-A'='1'"}}, /* in the document's order */
+    {" \n{ \"X-A\" : \"1\" }\t\n", {"'X-A'='1'"}},
+    {R"({"A":"a\"b\\c\/d\n\u00fc"})", {"'A'='a\"b\\c/d\n\xc3\xbc'"}},
+    {R"({"X-\u00fc":"\ud83d\ude00"})", {"'X-\xc3\xbc'='\xf0\x9f\x98\x80'"}},
+    {R"({"A":30})", {"'A'='30'"}}, /* as written */
+    {R"({"A":1.50})", {"'A'='1.50'"}},
+    {R"({"A":-0.5e+10})", {"'A'='-0.5e+10'"}},
+    {R"({"A":123456789012345678901234567890})", {"'A'='123456789012345678901234567890'"}},
+    {R"({"A":true})", {"'A'='true'"}},
+    {R"({"A":false})", {"'A'='false'"}},
+    {R"({"A":null})", {"'A'='null'"}},
+    {R"({"A":{"B":"b"},"C":"c"})", {"'A'=''", "'C'='c'"}},
+    {R"({"A":["b"],"C":"c"})", {"'A'=''", "'C'='c'"}},
+    {R"({"A":{}})", {"'A'=''"}},
+    {R"({"A":""})", {"'A'=''"}},
+    {R"({"":"a"})", {"''='a'"}},
+    {R"({"a.b":"c"})", {"'a.b'='c'"}}, /* a name is no path */
+    {R"({"A":"1","B":"2","A":"3"})", {"'A'='1'", "'B'='2'", "'A'='3'"}},
+    {R"(["a",1,{"b":"c"}])", {"''='a'", "''='1'", "''=''"}},
     {"{}", {}},
     {"[]", {}},
     {R"("text")", {}},
@@ -145,17 +125,24 @@ const Setting settings[] = {
     {"null", {}},
 };
 
-TEST_F(StoreExtraHeaders, MembersOfTheRootGoToTheWriterAsNamesAndValues)
+TEST_F(StoreExtraHeaders, MembersOfTheRootGoToTheCallersStoreAsNamesAndValues)
 {
     for (const Setting &setting : settings) {
-        const WriterWatch writer;
+        const SqliteFaults sqlite;
 
         EXPECT_EQ(store_extra_headers(&connection, setting.json), 0) << setting.json;
-        EXPECT_EQ(writer.calls, 1) << setting.json; /* also when there are none */
-        EXPECT_EQ(writer.connection, &connection);
-        EXPECT_EQ(writer.pairs, setting.pairs) << setting.json;
-        EXPECT_EQ(writer.count, static_cast<int>(setting.pairs.size())) << setting.json;
+        EXPECT_EQ(pairs_of(sqlite), setting.pairs) << setting.json;
+        EXPECT_EQ(sqlite.count("open"), 0);
     }
+}
+
+/* It opens and closes a connection of its own, as the writer does. */
+TEST_F(StoreExtraHeaders, WriterIsCalledWhenThereAreNone)
+{
+    const SqliteFaults sqlite;
+
+    EXPECT_EQ(store_extra_headers(nullptr, "{}"), 0);
+    EXPECT_EQ(sqlite.calls(), (Lines{"open " + store.path(), "busy_timeout 50", "close"}));
 }
 
 /* Pointers into short texts that lie within their nodes must hold as well. */
@@ -168,30 +155,12 @@ TEST_F(StoreExtraHeaders, HundredsOfMembersArriveInOrder)
         const std::string text = std::to_string(i);
 
         json += (i != 0 ? ",\"" : "\"") + text + "\":\"v" + text + '"';
-        expected.push_back(text + "=v" + text);
+        expected.push_back("extra_headers: " + text + "|v" + text);
     }
     json += '}';
 
-    const WriterWatch writer;
-
     EXPECT_EQ(store_extra_headers(&connection, json.c_str()), 0);
-    EXPECT_EQ(writer.pairs, expected);
-}
-
-TEST_F(StoreExtraHeaders, PairsBecomeRows)
-{
-    EXPECT_EQ(store_extra_headers(&connection, R"({"X-B":"2","X-A":"1"})"), 0);
-    EXPECT_EQ(store.rows(), (Lines{"extra_headers: X-B|2", "extra_headers: X-A|1"}));
-}
-
-TEST_F(StoreExtraHeaders, WritersResultIsHandedOn)
-{
-    WriterWatch writer;
-
-    for (const int result : {-1, 7}) {
-        writer.result = result;
-        EXPECT_EQ(store_extra_headers(&connection, "{}"), result);
-    }
+    EXPECT_EQ(store.rows(), expected);
 }
 
 TEST_F(StoreExtraHeaders, FailingWriterReportsForItself)
@@ -202,16 +171,6 @@ TEST_F(StoreExtraHeaders, FailingWriterReportsForItself)
     EXPECT_EQ(log.take_one(),
               "3 Unable to prepare SQL statement for query 'REPLACE INTO extra_headers VALUES (?, ? "
               " );': no such table: extra_headers");
-}
-
-/* Only the reading is guarded: whatever the writer does is no failure to parse. */
-TEST_F(StoreExtraHeaders, TroubleOfTheWriterIsNotTakenForABrokenSetting)
-{
-    WriterWatch writer;
-
-    writer.throws = true;
-    EXPECT_THROW((void)store_extra_headers(&connection, "{}"), std::runtime_error);
-    EXPECT_EQ(log.take(), Lines{});
 }
 
 struct BrokenSetting {
@@ -241,12 +200,12 @@ const BrokenSetting broken_settings[] = {
 TEST_F(StoreExtraHeaders, BrokenSettingIsReportedAndNothingIsWritten)
 {
     for (const BrokenSetting &broken : broken_settings) {
-        const WriterWatch writer;
+        const SqliteFaults sqlite;
         const std::string json = broken.json != nullptr ? broken.json : "(null)";
 
         EXPECT_EQ(store_extra_headers(&connection, broken.json), -1) << json;
         EXPECT_EQ(log.take_one(), cannot_parse + broken.complaint) << json;
-        EXPECT_EQ(writer.calls, 0) << json;
+        EXPECT_EQ(sqlite.calls(), Lines{}) << json;
     }
     EXPECT_TRUE(connection.is_open());
 }
@@ -254,7 +213,6 @@ TEST_F(StoreExtraHeaders, BrokenSettingIsReportedAndNothingIsWritten)
 /* Each allocation of the reading, the tree's own included, is made to fail once. */
 TEST_F(StoreExtraHeaders, MemoryThatRunsOutWhileReadingIsReportedAndNothingIsWritten)
 {
-    const WriterWatch writer;
     int failures = 0;
     int result;
 
@@ -267,13 +225,13 @@ TEST_F(StoreExtraHeaders, MemoryThatRunsOutWhileReadingIsReportedAndNothingIsWri
             break;
         ASSERT_EQ(result, -1) << failures;
         ASSERT_EQ(log.take_one(), cannot_parse + "std::bad_alloc") << failures;
-        ASSERT_EQ(writer.calls, 0) << failures;
+        ASSERT_EQ(store.rows(), Lines{}) << failures;
     }
     EXPECT_EQ(result, 0);
     EXPECT_GT(failures, 4); /* the tree, the nodes, both arrays */
-    EXPECT_EQ(writer.calls, 1);
+    EXPECT_EQ(store.rows().size(), 2U);
 }
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -10,13 +10,11 @@
 
 #include "tests/support/alloc_faults.h"
 
-namespace kolmo
+namespace kolmo::testing
 {
 
 namespace
 {
-
-using testing::AllocFaults;
 
 constexpr std::size_t columns = 15;
 
@@ -295,4 +293,4 @@ TEST_F(ResponderListTest, FreeOfAnEmptyListDoesNothing)
 
 } // namespace
 
-} // namespace kolmo
+} // namespace kolmo::testing

@@ -137,14 +137,6 @@ TEST_F(DomainsRun, AttachmentsBeyondTheFirstAllocationAllArrive)
     expect_responders(rows);
 }
 
-TEST_F(DomainsRun, HundredsOfAttachmentsAllArrive)
-{
-    const auto rows = add_attachments(700);
-
-    expect_run(0);
-    expect_responders(rows);
-}
-
 TEST_F(DomainsRun, LongTextOfTheReplyArrivesWhole)
 {
     const PanelResponder large = {.text = std::string(300000, 'x') + "\r\nend"};

@@ -3,6 +3,8 @@
  */
 #include "tests/run/run_fixture.h"
 
+#include <sstream>
+
 #include "tests/support/environment.h"
 
 namespace kolmo::testing
@@ -21,6 +23,23 @@ protected:
         (void)panel->add_mailbox(panel->add_domain("second.example"), "info");
         (void)add_simple_domain("third.example");
         panel->set_reply_headers("{\"X-Never\": \"written\"}");
+    }
+
+    /* What a run that ends so says to the server, by the server's own log. */
+    std::vector<std::string> asked_in(int status, const std::vector<Said> &messages = {})
+    {
+        std::vector<std::string> asked;
+
+        panel->execute("TRUNCATE mysql.general_log; SET GLOBAL log_output = 'TABLE', general_log = ON");
+        expect_run(status, messages);
+        panel->execute("SET GLOBAL general_log = OFF");
+        std::istringstream log(
+            panel->value("SELECT GROUP_CONCAT(command_type, ' ', REPLACE(argument, CHAR(0), "
+                         "'\\\\0') SEPARATOR '\\n') FROM mysql.general_log "
+                         "WHERE thread_id <> CONNECTION_ID()"));
+        for (std::string line; std::getline(log, line);)
+            asked.push_back(line);
+        return asked;
     }
 
     std::vector<Said> complaints_of_second() const
@@ -90,6 +109,40 @@ TEST_F(FlowRun, TwoDomainsWithTwoAliasesEachAreRebuiltWhole)
     }
     expect_responders(replies);
     expect_handlers(handlers);
+}
+
+/* The terminator of the first question is sent, too. */
+TEST_F(FlowRun, ServerIsAskedInThisOrderAndTakenLeaveOf)
+{
+    const int domain = add_simple_domain("one.example");
+
+    panel->add_alias(domain, "one.alias");
+    EXPECT_EQ(
+        asked_in(0),
+        (std::vector<std::string>{
+            "Connect admin@localhost on qsx using Socket", "Query SET NAMES utf8",
+            "Query SELECT d.id, d.name FROM domains d  LEFT JOIN DomainServices ds ON d.id=ds.dom_id  "
+            "WHERE ds.type='mail'\\0",
+            "Query SELECT group_concat(mail_name SEPARATOR ','), group_concat(id SEPARATOR ',') FROM mail  "
+            "WHERE dom_id=1 AND autoresponder='true'",
+            "Query SELECT mail_resp.id, mail_resp.mn_id, mail_resp.resp_name, mail_resp.keystr,"
+            "mail_resp.key_where, mail_resp.subject, mail_resp.reply_to, mail_resp.content_type, "
+            "mail_resp.charset, mail_resp.text, mail_resp.resp_on, mail_resp.ans_freq, mail_resp.mem_limit, "
+            "resp_forward.address, mail.mail_name FROM mail_resp LEFT JOIN resp_forward ON "
+            "resp_forward.rn_id=mail_resp.id LEFT JOIN mail ON mail_resp.mn_id=mail.id WHERE "
+            "mail_resp.resp_name='default' AND mail_resp.mn_id IN (1)",
+            "Query SELECT filename FROM resp_attach WHERE rn_id=1",
+            "Query SELECT name FROM domain_aliases  WHERE dom_id=1",
+            "Query select value from ServiceNodeConfiguration where name='auto_reply_headers' and "
+            "serviceNodeId=1 and section='mailServer'",
+            "Quit "}));
+
+    panel->execute("DROP TABLE domain_aliases");
+    const std::vector<std::string> asked =
+        asked_in(255, {logged("Unable to query domain aliases: Table 'qsx.domain_aliases' doesn't exist")});
+
+    EXPECT_EQ(asked.back(), "Quit ");
+    EXPECT_EQ(asked.size(), 8U);
 }
 
 TEST_F(FlowRun, HandlersOfOthersStayAndStaleOnesOfTheSameKeyAreReplaced)

@@ -15,8 +15,8 @@ struct MissingTable {
     const char *table;
     int status;
     std::vector<Said> messages;
-    bool handlers; /* whether they were registered before */
-    bool replies;  /* whether they were written before */
+    std::size_t handlers; /* domains of the two that were registered before */
+    std::size_t replies;  /* domains whose replies were written before */
 };
 
 std::ostream &operator<<(std::ostream &stream, const MissingTable &missing)
@@ -32,37 +32,29 @@ std::string gone(const char *table)
 const Said domain_failed = logged("Unable to sync configuration of autoresponder for domain one.example");
 
 const MissingTable missing_tables[] = {
-    {"domains", 255, {logged("Unable to query domains: " + gone("domains"))}, false, false},
-    {"DomainServices", 255, {logged("Unable to query domains: " + gone("DomainServices"))}, false, false},
-    {"mail", 255, {logged("Unable to query mail names: " + gone("mail"))}, false, false},
-    {"mail_resp",
-     1,
-     {logged("Unable to query autoresponders: " + gone("mail_resp")), domain_failed},
-     true,
-     false},
+    {"domains", 255, {logged("Unable to query domains: " + gone("domains"))}, 0, 0},
+    {"DomainServices", 255, {logged("Unable to query domains: " + gone("DomainServices"))}, 0, 0},
+    {"mail", 255, {logged("Unable to query mail names: " + gone("mail"))}, 0, 0},
+    {"mail_resp", 1, {logged("Unable to query autoresponders: " + gone("mail_resp")), domain_failed}, 1, 0},
     {"resp_forward",
      1,
      {logged("Unable to query autoresponders: " + gone("resp_forward")), domain_failed},
-     true,
-     false},
+     1,
+     0},
     {"resp_attach",
      1,
      {logged("Unable to query autoresponder info@one.example attachments: " + gone("resp_attach")),
       domain_failed},
-     true,
-     false},
-    {"domain_aliases",
-     255,
-     {logged("Unable to query domain aliases: " + gone("domain_aliases"))},
-     true,
-     true},
+     1,
+     0},
+    {"domain_aliases", 255, {logged("Unable to query domain aliases: " + gone("domain_aliases"))}, 1, 1},
     {"ServiceNodeConfiguration",
      1,
      {reported_with_errno(
          "Unable to query domain parameter auto_reply_headers: " + gone("ServiceNodeConfiguration") + "\n")},
-     true,
-     true},
-    {"misc", 0, {}, true, true},
+     2,
+     2},
+    {"misc", 0, {}, 2, 2},
 };
 
 /* A query whose rows break off on their way: the server has accepted it when it meets the error. */
@@ -98,24 +90,28 @@ class MissingTableRun : public RunTest, public ::testing::WithParamInterface<Mis
 {
 };
 
-class PanelTroubleRun : public RunTest
-{
-};
+using PanelTroubleRun = RunTest;
 
 } // namespace
 
 TEST_P(MissingTableRun, EndsTheRunWhereItIsNeededAndKeepsWhatWasCommitted)
 {
     const MissingTable &missing = GetParam();
+    std::vector<std::string> handlers;
+    std::vector<std::string> replies;
 
-    (void)add_simple_domain("one.example");
+    for (const std::string domain : {"one.example", "two.example"}) {
+        (void)add_simple_domain(domain);
+        handlers.push_back(handler_row("info@" + domain));
+        replies.push_back(reply_row("info@" + domain));
+    }
     panel->execute(std::string("DROP TABLE ") + missing.table);
 
+    handlers.resize(missing.handlers);
+    replies.resize(missing.replies);
     expect_run(missing.status, missing.messages);
-    expect_handlers(missing.handlers ? std::vector{handler_row("info@one.example")}
-                                     : std::vector<std::string>{});
-    expect_responders(missing.replies ? std::vector{reply_row("info@one.example")}
-                                      : std::vector<std::string>{});
+    expect_handlers(handlers);
+    expect_responders(replies);
 }
 
 INSTANTIATE_TEST_SUITE_P(PanelTrouble, MissingTableRun, ::testing::ValuesIn(missing_tables),

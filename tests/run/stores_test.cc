@@ -133,6 +133,7 @@ TEST_F(StoresRun, FolderInTheResponderStoresPlaceEndsTheRun)
 {
     (void)add_simple_domain("one.example");
     std::filesystem::create_directory(responder_store);
+    std::filesystem::remove(shadow_path); /* the panel's database is not asked before */
     write_utility("exit 0");
 
     expect_run(255,

@@ -91,9 +91,4 @@ AllocFaults::~AllocFaults()
     EXPECT_GE(calls_so_far, failing_call) << "the call that had to fail never came";
 }
 
-int AllocFaults::calls() const
-{
-    return calls_so_far;
-}
-
 } // namespace kolmo::testing

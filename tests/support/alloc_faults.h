@@ -22,7 +22,7 @@ namespace kolmo::testing
 class AllocFaults
 {
 public:
-    /* Fail the nth call from now on, 1 being the next; 0 fails none and only counts.  One at a time. */
+    /* Fail the nth call from now on, 1 being the next.  One at a time. */
     explicit AllocFaults(int nth);
 
     /* Back to normal.  The test fails when the nth call never came. */
@@ -30,9 +30,6 @@ public:
 
     AllocFaults(const AllocFaults &) = delete;
     AllocFaults &operator=(const AllocFaults &) = delete;
-
-    /* The calls so far, the failed one included.  For sweeps: count a good run, then fail 1 to calls(). */
-    [[nodiscard]] int calls() const;
 };
 
 /* What an operation gives whose nth call fails; errno is as the operation left it. */

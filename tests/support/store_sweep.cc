@@ -1,10 +1,10 @@
 #include "tests/support/store_sweep.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
-#include "responder_store/busy_retry.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/sqlite_faults.h"
+#include "responder_store/kit/busy_retry.h"
 
 namespace kolmo::testing
 {
@@ -12,196 +12,407 @@ namespace kolmo::testing
 namespace
 {
 
-/* One run: the store, the caller's connection in it if there is one, and the faults, which start last. */
-struct SweptRun {
-    SweptRun(const StoreSweep::Setup &setup, bool is_own)
-        : own(is_own), connection(set_up(setup, store, is_own)), handle(connection.get())
-    {
+bool begins_with(const std::string &text, const std::string &start)
+{
+    return text.compare(0, start.size(), start) == 0;
+}
+
+bool is_open_call(const FaultRow &row)
+{
+    return row.call == "open" || row.call == "open_v2";
+}
+
+/* The calls that are tried again while they are busy. */
+bool is_repeated(const std::string &call)
+{
+    return begins_with(call, "prepare ") || begins_with(call, "exec ") || call == "step" || call == "close";
+}
+
+bool can_fail(const std::string &call)
+{
+    return is_repeated(call) || begins_with(call, "open ") || begins_with(call, "open_v2 ") ||
+           begins_with(call, "bind ");
+}
+
+void expect_lines(const Lines &lines, const Lines &expected)
+{
+    ASSERT_EQ(lines.size(), expected.size()) << ::testing::PrintToString(lines);
+    for (std::size_t i = 0; i < lines.size(); i++) {
+        const std::string &start = expected[i];
+
+        if (start.compare(start.size() - 2, 2, ": ") != 0) {
+            EXPECT_EQ(lines[i], start);
+            continue;
+        }
+        EXPECT_TRUE(begins_with(lines[i], start)) << lines[i] << "\nexpected: " << start;
+        EXPECT_GT(lines[i].size(), start.size()) << "no detail: " << lines[i];
+        EXPECT_EQ(lines[i].find("general DB errror"), std::string::npos) << "too late for it: " << lines[i];
     }
+}
 
-    [[nodiscard]] StoreConnection *argument() { return own ? nullptr : &connection; }
+/* The connection that a caller passes, or none; one that was abandoned is closed here, for the leak checker.
+ */
+class Passed
+{
+public:
+    Passed(const StoreFile &file, bool own) : own_(own)
+    {
+        if (!own)
+            connection_ = file.open();
+    }
+    ~Passed() { (void)sqlite3_close(connection_.release()); }
+    Passed(const Passed &) = delete;
+    Passed &operator=(const Passed &) = delete;
 
-    /* All that can be seen afterwards, in a form to be compared and read. */
-    [[nodiscard]] std::string outcome(int result);
-
-    /* What a caller does with its connection after a failed pause: nothing comes of it. */
-    void expect_abandoned(const StoreSweep::Operation &operation);
-
-    bool own;
-    ResponderStore store;
-    CallersConnection connection;
-    sqlite3 *handle;
-    SqliteFaults faults;
-    LogCapture log;
+    [[nodiscard]] StoreConnection *get() { return own_ ? nullptr : &connection_; }
+    [[nodiscard]] Connection state() const
+    {
+        if (!connection_.is_open())
+            return Connection::closed;
+        return sqlite3_get_autocommit(connection_.get()) == 0 ? Connection::in_transaction : Connection::open;
+    }
 
 private:
-    static StoreConnection set_up(const StoreSweep::Setup &setup, const ResponderStore &store, bool is_own);
-    [[nodiscard]] Left left() const;
+    bool own_;
+    StoreConnection connection_;
 };
 
-std::string outcome_text(int result, Left left, const Lines &logged, const Lines &unfinalized,
-                         const Lines &rows)
+/* What has to be unfinalized after the last of these calls, a pause: the statement it belongs to, if any. */
+Lines abandoned_statement(const Lines &calls)
 {
-    const char *const states[] = {"closed", "open", "in transaction"};
-    std::string text = "result " + std::to_string(result) + ", " + states[static_cast<int>(left)] + '\n';
+    const std::string &repeated = calls[calls.size() - 2];
 
-    for (const std::string &line : logged)
-        text += "logged: " + line + '\n';
-    for (const std::string &statement : unfinalized)
-        text += "unfinalized: " + statement + '\n';
-    for (const std::string &row : rows)
-        text += "row: " + row + '\n';
-    return text;
+    if (repeated != "step" && !begins_with(repeated, "prepare "))
+        return {};
+    const auto prepared = std::find_if(calls.rbegin(), calls.rend(),
+                                       [](const std::string &call) { return begins_with(call, "prepare "); });
+
+    return {prepared->substr(std::string("prepare ").size())};
 }
 
-StoreConnection SweptRun::set_up(const StoreSweep::Setup &setup, const ResponderStore &store, bool is_own)
+Lines logged_lines(const std::string &message, const Lines &also_logged)
 {
-    setup(store);
-    return is_own ? StoreConnection() : store.open();
+    Lines logged = {"3 " + message};
+
+    logged.insert(logged.end(), also_logged.begin(), also_logged.end());
+    return logged;
 }
 
-Left SweptRun::left() const
+/* Whatever fails closes the connection. */
+FaultTable closed_after(const std::string &call, const std::string &message, const Lines &contents,
+                        const Lines &also_logged)
 {
-    const std::vector<sqlite3 *> opened = faults.open_connections();
-    sqlite3 *open = opened.empty() ? nullptr : opened.front();
-
-    if (!own) {
-        EXPECT_EQ(connection.get() != nullptr, !faults.is_closed(handle))
-            << "the caller must be able to know";
-        EXPECT_TRUE(opened.empty());
-        open = connection.get();
-    }
-    if (open == nullptr)
-        return Left::closed;
-    return sqlite3_get_autocommit(open) == 0 ? Left::in_transaction : Left::open;
+    return {{call, logged_lines(message, also_logged), -1, Connection::closed, contents}};
 }
 
-std::string SweptRun::outcome(int result)
+FaultTable transaction_rows(const std::string &verb, const std::string &message, const Lines &contents,
+                            const Lines &also_logged)
 {
-    const SqliteFaults::Aside aside;
-
-    return outcome_text(result, left(), log.take(), faults.open_statements(), store.rows());
-}
-
-void SweptRun::expect_abandoned(const StoreSweep::Operation &operation)
-{
-    const std::size_t calls = faults.calls().size();
-
-    if (own)
-        return;
-    EXPECT_TRUE(connection.is_abandoned());
-    EXPECT_EQ(operation(&connection), -1);
-    EXPECT_EQ(close_with_retry(&connection), Ending::abandoned);
-    EXPECT_EQ(faults.calls().size(), calls);
-    EXPECT_EQ(log.take(), Lines{});
+    return prepare_row(verb + " TRANSACTION;", contents, also_logged) +
+           closed_after("step", message, contents, also_logged);
 }
 
 } // namespace
 
-void StoreSweep::fail_each_call(const std::vector<FaultRow> &table) const
+void StoreSweep::sweep_calls(const FaultTable &table, const Operation &operation)
 {
-    const Lines rows_before = SweptRun(setup_, false).store.rows();
-    int nth = 0;
-
-    for (FaultRow row : table) {
-        fail_call(false, ++nth, row);
-        row.left = Left::closed;
-        fail_call(true, nth + 1, row);
-    }
-    succeed(false, table.size());
-
-    fail_open(true, rows_before);
-    fail_open(false, rows_before);
-    /* What SQLite makes of the closing is nobody's concern; a close that was not made leaves it open here. */
-    fail_call(true, nth + 2, {"close", "", 0, Left::open, rows_after_});
-    succeed(true, table.size() + 2);
+    sweep_own_calls(table, operation);
+    sweep_callers_calls(table, operation);
 }
 
-void StoreSweep::fail_call(bool own, int nth, const FaultRow &row) const
-{
-    SCOPED_TRACE((own ? "own connection, call " : "caller's connection, call ") + std::to_string(nth));
-    SweptRun run(setup_, own);
-    const Lines logged = row.message.empty() ? Lines{} : Lines{"3 " + row.message + "not an error"};
-
-    run.faults.fail_call(nth);
-
-    const int result = operation_(run.argument());
-
-    EXPECT_EQ(run.faults.failed_call(), row.call);
-    EXPECT_EQ(run.outcome(result), outcome_text(row.result, row.left, logged, {}, row.rows));
-}
-
-void StoreSweep::fail_open(bool with_handle, const Lines &rows) const
-{
-    SCOPED_TRACE(with_handle ? "open with a handle" : "open without a handle");
-    SweptRun run(setup_, true);
-    const std::string path = run.store.path();
-    const Lines calls = with_handle ? Lines{"open " + path, "close"} : Lines{"open " + path};
-    const char *const detail = with_handle ? "not an error" : "general DB errror";
-
-    run.faults.fail_call(SqliteCall::open, 1);
-    if (!with_handle)
-        run.faults.open_without_handle();
-
-    const int result = operation_(run.argument());
-
-    EXPECT_EQ(run.faults.calls(), calls);
-    EXPECT_EQ(
-        run.outcome(result),
-        outcome_text(-1, Left::closed, {"3 Unable to open database " + path + ": " + detail}, {}, rows));
-}
-
-void StoreSweep::fail_each_pause(const std::vector<PauseRow> &table) const
+void StoreSweep::sweep_own_calls(const FaultTable &table, const Operation &operation)
 {
     int nth = 0;
 
-    for (const PauseRow &row : table) {
-        fail_pause(false, ++nth, row);
-        fail_pause(true, nth, row);
+    ASSERT_FALSE(table.empty());
+    for (const FaultRow &row : table) {
+        fail_one_call(true, ++nth, row, operation);
+        if (is_open_call(row))
+            open_without_handle(nth, row, operation);
     }
-    succeed_with_pauses(false, table.size());
-    fail_pause(true, nth + 1, {"", Left::closed, rows_after_});
-    succeed_with_pauses(true, table.size() + 1);
+    fail_no_call(true, table, operation);
 }
 
-void StoreSweep::fail_pause(bool own, int nth, const PauseRow &row) const
+void StoreSweep::sweep_callers_calls(const FaultTable &table, const Operation &operation)
 {
-    SCOPED_TRACE((own ? "own connection, pause " : "caller's connection, pause ") + std::to_string(nth));
-    SweptRun run(setup_, own);
-    const Lines unfinalized = row.statement.empty() ? Lines{} : Lines{row.statement};
+    FaultTable rows;
+    int nth = 0;
 
-    run.faults.be_busy_everywhere(1);
-    run.faults.fail_pause(nth);
-
-    const int result = operation_(run.argument());
-
-    EXPECT_EQ(run.faults.pauses().size(), static_cast<std::size_t>(nth));
-    EXPECT_EQ(run.faults.calls().back(), "pause 10000");
-    EXPECT_EQ(run.outcome(result), outcome_text(-1, row.left, {}, unfinalized, row.rows));
-    run.expect_abandoned(operation_);
+    for (const FaultRow &row : table) {
+        if (is_open_call(row) || row.call == "close")
+            continue;
+        fail_one_call(false, ++nth, row, operation);
+        rows.push_back(row);
+    }
+    fail_no_call(false, rows, operation);
 }
 
-void StoreSweep::succeed(bool own, std::size_t calls) const
+void StoreSweep::fail_one_call(bool own, int nth, const FaultRow &row, const Operation &operation)
 {
-    SCOPED_TRACE(own ? "own connection, no fault" : "caller's connection, no fault");
-    SweptRun run(setup_, own);
-    const int result = operation_(run.argument());
+    SCOPED_TRACE((own ? "own connection, call " : "caller's connection, call ") + std::to_string(nth) + ": " +
+                 row.call);
+    fill();
+    Passed passed(file_, own);
+    {
+        SqliteFaults faults;
 
-    EXPECT_EQ(static_cast<std::size_t>(run.faults.calls_made()), calls);
-    EXPECT_EQ(run.outcome(result), outcome_text(0, own ? Left::closed : Left::open, {}, {}, rows_after_));
+        faults.fail_call(nth);
+        EXPECT_EQ(operation(passed.get()), row.result);
+        EXPECT_TRUE(faults.failed_call() == row.call || begins_with(faults.failed_call(), row.call + ' '))
+            << faults.failed_call();
+        expect_lines(log_.take(), row.logged);
+        EXPECT_TRUE(faults.open_statements().empty());
+        /* A close that fails is not examined: the connection is given up. */
+        EXPECT_EQ(faults.open_connections().size(), row.call == "close" ? 1U : 0U);
+        EXPECT_EQ(passed.state(), own ? Connection::closed : row.connection);
+    }
+    EXPECT_EQ(contents(), row.contents);
 }
 
-void StoreSweep::succeed_with_pauses(bool own, std::size_t pauses) const
+void StoreSweep::open_without_handle(int nth, const FaultRow &row, const Operation &operation)
 {
-    SCOPED_TRACE(own ? "own connection, all pauses good" : "caller's connection, all pauses good");
-    SweptRun run(setup_, own);
+    SCOPED_TRACE("no handle from call " + std::to_string(nth));
+    fill();
+    {
+        SqliteFaults faults;
 
-    run.faults.be_busy_everywhere(1);
+        faults.fail_call(nth);
+        faults.open_without_handle();
+        EXPECT_EQ(operation(nullptr), row.result);
+        EXPECT_EQ(faults.count("close"), nth > 1 ? 1 : 0) << "there is nothing to close";
+    }
+    Lines expected = row.logged;
+    ASSERT_FALSE(expected.empty());
+    expected[0] += "general DB errror";
+    EXPECT_EQ(log_.take(), expected);
+    EXPECT_EQ(contents(), row.contents);
+}
 
-    const int result = operation_(run.argument());
+void StoreSweep::fail_no_call(bool own, const FaultTable &table, const Operation &operation)
+{
+    SCOPED_TRACE(own ? "own connection, no failure" : "caller's connection, no failure");
+    const auto prepared = std::count_if(
+        table.begin(), table.end(), [](const FaultRow &row) { return begins_with(row.call, "prepare "); });
+    fill();
+    Passed passed(file_, own);
+    SqliteFaults faults;
 
-    EXPECT_EQ(run.faults.pauses(), std::vector<long>(pauses, 10'000));
-    EXPECT_EQ(run.outcome(result), outcome_text(0, own ? Left::closed : Left::open, {}, {}, rows_after_));
+    EXPECT_EQ(operation(passed.get()), 0);
+    EXPECT_EQ(faults.calls_made(), static_cast<int>(table.size()));
+    EXPECT_EQ(faults.count("busy_timeout 50"), faults.count("open") + faults.count("open_v2"));
+    EXPECT_EQ(faults.count("finalize"), prepared);
+    EXPECT_EQ(faults.count("reset"), 0);
+    EXPECT_TRUE(faults.pauses().empty());
+    EXPECT_TRUE(faults.open_connections().empty());
+    EXPECT_TRUE(faults.open_statements().empty());
+    EXPECT_EQ(passed.state(), own ? Connection::closed : Connection::open);
+    EXPECT_EQ(log_.take(), Lines{});
+}
+
+/* Of a run that succeeds. */
+std::vector<StoreSweep::RepeatedCall> StoreSweep::repeated_calls(bool own, const Operation &operation)
+{
+    std::vector<RepeatedCall> repeated;
+    int number = 0;
+
+    fill();
+    Passed passed(file_, own);
+    SqliteFaults faults;
+
+    EXPECT_EQ(operation(passed.get()), 0);
+    for (const std::string &call : faults.calls()) {
+        if (can_fail(call))
+            number++;
+        if (is_repeated(call))
+            repeated.push_back({number, call == "close"});
+    }
+    EXPECT_EQ(number, faults.calls_made());
+    return repeated;
+}
+
+void StoreSweep::sweep_busy_calls(const std::vector<Lines> &contents_after, const Operation &operation)
+{
+    const std::vector<RepeatedCall> calls = repeated_calls(true, operation);
+
+    ASSERT_EQ(calls.size(), contents_after.size());
+    for (std::size_t i = 0; i < calls.size(); i++)
+        be_busy_at(calls[i].number, contents_after[i], operation);
+}
+
+void StoreSweep::be_busy_at(int nth, const Lines &expected, const Operation &operation)
+{
+    SCOPED_TRACE("own connection, busy call " + std::to_string(nth));
+    fill();
+    {
+        SqliteFaults faults;
+
+        faults.fail_call(nth, SQLITE_BUSY);
+        faults.fail_call(nth + 1, SQLITE_BUSY);
+        EXPECT_EQ(operation(nullptr), 0);
+        EXPECT_EQ(faults.pauses(), (std::vector<long>{10'000, 20'000}));
+        EXPECT_EQ(faults.count("reset"), faults.failed_call() == "step" ? 2 : 0);
+        EXPECT_TRUE(faults.open_connections().empty());
+        EXPECT_TRUE(faults.open_statements().empty());
+    }
+    EXPECT_EQ(log_.take(), Lines{});
+    EXPECT_EQ(contents(), expected);
+}
+
+void StoreSweep::fail_pauses(bool own, const std::vector<Lines> &contents_after, const Operation &operation)
+{
+    const std::vector<RepeatedCall> calls = repeated_calls(own, operation);
+
+    ASSERT_EQ(calls.size(), contents_after.size());
+    for (std::size_t i = 0; i < calls.size(); i++)
+        fail_pause_at(own, calls[i].number, contents_after[i], operation);
+}
+
+void StoreSweep::sweep_own_pauses(const std::vector<Lines> &contents_after, const Operation &operation)
+{
+    fail_pauses(true, contents_after, operation);
+}
+
+void StoreSweep::sweep_callers_pauses(const std::vector<Lines> &contents_after, const Operation &operation)
+{
+    fail_pauses(false, contents_after, operation);
+}
+
+/* A caller's connection is not closed. */
+void StoreSweep::sweep_pauses(const std::vector<Lines> &contents_after, const Operation &operation)
+{
+    const std::vector<RepeatedCall> calls = repeated_calls(true, operation);
+    std::vector<Lines> callers;
+
+    sweep_own_pauses(contents_after, operation);
+    for (std::size_t i = 0; i < calls.size(); i++) {
+        if (!calls[i].is_close)
+            callers.push_back(contents_after[i]);
+    }
+    sweep_callers_pauses(callers, operation);
+}
+
+void StoreSweep::fail_pause_at(bool own, int nth, const Lines &expected, const Operation &operation)
+{
+    SCOPED_TRACE((own ? "own connection, pause after call " : "caller's connection, pause after call ") +
+                 std::to_string(nth));
+    fill();
+    Passed passed(file_, own);
+    {
+        SqliteFaults faults;
+
+        faults.fail_call(nth, SQLITE_BUSY);
+        faults.fail_pause(1);
+        EXPECT_EQ(operation(passed.get()), -1);
+        ASSERT_GT(faults.calls().size(), 1U);
+        EXPECT_EQ(faults.calls().back(), "pause 10000") << "something was done after it";
+        EXPECT_EQ(faults.open_statements(), abandoned_statement(faults.calls()));
+        const int refused_closes = faults.failed_call() == "close" ? 1 : 0;
+        EXPECT_EQ(static_cast<int>(faults.open_connections().size()),
+                  faults.count("open") + faults.count("open_v2") - faults.count("close") + refused_closes);
+        if (!own) {
+            /* What a caller does with its connection then: nothing comes of it. */
+            const std::size_t calls = faults.calls().size();
+
+            EXPECT_TRUE(passed.get()->is_abandoned());
+            EXPECT_EQ(operation(passed.get()), -1);
+            EXPECT_EQ(close_with_retry(passed.get()), Ending::abandoned);
+            EXPECT_EQ(faults.calls().size(), calls);
+        }
+    }
+    EXPECT_EQ(log_.take(), Lines{});
+    EXPECT_EQ(contents(), expected);
+}
+
+void StoreSweep::sweep_busy_calls_and_pauses(int calls_before, const Lines &before, const Lines &after,
+                                             const Operation &operation)
+{
+    const int calls = static_cast<int>(repeated_calls(true, operation).size());
+
+    sweep_busy_calls(repeat({{calls, after}}), operation);
+    sweep_pauses(repeat({{calls_before, before}, {calls - calls_before, after}}), operation);
+}
+
+void StoreSweep::fail_prepare_and_pause_of_close(int nth_prepare, int nth_pause, const Operation &operation)
+{
+    fill();
+    SqliteFaults faults;
+
+    faults.fail_call(SqliteCall::prepare, nth_prepare);
+    faults.be_busy(SqliteCall::close, 1);
+    faults.fail_pause(nth_pause);
+    EXPECT_EQ(operation(nullptr), -1);
+    EXPECT_EQ(faults.calls().back(), "pause 10000");
+    const std::string sql = faults.failed_call().substr(std::string("prepare ").size());
+    expect_lines(log_.take(), {"3 Unable to prepare SQL statement for query '" + sql + "': "});
+}
+
+FaultTable StoreSweep::open_row(const Lines &contents, const Lines &also_logged) const
+{
+    return closed_after("open", "Unable to open database " + file_.path() + ": ", contents, also_logged);
+}
+
+FaultTable StoreSweep::open_to_read_row(const Lines &contents, const Lines &also_logged) const
+{
+    return closed_after("open_v2", "Unable to open database(readonly) " + file_.path() + ": ", contents,
+                        also_logged);
+}
+
+FaultTable prepare_row(const std::string &sql, const Lines &contents, const Lines &also_logged)
+{
+    return closed_after("prepare " + sql,
+                        "Unable to prepare SQL statement for query '" + sql + "': ", contents, also_logged);
+}
+
+FaultTable step_row(const std::string &message, int result, const Lines &contents, const Lines &also_logged)
+{
+    return open_after("step", message, result, Connection::open, contents, also_logged);
+}
+
+FaultTable open_after(const std::string &call, const std::string &message, int result, Connection connection,
+                      const Lines &contents, const Lines &also_logged)
+{
+    return {{call, logged_lines(message, also_logged), result, connection, contents}};
+}
+
+FaultTable close_row(const Lines &contents)
+{
+    return {{"close", {}, 0, Connection::closed, contents}};
+}
+
+FaultTable statement_rows(const std::string &sql, const Bound &bound, const Lines &contents,
+                          const Lines &also_logged)
+{
+    FaultTable rows = prepare_row(sql, contents, also_logged);
+
+    for (const auto &[value, message] : bound)
+        rows = rows + closed_after("bind " + std::to_string(rows.size()) + ' ' + value, message, contents,
+                                   also_logged);
+    return rows;
+}
+
+FaultTable begin_rows(const Lines &contents, const Lines &also_logged)
+{
+    return transaction_rows("BEGIN", "Unable to begin sqlite transaction: ", contents, also_logged);
+}
+
+FaultTable end_rows(const Lines &contents, const Lines &also_logged)
+{
+    return transaction_rows("END", "Unable to end sqlite transaction: ", contents, also_logged);
+}
+
+std::vector<Lines> repeat(const std::vector<std::pair<int, Lines>> &runs)
+{
+    std::vector<Lines> all;
+
+    for (const auto &[times, lines] : runs)
+        all.insert(all.end(), static_cast<std::size_t>(times), lines);
+    return all;
+}
+
+FaultTable operator+(FaultTable first, const FaultTable &second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
 }
 
 } // namespace kolmo::testing

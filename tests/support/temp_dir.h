@@ -1,5 +1,6 @@
 /*
- * temp_dir: a folder of a test's own, removed with all that is in it.
+ * temp_dir: a folder of a test's own, removed with all that is in it.  It lies in memory (/dev/shm) unless
+ * TMPDIR says where.
  */
 #ifndef KOLMO_TESTS_SUPPORT_TEMP_DIR_H
 #define KOLMO_TESTS_SUPPORT_TEMP_DIR_H
