@@ -6,7 +6,7 @@ set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_responder_store kolmo_
 set(kolmo_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kolmo)
 set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 
-install(TARGETS mail_responders_rebuild RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS mail_responders_rebuild mail_responders_verify RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 
 foreach(ring IN LISTS kolmo_rings)
