@@ -51,6 +51,19 @@ bool is_beyond_utf8mb3(std::string_view text)
     return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0xf0; });
 }
 
+std::string as_utf8mb3(std::string_view text)
+{
+    std::string result;
+
+    for (std::size_t i = 0; i < text.size(); i++) {
+        const bool is_beyond = is_beyond_utf8mb3(text.substr(i, 1));
+
+        result += is_beyond ? '?' : text[i];
+        i += is_beyond ? 3 : 0;
+    }
+    return result;
+}
+
 std::string_view domain_of(std::string_view address)
 {
     const std::size_t at = address.rfind('@');

@@ -22,6 +22,9 @@ namespace kolmo
 /* Whether a character needs four bytes of UTF-8, which three-byte UTF-8 cannot hold. */
 [[nodiscard]] bool is_beyond_utf8mb3(std::string_view text);
 
+/* The text as three-byte UTF-8 leaves it: a question mark for each character beyond. */
+[[nodiscard]] std::string as_utf8mb3(std::string_view text);
+
 /* What stands behind the last @, all of it without one. */
 [[nodiscard]] std::string_view domain_of(std::string_view address);
 

@@ -155,8 +155,10 @@ void DomainWalk::judge_names(std::uint32_t place)
     if (domain_->ends_walk == &code_name_not_convertible || domain_->ends_walk == &code_address_too_long ||
         domain_->ends_walk == &code_too_many_mailboxes)
         find_in_panel(*domain_->ends_walk, domain_->name);
-    if (server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(domain_->name))
+    if (server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(domain_->name)) {
         find_in_panel(code_text_beyond_utf8mb3, domain_->name, "name");
+        limits_.expect_junk(as_utf8mb3(ascii_lower(domain_->name)), &code_text_beyond_utf8mb3);
+    }
     if (domain_->aliases > 0 && has_capitals(domain_->name))
         find_in_panel(code_domain_name_with_capitals, domain_->name);
     if (domain_->aliases > 0 && !targets_.front().handler_domain.empty() &&
@@ -180,6 +182,7 @@ void DomainWalk::add_alias(std::uint32_t place, const PanelAlias &alias)
             find_in_panel(code, alias.name);
             limits_.expect_junk(alias.name, &code);
             limits_.expect_junk(lower, &code);
+            limits_.expect_junk(as_utf8mb3(lower), &code);
         }
     };
 
@@ -244,8 +247,7 @@ void DomainWalk::judge_name(const PanelRows &row, const std::string &address, Wa
     if (name.find('@') != std::string_view::npos)
         expect_junk(mailbox->local.substr(0, mailbox->local.find('@')), code_at_in_name);
     if (server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(name))
-        for (const Target &target : targets_)
-            limits_.expect_junk(target.reply_domain, &code_text_beyond_utf8mb3);
+        expect_junk(as_utf8mb3(mailbox->local), code_text_beyond_utf8mb3);
 }
 
 void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &address)

@@ -48,6 +48,7 @@ struct Finding {
     std::optional<std::string> expected = {}; /* of an attachment the file's name */
     std::optional<std::string> found = {};
     std::string help = {};
+    std::string command = {}; /* for the shell, when there is one that mends exactly this */
 };
 
 } // namespace kolmo

@@ -88,7 +88,7 @@ void JsonOutput::finding(const Finding &finding)
     if (finding.found)
         object["found"] = *finding.found;
     object["remedy"] = remedy_name(finding.remedy);
-    object["help"] = finding.help;
+    object["help"] = finding.help + (finding.command.empty() ? "" : ": " + finding.command);
     print(object);
 }
 

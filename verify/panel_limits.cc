@@ -145,9 +145,14 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
 
     const std::string cut_names = all_names.substr(0, server.list_limit);
     const std::string cut_ids = all_ids.substr(0, server.list_limit);
+    const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
 
+    for (const ListedMailbox &mailbox : list) {
+        if (breaks_query && mailboxes_[mailbox.id].reply == nullptr)
+            mailboxes_[mailbox.id].reply = &code_list_cut;
+    }
     if (domain->ends_walk == nullptr && fault != nullptr &&
-        (count_items(cut_names) > count_items(cut_ids) || cut_ids.ends_with(',')))
+        (breaks_query || count_items(cut_names) > count_items(cut_ids)))
         domain->ends_walk = fault;
     return 0;
 }

@@ -8,8 +8,7 @@ void Report::find(Finding finding) const
     const FindingCode *const behind = finding.limit != nullptr ? finding.limit : finding.code;
 
     finding.remedy = behind->remedy;
-    if (finding.help.empty())
-        finding.help = behind->help;
+    finding.help = behind->help;
     switch (finding.remedy) {
     case Remedy::rebuild:
         summary_->rebuild++;

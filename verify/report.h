@@ -16,7 +16,7 @@ class Report
 public:
     Report(const VerifySink &sink, VerifySummary *summary) : sink_(sink), summary_(summary) {}
 
-    /* Sets the remedy and, unless there is one, the help: those of the limit behind it, else the code's. */
+    /* Sets remedy and help: those of the limit behind it, else the code's. */
     void find(Finding finding) const;
 
     void trouble(const std::string &text) const;

@@ -311,10 +311,10 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
                 }
             }
             if (finding.limit == nullptr)
-                finding.help = std::string("delete its row, which no rebuild does: sqlite3 ") + handlers_path_ +
-                               " \"DELETE FROM handlers WHERE name = 'autoresponder' AND queue IS " +
-                               sql_literal_of(row.text(2)) + " AND type IS " + sql_literal_of(row.text(3)) +
-                               " AND address = " + sql_literal(address) + "\"";
+                finding.command = "sqlite3 " + handlers_path_ +
+                                  " \"DELETE FROM handlers WHERE name = 'autoresponder' AND queue IS " +
+                                  sql_literal_of(row.text(2)) + " AND type IS " + sql_literal_of(row.text(3)) +
+                                  " AND address = " + sql_literal(address) + '"';
             fill(address, std::move(finding));
         }) == 0;
     }

@@ -34,7 +34,7 @@ int give_index(sqlite3 *db, const std::string &table, const std::string &key, co
         return 0;
     probe = {};
 
-    const std::string sql = "CREATE INDEX verify_" + key + " ON " + table + "(" + key + ")" + where;
+    const std::string sql = "CREATE INDEX verify_" + table + "_" + key + " ON " + table + "(" + key + ")" + where;
 
     return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : -1;
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 #include <map>
@@ -18,6 +19,7 @@ constexpr std::size_t width = 100;
 constexpr std::size_t code_width = 26;
 constexpr std::size_t indent = 2;
 constexpr std::size_t detail_indent = indent + code_width;
+constexpr std::size_t command_indent = 4;
 
 struct Style {
     const char *on;
@@ -146,11 +148,9 @@ void TextOutput::finding(const Finding &finding)
                          code_width > code.size() ? code_width - code.size() : 1,
                          cut_columns(what, width - detail_indent));
     lines += details(finding);
-    if (finding.help != behind.help) {
-        for (const std::string &line : wrap(printable(finding.help), width - detail_indent))
-            lines += fmt::format("{:{}}{}\n", "", detail_indent, line);
-        return;
-    }
+    /* Broken within the quotes, where neither the shell nor SQL minds. */
+    for (const std::string &line : wrap(printable(finding.command), width - command_indent))
+        lines += fmt::format("{:{}}{}\n", "", command_indent, line);
 
     std::vector<std::string> &codes = helps_[{static_cast<int>(finding.remedy), finding.help}];
 
@@ -202,7 +202,8 @@ void TextOutput::end(const VerifySummary &summary, double)
         add(summary.panel, "to mend in the panel");
         add(summary.manual, "by hand");
         add(summary.troubles, summary.troubles == 1 ? "thing not to be trusted" : "things not to be trusted");
-        fmt::print("\n{}\n", line);
+        fmt::print("\n");
+        print_wrapped(stdout, "", line);
     }
     (void)std::fflush(stdout);
 }

@@ -184,8 +184,17 @@ void Verification::judge_setting(const std::string &json)
 
     if (fault == &code_headers_not_json || fault == &code_headers_not_an_object)
         headers = {};
+
+    const auto is_beyond = [](const char *text) { return is_beyond_utf8mb3(text); };
+    const bool loses_name = server_.loses_beyond_utf8mb3 &&
+                            std::any_of(headers.names.begin(), headers.names.end(), is_beyond);
+    const bool loses_value = server_.loses_beyond_utf8mb3 &&
+                             std::any_of(headers.values.begin(), headers.values.end(), is_beyond);
+
+    if (loses_name || loses_value)
+        report_.find({.code = &code_text_beyond_utf8mb3, .place = Place::panel, .column = "auto_reply_headers"});
     judge_.judge_headers(headers.names, headers.values, server_.loses_beyond_utf8mb3, limit);
-    judge_.judge_rest_of_headers(limit);
+    judge_.judge_rest_of_headers(limit == nullptr && loses_name ? &code_text_beyond_utf8mb3 : limit);
 }
 
 void Verification::run()
