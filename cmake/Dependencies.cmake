@@ -4,3 +4,7 @@ pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)       # libsqlite3-d
 pkg_check_modules(MARIADB REQUIRED IMPORTED_TARGET libmariadb)    # libmariadb-dev
 pkg_check_modules(LIBIDN REQUIRED IMPORTED_TARGET libidn)         # libidn-dev: GNU libidn, not libidn2
 find_package(Boost 1.74 REQUIRED CONFIG)                          # libboost-dev: PropertyTree is header-only
+# Of mail_responders_verify's and mail_responders_refresh's command line and output only.
+find_package(CLI11 2.1 REQUIRED)                                  # libcli11-dev
+find_package(fmt 9 REQUIRED)                                      # libfmt-dev
+find_package(nlohmann_json 3.11 REQUIRED)                         # nlohmann-json3-dev

@@ -44,6 +44,8 @@ public:
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
 
+    [[nodiscard]] pid_t pid() const { return pid_; } /* until finish() */
+
     /* Whether it has not ended yet. */
     [[nodiscard]] bool is_running();
 

@@ -1,0 +1,405 @@
+/* The program itself: its command line, its words, what it cannot trust, and that it writes nothing. */
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <string>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/support/killed_writer.h"
+#include "tests/support/other_process_lock.h"
+#include "tests/support/program_run.h"
+#include "tests/support/sandbox.h"
+#include "tests/verify/verify_world.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using namespace testing;
+
+ProgramResult run(std::vector<std::string> arguments = {})
+{
+    ProgramOptions options;
+
+    options.argv = std::move(arguments);
+    options.argv.insert(options.argv.begin(), "mail_responders_verify");
+    return Program(KOLMO_VERIFY_PROGRAM, options).finish();
+}
+
+/* Words without the breaks of lines. */
+std::string unwrapped(const std::string &text)
+{
+    return std::regex_replace(text, std::regex("\n +"), " ");
+}
+
+class ProgramTest : public VerifyTest
+{
+protected:
+    void SetUp() override
+    {
+        VerifyTest::SetUp();
+        panel->execute(sql_domain(1, "a.test") + sql_answering(1, 1, "info"));
+        ASSERT_EQ(rebuild().status, 0);
+    }
+
+    /* Status 2, and these words on standard error, in the JSON too. */
+    static void expect_trouble(const std::string &words, const std::vector<std::string> &arguments = {})
+    {
+        const ProgramResult text = run(arguments);
+
+        EXPECT_EQ(text.status, 2);
+        EXPECT_NE(unwrapped(text.err).find(words), std::string::npos) << text.err << text.out;
+
+        std::vector<std::string> with_json = arguments;
+
+        with_json.emplace_back("--json");
+
+        const ProgramResult json = run(with_json);
+
+        EXPECT_EQ(json.status, 2);
+        EXPECT_NE(json.out.find("{\"trouble\":\""), std::string::npos) << json.out;
+        EXPECT_EQ(json.err, "");
+    }
+};
+
+TEST_F(ProgramTest, StatusSaysWhetherAllIsAsThePanelSays)
+{
+    EXPECT_EQ(run().status, 0);
+    change_store(responder_store, "DELETE FROM autoresponder");
+    EXPECT_EQ(run().status, 1);
+}
+
+TEST_F(ProgramTest, WhatItDoesNotUnderstandIsUsageOnStandardError)
+{
+    for (const std::vector<std::string> &arguments :
+         {std::vector<std::string>{"--nonsense"}, {"a.test"}, {"--domain"}, {"--wait", "soon"}, {"--wait", "-1"},
+          {"--color", "red"}, {"--domain", "a.test", "b.test"}}) {
+        const ProgramResult result = run(arguments);
+
+        EXPECT_EQ(result.status, 2) << arguments.front();
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err.find("Usage: mail_responders_verify"), std::string::npos) << result.err;
+    }
+}
+
+TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput)
+{
+    for (const char *option : {"-h", "--help"}) {
+        const ProgramResult result = run({option});
+
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.out.find("--domain NAME"), std::string::npos) << result.out;
+        EXPECT_EQ(result.err, "");
+    }
+    EXPECT_EQ(run({"-V"}).out, "mail_responders_verify " KOLMO_VERSION "\n");
+}
+
+TEST_F(ProgramTest, FirstIsSaidWhichDatabaseWasAskedAndWhoSaidSo)
+{
+    EXPECT_NE(unwrapped(run().out).find("panel database   qsx on localhost (/var/run/mysqld/mysqld.sock), as admin host "
+                                        "by default, user by default, database by default, password from "
+                                        "/etc/qsx/.qsx.shadow, socket by default\n"),
+              std::string::npos);
+    write_file(dsn_path, "[kolmo]\nhost = localhost\nusername = admin\ndbname = qsx\npassword = " +
+                             sandbox_variable("KOLMO_SANDBOX_PASSWORD") + "\n");
+    write_file(conf_path, "MYSQL_SOCKET /run/mysqld/mysqld.sock\n");
+
+    const ProgramResult result = run();
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(unwrapped(result.out).find("host from /etc/qsx/private/dsn.ini, user from /etc/qsx/private/dsn.ini"),
+              std::string::npos);
+    EXPECT_NE(unwrapped(result.out).find("socket from /etc/qsx/qsx.conf"), std::string::npos);
+    EXPECT_EQ(result.out.find(sandbox_variable("KOLMO_SANDBOX_PASSWORD")), std::string::npos);
+}
+
+TEST_F(ProgramTest, PanelThatCannotBeAskedIsTrouble)
+{
+    struct Row {
+        std::function<void()> prepare;
+        const char *words;
+    };
+    const Row rows[] = {
+        {[] { write_file(shadow_path, "wrong\n"); }, "Unable to connect to Kolmo Database: Access denied"},
+        {[] { write_file(conf_path, "MYSQL_SOCKET /run/nobody\n"); }, "Unable to connect to Kolmo Database"},
+        {[] { std::filesystem::remove(shadow_path); }, "Unable to open admin password file"},
+        {[] { std::filesystem::create_directory(dsn_path); }, "dsn.ini is there, but is no file"},
+        {[] { std::filesystem::create_directory(conf_path); }, "qsx.conf is there, but is no file"},
+        {[] { std::filesystem::create_symlink("/nowhere", dsn_path); }, "dsn.ini is there, but cannot be read"},
+    };
+
+    for (const Row &row : rows) {
+        reset_panel_files();
+        row.prepare();
+        expect_trouble(row.words);
+    }
+}
+
+TEST_F(ProgramTest, EachMissingTableOfThePanelIsTrouble)
+{
+    for (const std::string table : {"domains", "DomainServices", "mail", "mail_resp", "resp_forward", "resp_attach",
+                                    "domain_aliases", "ServiceNodeConfiguration"}) {
+        panel->execute("RENAME TABLE " + table + " TO hidden");
+        expect_trouble("Table 'qsx." + table + "' doesn't exist");
+        panel->execute("RENAME TABLE hidden TO " + table);
+    }
+}
+
+TEST_F(ProgramTest, TableWithoutSnapshotsIsSaid)
+{
+    panel->execute("ALTER TABLE mail ENGINE = Aria");
+
+    const ProgramResult result = run();
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(unwrapped(result.err).find("note: table mail of the panel has no snapshots (Aria)"), std::string::npos);
+}
+
+void write_over(const std::string &path, std::streamoff offset, const std::string &bytes)
+{
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+
+    file.seekp(offset);
+    file << bytes;
+}
+
+TEST_F(ProgramTest, StoreThatCannotBeTrustedIsTroubleAndIsNotJudged)
+{
+    struct Row {
+        std::function<void(const std::string &path)> prepare;
+        const char *words;
+    };
+    const Row rows[] = {
+        {[](const std::string &path) { std::filesystem::remove(path); }, "cannot be read: No such file"},
+        {[](const std::string &path) { std::filesystem::resize_file(path, 0); }, "is empty: it has no tables"},
+        {[](const std::string &path) { write_file(path, "garbage", 0644); }, "is no database"},
+        {[](const std::string &path) { write_over(path, 100, std::string(3900, 'x')); }, "is damaged"},
+        {[](const std::string &path) { change_store(path, "PRAGMA journal_mode = WAL"); }, "is in WAL mode"},
+        {[](const std::string &path) {
+             std::filesystem::remove(path);
+             std::filesystem::create_directory(path);
+         },
+         "is no file"},
+        {[](const std::string &path) {
+             std::filesystem::remove(path);
+             change_store(path, "CREATE TABLE other (x)");
+         },
+         "store: no such table"},
+        {[](const std::string &path) { kill_writer(path, "UPDATE " + std::string(path == handlers_store
+                                                                                ? "handlers SET context = 'x'"
+                                                                                : "autoresponder SET body = 'x'")); },
+         "has a hot journal"},
+    };
+
+    for (const std::string &store : {responder_store, handlers_store}) {
+        for (const Row &row : rows) {
+            reset_panel_files();
+            ASSERT_EQ(rebuild().status, 0);
+            row.prepare(store);
+            expect_trouble(row.words);
+            EXPECT_EQ(look().findings, Lines{}) << row.words;
+        }
+    }
+}
+
+TEST_F(ProgramTest, LockedStoreIsTroubleAtTheEndOfTheWait)
+{
+    StoreLock lock(StoreLock::Kind::exclusive);
+
+    expect_trouble("is locked by another process", {"--wait", "0"});
+}
+
+TEST_F(ProgramTest, LockThatIsLetGoIsWaitedFor)
+{
+    const OtherProcessLock lock(responder_store, 300);
+
+    EXPECT_EQ(run().status, 0);
+}
+
+TEST_F(ProgramTest, NamesCannotSteerATerminal)
+{
+    panel->execute(sql_mailbox(2, 1, "x\x1b[2J\x7f\xc2\x9b\xe2\x80\xae\\'\"") + sql_reply(2));
+
+    const ProgramResult text = run();
+
+    EXPECT_EQ(text.status, 1);
+    EXPECT_NE(text.out.find("reply-missing             x\\x1b[2j\\x7f\\x9b\\u202e\\\\'\"@a.test"), std::string::npos)
+        << text.out;
+
+    const ProgramResult json = run({"--json"});
+
+    EXPECT_NE(json.out.find("\"address\":\"x\\u001b[2j\\u007f\\u009b\xe2\x80\xae\\\\'\\\"@a.test\""), std::string::npos)
+        << json.out;
+}
+
+TEST_F(ProgramTest, NullsOfThePanelAreEmptyTexts)
+{
+    panel->execute("ALTER TABLE mail_resp MODIFY key_where VARCHAR(9) NULL; UPDATE mail_resp SET keystr = NULL, "
+                   "key_where = NULL, subject = NULL, reply_to = NULL, content_type = NULL, charset = NULL, text = NULL");
+    ASSERT_EQ(rebuild().status, 0);
+    EXPECT_EQ(run().status, 0);
+}
+
+/* Everything that could be written to is made read-only, and is as it was afterwards. */
+TEST_F(ProgramTest, NothingIsWritten)
+{
+    struct Before {
+        std::string path;
+        std::string bytes;
+        struct stat status;
+    };
+    std::vector<Before> files;
+    const char *const folder = "/var/lib/kolmo";
+
+    panel->execute("CREATE USER IF NOT EXISTS 'reader'@'localhost' IDENTIFIED BY 'read'; GRANT SELECT ON qsx.* TO "
+                   "'reader'@'localhost'; SET GLOBAL log_output = 'TABLE'; TRUNCATE mysql.general_log; "
+                   "SET GLOBAL general_log = 1");
+    write_file(dsn_path, "[kolmo]\nusername = reader\npassword = read\n");
+    for (const std::string &path : {responder_store, handlers_store}) {
+        files.push_back({path, read_file(path), {}});
+        ASSERT_EQ(::stat(path.c_str(), &files.back().status), 0);
+    }
+    ASSERT_EQ(::mount(folder, folder, nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+
+    const ProgramResult result = run();
+
+    EXPECT_EQ(::umount2(folder, MNT_DETACH), 0);
+    panel->execute("SET GLOBAL general_log = 0");
+    EXPECT_EQ(result.status, 0) << result.err;
+    for (const Before &file : files) {
+        struct stat status;
+
+        EXPECT_EQ(read_file(file.path), file.bytes);
+        ASSERT_EQ(::stat(file.path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mtim.tv_sec, file.status.st_mtim.tv_sec);
+        EXPECT_EQ(status.st_mtim.tv_nsec, file.status.st_mtim.tv_nsec);
+        EXPECT_EQ(status.st_ctim.tv_nsec, file.status.st_ctim.tv_nsec);
+        EXPECT_EQ(status.st_ino, file.status.st_ino);
+    }
+    EXPECT_EQ(panel->value("SELECT GROUP_CONCAT(DISTINCT SUBSTRING_INDEX(argument, ' ', 1) ORDER BY 1) FROM "
+                           "mysql.general_log WHERE user_host LIKE 'reader%' AND command_type = 'Query'"),
+              "COMMIT,SELECT,SET,START");
+    EXPECT_FALSE(std::filesystem::exists(responder_store + "-journal"));
+    panel->execute("DROP USER 'reader'@'localhost'");
+}
+
+TEST_F(ProgramTest, InterruptedItEndsByTheSignalAndLeavesNothing)
+{
+    StoreLock lock(StoreLock::Kind::exclusive);
+    ProgramOptions options;
+
+    options.argv = {"mail_responders_verify", "--progress"};
+    Program program(KOLMO_VERIFY_PROGRAM, options);
+
+    /* It waits for the lock; whether it has got there or not, the signal ends it. */
+    EXPECT_TRUE(program.is_running());
+    EXPECT_EQ(::kill(program.pid(), SIGINT), 0);
+
+    const ProgramResult result = program.finish();
+
+    EXPECT_EQ(result.status, 1000 + SIGINT);
+    EXPECT_EQ(result.err, "");
+    for (const auto &entry : std::filesystem::directory_iterator(sandbox_variable("TMPDIR")))
+        ADD_FAILURE() << entry.path() << " is left";
+}
+
+/* What the program writes to a terminal of its own, which has as many columns. */
+std::string on_a_terminal(const std::vector<std::string> &arguments, unsigned short columns)
+{
+    const winsize size = {50, columns, 0, 0};
+    std::vector<std::string> texts = arguments;
+    std::vector<char *> argv = {const_cast<char *>("mail_responders_verify")};
+    std::string output;
+    int terminal = -1;
+    char chunk[4096];
+    ssize_t length;
+
+    for (std::string &text : texts)
+        argv.push_back(text.data());
+    argv.push_back(nullptr);
+
+    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
+
+    if (child == 0) {
+        (void)::execv(KOLMO_VERIFY_PROGRAM, argv.data());
+        ::_exit(127);
+    }
+    while ((length = ::read(terminal, chunk, sizeof chunk)) > 0)
+        output.append(chunk, static_cast<std::size_t>(length));
+    (void)::close(terminal);
+    (void)::waitpid(child, nullptr, 0);
+    return output;
+}
+
+/* What is never the same: the time, and a progress line that may or may not have been due. */
+std::string without_time(std::string text)
+{
+    text = std::regex_replace(text, std::regex("\"seconds\":[0-9.e+-]+"), "\"seconds\":0");
+    return std::regex_replace(text, std::regex("\r[^\r\n]*\x1b\\[K|\r(?=\n)"), "");
+}
+
+class GoldenTest : public VerifyTest
+{
+protected:
+    /* A panel and stores with a fault of many kinds. */
+    void SetUp() override
+    {
+        VerifyTest::SetUp();
+        panel->execute(read_file(KOLMO_SOURCE_DIR "/demo/panel-data.sql"));
+        ASSERT_EQ(rebuild().status, 0);
+        panel->execute(sql_domain(9, "sub.harbour-books.example") + sql_answering(91, 9, "x y"));
+        change_store(responder_store,
+                     "UPDATE autoresponder SET subject = 'x', body = replace(body, 'tide', 'weather') WHERE mn LIKE "
+                     "'info@harb%'; DELETE FROM attachments WHERE mn = 'info@books.example.com'; DELETE FROM "
+                     "extra_headers WHERE name = 'X-Priority'; INSERT INTO autoresponder (mn) VALUES "
+                     "('old@clinic.example.com')");
+        change_store(handlers_store,
+                     "UPDATE handlers SET enabled = 0 WHERE address LIKE 'lektorat@%'; INSERT INTO handlers VALUES (2, "
+                     "1, 1, 90, 'autoresponder', 'old@clinic.example.com', '/x', 'c', 0)");
+    }
+
+    static void expect_golden(const std::string &name, const std::string &output)
+    {
+        const std::string path = std::string(KOLMO_SOURCE_DIR) + "/tests/verify/golden/" + name;
+
+        if (std::getenv("KOLMO_WRITE_GOLDEN") != nullptr)
+            write_file(path, output, 0644);
+        EXPECT_EQ(output, read_file(path)) << "KOLMO_WRITE_GOLDEN=1 writes it anew";
+    }
+};
+
+TEST_F(GoldenTest, TextOnATerminalIsColouredAndAtMostAHundredColumnsWide)
+{
+    expect_golden("text.txt", without_time(on_a_terminal({}, 100)));
+}
+
+TEST_F(GoldenTest, TextElsewhereHasNoColours)
+{
+    expect_golden("plain.txt", run().out);
+}
+
+TEST_F(GoldenTest, JsonIsAnObjectALine)
+{
+    expect_golden("json.txt", without_time(run({"--json"}).out));
+}
+
+TEST_F(GoldenTest, QuietIsFindingsOnly)
+{
+    expect_golden("quiet.txt", run({"-q"}).out);
+}
+
+} // namespace
+
+} // namespace kolmo

@@ -1,0 +1,74 @@
+#include "verify/addresses.h"
+
+#include <algorithm>
+
+#include "common/idn.h"
+#include "common/owned.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+bool is_capital(char c)
+{
+    return c >= 'A' && c <= 'Z';
+}
+
+} // namespace
+
+std::string ascii_lower(std::string_view text)
+{
+    std::string lower(text);
+
+    for (char &c : lower) {
+        if (is_capital(c))
+            c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
+
+std::string handler_domain(const std::string &name)
+{
+    const OwnedText ascii(idn_to_ascii(name.c_str()));
+
+    return ascii != nullptr ? ascii_lower(ascii.get()) : "";
+}
+
+bool is_ascii(std::string_view text)
+{
+    return std::none_of(text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; });
+}
+
+bool has_capitals(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(), is_capital);
+}
+
+bool is_beyond_utf8mb3(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0xf0; });
+}
+
+std::string as_utf8mb3(std::string_view text)
+{
+    std::string result;
+
+    for (std::size_t i = 0; i < text.size(); i++) {
+        const bool is_beyond = is_beyond_utf8mb3(text.substr(i, 1));
+
+        result += is_beyond ? '?' : text[i];
+        i += is_beyond ? 3 : 0;
+    }
+    return result;
+}
+
+std::string_view domain_of(std::string_view address)
+{
+    const std::size_t at = address.rfind('@');
+
+    return at != std::string_view::npos ? address.substr(at + 1) : address;
+}
+
+} // namespace kolmo

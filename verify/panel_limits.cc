@@ -1,0 +1,281 @@
+#include "verify/panel_limits.h"
+
+#include <algorithm>
+
+#include "verify/addresses.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+/* A mailbox in the order in which the server lists its domain's. */
+struct ListedMailbox {
+    unsigned long id;
+    std::string id_text;
+    std::string name;
+};
+using MailboxList = std::vector<ListedMailbox>;
+
+int read_mailbox_list(MYSQL *panel, unsigned long domain_id, MailboxList *list)
+{
+    /* Without an order, like the rebuild: the server will choose the same one. */
+    return each_row(panel,
+                    "SELECT id, mail_name FROM mail WHERE dom_id=" + std::to_string(domain_id) +
+                        " AND autoresponder='true'",
+                    [&](const PanelRows &row) {
+                        list->push_back({row.number(0), std::string(row.text(0)), std::string(row.text(1))});
+                    });
+}
+
+/* How many names a rebuild makes of a list: empty ones go, but for the last. */
+std::size_t count_items(const std::string &list)
+{
+    std::size_t count = 1;
+
+    for (std::size_t i = 1; i < list.size(); i++) {
+        if (list[i] == ',' && list[i - 1] != ',')
+            count++;
+    }
+    return count;
+}
+
+const FindingCode *fault_of_name(const std::string &name)
+{
+    if (name.empty())
+        return &code_empty_name;
+    return name.find(',') != std::string::npos ? &code_comma_in_name : nullptr;
+}
+
+/* The pieces of a name are the addresses that a rebuild makes of it. */
+std::vector<std::string> pieces(const std::string &name, const char *delimiters)
+{
+    std::vector<std::string> found;
+    std::size_t start = 0;
+
+    while (true) {
+        const std::size_t end = name.find_first_of(delimiters, start);
+
+        found.push_back(name.substr(start, end - start));
+        if (end == std::string::npos)
+            return found;
+        start = end + 1;
+    }
+}
+
+/* Every name under which a domain's mailboxes have addresses, as the stores spell it. */
+template <typename Body>
+void each_spelling(const PanelNames &names, const PanelDomain &domain, const Body &body)
+{
+    const auto both = [&](const std::string &name) {
+        const std::string lower = ascii_lower(name);
+        const std::string ascii = handler_domain(name);
+
+        body(lower);
+        if (!ascii.empty() && ascii != lower)
+            body(ascii);
+    };
+
+    both(domain.name);
+    for (const PanelAlias &alias : names.aliases_of(domain))
+        both(alias.name);
+}
+
+} // namespace
+
+int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names)
+{
+    for (PanelDomain &domain : names->domains) {
+        if (domain.list_is_odd && read_list(panel, server, *names, &domain) != 0)
+            return -1;
+    }
+    if (read_twice(panel, *names) != 0)
+        return -1;
+    find_overlaps(*names);
+    find_end(*names);
+    return 0;
+}
+
+/*
+ * Names and ids are two lists that the server may cut, and are paired by position: behind a name that counts
+ * as none or as several, each mailbox gets the reply of another one.
+ */
+int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names, PanelDomain *domain)
+{
+    MailboxList list;
+    std::string all_names;
+    std::string all_ids;
+    const FindingCode *shift = nullptr;
+    const FindingCode *fault = nullptr;
+    std::set<std::string> seen;
+
+    if (read_mailbox_list(panel, domain->id, &list) != 0)
+        return -1;
+    for (std::size_t i = 0; i < list.size(); i++) {
+        const ListedMailbox &mailbox = list[i];
+        const FindingCode *const own = fault_of_name(mailbox.name);
+
+        all_names += (i > 0 ? "," : "") + mailbox.name;
+        all_ids += (i > 0 ? "," : "") + mailbox.id_text;
+
+        const FindingCode *const name_cut = all_names.size() > server.list_limit ? &code_list_cut : nullptr;
+        const FindingCode *const id_cut = all_ids.size() > server.list_limit ? &code_list_cut : nullptr;
+
+        shift = shift != nullptr ? shift : own;
+        mailboxes_[mailbox.id] = {shift != nullptr      ? shift
+                                  : name_cut != nullptr ? name_cut
+                                                        : id_cut,
+                                  own != nullptr ? own : name_cut};
+        fault = fault != nullptr ? fault : shift != nullptr ? shift : name_cut != nullptr ? name_cut : id_cut;
+
+        const std::string lower = ascii_lower(mailbox.name);
+
+        if (!seen.insert(lower).second)
+            each_spelling(names, *domain, [&](const std::string &name) { twice_.insert(lower + '@' + name); });
+        if (own != nullptr) {
+            for (const std::string &piece : pieces(lower, ", "))
+                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+            for (const std::string &piece : pieces(lower, ","))
+                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+        }
+        if (name_cut != nullptr)
+            each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
+    }
+
+    const std::string cut_names = all_names.substr(0, server.list_limit);
+    const std::string cut_ids = all_ids.substr(0, server.list_limit);
+    const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
+
+    for (const ListedMailbox &mailbox : list) {
+        if (breaks_query && mailboxes_[mailbox.id].reply == nullptr)
+            mailboxes_[mailbox.id].reply = &code_list_cut;
+    }
+    if (domain->ends_walk == nullptr && fault != nullptr &&
+        (breaks_query || count_items(cut_names) > count_items(cut_ids)))
+        domain->ends_walk = fault;
+    return 0;
+}
+
+/* Names of domains that occur more than once; then, which mailboxes meet there. */
+int PanelLimits::read_twice(MYSQL *panel, const PanelNames &names)
+{
+    std::vector<std::pair<std::size_t, std::uint32_t>> spellings;
+    std::set<std::uint32_t> suspects;
+    std::map<std::string, std::set<std::uint32_t>> owners;
+
+    for (std::uint32_t i = 0; i < names.domains.size(); i++) {
+        if (names.domains[i].mailboxes > 0)
+            each_spelling(names, names.domains[i], [&](const std::string &name) {
+                spellings.emplace_back(std::hash<std::string>{}(name), i);
+            });
+    }
+    std::sort(spellings.begin(), spellings.end());
+    for (std::size_t i = 1; i < spellings.size(); i++) {
+        if (spellings[i].first == spellings[i - 1].first && spellings[i].second != spellings[i - 1].second) {
+            suspects.insert(spellings[i].second);
+            suspects.insert(spellings[i - 1].second);
+        }
+    }
+    for (const std::uint32_t place : suspects) {
+        const PanelDomain &domain = names.domains[place];
+        MailboxList list;
+
+        if (read_mailbox_list(panel, domain.id, &list) != 0)
+            return -1;
+        for (const ListedMailbox &mailbox : list)
+            each_spelling(names, domain, [&](const std::string &name) {
+                owners[ascii_lower(mailbox.name) + '@' + name].insert(place);
+            });
+    }
+    for (const auto &[address, places] : owners) {
+        if (places.size() > 1)
+            twice_.insert(address);
+    }
+    return 0;
+}
+
+void PanelLimits::find_overlaps(const PanelNames &names)
+{
+    finder_.emplace(names);
+    for (std::uint32_t i = 0; i < names.domains.size(); i++) {
+        const PanelDomain &domain = names.domains[i];
+
+        if (domain.mailboxes == 0)
+            continue;
+        each_spelling(names, domain, [&](const std::string &other) {
+            for (const std::uint32_t taker : finder_->domains_in(other, i))
+                overlaps_[taker].push_back(other);
+        });
+        /* Its own aliases are no strangers, but a longer one gets its replies repeated under another name. */
+        for (const PanelAlias &alias : names.aliases_of(domain)) {
+            if (domain.aliases > 1 && alias.name.size() > domain.name.size() && alias.name.starts_with(domain.name))
+                overlaps_[i].push_back(alias.name);
+        }
+    }
+    for (const auto &[place, others] : overlaps_) {
+        const PanelDomain &domain = names.domains[place];
+
+        for (const PanelAlias &alias : names.aliases_of(domain)) {
+            expect_junk(ascii_lower(alias.name), &code_alias_overlaps_domain);
+            for (const std::string &other : others) {
+                if (other.starts_with(domain.name))
+                    expect_junk(alias.name + other.substr(domain.name.size()), &code_alias_overlaps_domain);
+            }
+        }
+    }
+}
+
+void PanelLimits::find_end(const PanelNames &names)
+{
+    const auto end = std::find_if(names.domains.begin(), names.domains.end(),
+                                  [](const PanelDomain &domain) { return domain.ends_walk != nullptr; });
+
+    if (end == names.domains.end())
+        return;
+    end_place_ = static_cast<std::size_t>(end - names.domains.begin());
+    end_ = end->ends_walk;
+}
+
+const FindingCode *PanelLimits::before_domain(std::size_t place) const
+{
+    return place > end_place_ ? end_ : nullptr;
+}
+
+const FindingCode *PanelLimits::before_aliases(std::size_t place) const
+{
+    return place >= end_place_ ? end_ : nullptr;
+}
+
+Limits PanelLimits::of_mailbox(unsigned long id) const
+{
+    const auto found = mailboxes_.find(id);
+
+    return found != mailboxes_.end() ? found->second : Limits{};
+}
+
+const std::vector<std::string> &PanelLimits::overlaps(std::uint32_t place) const
+{
+    static const std::vector<std::string> none;
+    const auto found = overlaps_.find(place);
+
+    return found != overlaps_.end() ? found->second : none;
+}
+
+std::set<std::uint32_t> PanelLimits::takers(const std::string &local, std::uint32_t place) const
+{
+    return finder_->domains_in(local, place);
+}
+
+const FindingCode *PanelLimits::of_junk(std::string_view address) const
+{
+    for (const std::string_view key : {address, domain_of(address)}) {
+        const auto found = junk_.find(key);
+
+        if (found != junk_.end())
+            return found->second;
+    }
+    return nullptr;
+}
+
+} // namespace kolmo

@@ -1,0 +1,15 @@
+/*
+ * program: a run of mail_responders_verify.
+ */
+#ifndef KOLMO_VERIFY_PROGRAM_H
+#define KOLMO_VERIFY_PROGRAM_H
+
+namespace kolmo
+{
+
+/* Reads the command line, looks, and says what it found.  Returns the exit status: 0, 1 or 2. */
+[[nodiscard]] int verify_program(int argc, char **argv);
+
+} // namespace kolmo
+
+#endif

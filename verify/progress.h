@@ -1,0 +1,37 @@
+/*
+ * progress: a line on standard error that says how far a run is, and when it may end.
+ */
+#ifndef KOLMO_VERIFY_PROGRESS_H
+#define KOLMO_VERIFY_PROGRESS_H
+
+#include <chrono>
+
+namespace kolmo
+{
+
+class Progress
+{
+public:
+    /* Without `shown` nothing is ever printed. */
+    explicit Progress(bool shown);
+    ~Progress() { clear(); }
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    /* Prints the line anew, not more often than ten times a second. */
+    void show(unsigned long done, unsigned long all);
+
+    /* Takes the line away. */
+    void clear();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    bool shown_;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point last_ = start_;
+};
+
+} // namespace kolmo
+
+#endif

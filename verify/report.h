@@ -1,0 +1,35 @@
+/*
+ * report: what verify says, counted on its way to the sink.
+ */
+#ifndef KOLMO_VERIFY_REPORT_H
+#define KOLMO_VERIFY_REPORT_H
+
+#include <string>
+
+#include "verify/verify.h"
+
+namespace kolmo
+{
+
+class Report
+{
+public:
+    Report(const VerifySink &sink, VerifySummary *summary) : sink_(sink), summary_(summary) {}
+
+    /* Sets remedy and help: those of the limit behind it, else the code's. */
+    void find(Finding finding) const;
+
+    void trouble(const std::string &text) const;
+    void note(const std::string &text) const;
+    void progress(unsigned long all) const;
+
+    [[nodiscard]] VerifySummary &summary() const { return *summary_; }
+
+private:
+    const VerifySink &sink_;
+    VerifySummary *summary_;
+};
+
+} // namespace kolmo
+
+#endif

@@ -1,0 +1,59 @@
+/*
+ * sqlite_query: owners of a connection and of a prepared statement, for reading.
+ */
+#ifndef KOLMO_VERIFY_SQLITE_QUERY_H
+#define KOLMO_VERIFY_SQLITE_QUERY_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sqlite3.h>
+
+namespace kolmo
+{
+
+struct CloseSqlite {
+    void operator()(sqlite3 *db) const noexcept { (void)sqlite3_close_v2(db); }
+};
+using SqliteConnection = std::unique_ptr<sqlite3, CloseSqlite>;
+
+/*
+ * A statement that is prepared once and asked as often as one likes.
+ *
+ *     query.ask(address);
+ *     while (query.next())
+ *         ... query.text(0) ...
+ */
+class SqliteQuery
+{
+public:
+    /* Returns 0, or -1: sqlite3_errmsg of the connection says why. */
+    [[nodiscard]] int prepare(sqlite3 *db, const char *sql);
+
+    /* Starts anew; with a text for the only placeholder, which must live until the last next(). */
+    void ask();
+    void ask(std::string_view text);
+
+    /* The next row; false at the end and after a failure. */
+    [[nodiscard]] bool next();
+    [[nodiscard]] bool failed() const { return step_ != SQLITE_ROW && step_ != SQLITE_DONE; }
+
+    /* Columns of the row, good until the next call of next or ask. */
+    [[nodiscard]] std::optional<std::string_view> text(int column) const; /* nothing for NULL */
+    [[nodiscard]] std::int64_t number(int column) const;
+
+private:
+    struct Finalize {
+        void operator()(sqlite3_stmt *statement) const noexcept { (void)sqlite3_finalize(statement); }
+    };
+
+    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+    int step_ = SQLITE_DONE;
+};
+
+} // namespace kolmo
+
+#endif

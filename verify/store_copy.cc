@@ -1,0 +1,257 @@
+#include "verify/store_copy.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/owned.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+const char mail_group[] = "popuser";
+
+/* A step holds the lock for a few milliseconds: a writer waits 50 and more. */
+constexpr int pages_of_a_step = 512;
+constexpr int most_beginnings = 10;
+
+struct FinishBackup {
+    void operator()(sqlite3_backup *backup) const noexcept { (void)sqlite3_backup_finish(backup); }
+};
+using Backup = std::unique_ptr<sqlite3_backup, FinishBackup>;
+
+/* The words of the file format (https://www.sqlite.org/fileformat.html, 1.3). */
+bool is_database(const char (&header)[100])
+{
+    return std::memcmp(header, "SQLite format 3", 16) == 0;
+}
+
+bool is_in_wal_mode(const char (&header)[100])
+{
+    return header[18] == 2 || header[19] == 2;
+}
+
+bool is_busy(int rc)
+{
+    return (rc & 0xff) == SQLITE_BUSY || (rc & 0xff) == SQLITE_LOCKED;
+}
+
+std::string octal(mode_t mode)
+{
+    std::string digits;
+
+    for (int shift = 9; shift >= 0; shift -= 3)
+        digits += static_cast<char>('0' + ((mode >> shift) & 7));
+    return digits;
+}
+
+/* The group's id, or nothing after telling that there is none. */
+std::optional<gid_t> mail_group_id(const TroubleSink &trouble)
+{
+    const group *const entry = ::getgrnam(mail_group);
+
+    if (entry == nullptr) {
+        trouble("there is no group popuser, by which the mail server reads the stores");
+        return std::nullopt;
+    }
+    return entry->gr_gid;
+}
+
+int open_source(const std::string &path, SqliteConnection *source, const TroubleSink &trouble)
+{
+    sqlite3 *db = nullptr;
+    const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+
+    source->reset(db);
+    if (rc == SQLITE_OK)
+        return 0;
+    trouble(path + " cannot be opened: " + (db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc)));
+    return -1;
+}
+
+/* The empty name is SQLite's for a file of its own that has none. */
+int open_copy(SqliteConnection *copy, const TroubleSink &trouble)
+{
+    sqlite3 *db = nullptr;
+    int rc = sqlite3_open_v2("", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+
+    copy->reset(db);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA cache_size = -1024", nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK)
+        return 0;
+    trouble(std::string("no private copy can be made: ") + sqlite3_errstr(rc));
+    return -1;
+}
+
+/* What a failed copy means; a reader that may not write cannot roll a hot journal back. */
+std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
+{
+    if (rc == SQLITE_READONLY_ROLLBACK || rc == SQLITE_READONLY_RECOVERY || (rc & 0xff) == SQLITE_READONLY)
+        return path + " has a hot journal (" + path +
+               "-journal): a writer was killed in the middle of a commit. Never delete the journal; open the store "
+               "once with write access, and SQLite rolls back: sqlite3 " +
+               path + " 'SELECT count(*) FROM sqlite_master'";
+    if (is_busy(rc))
+        return path + " is locked by another process, longer than was waited for (--wait)";
+    if ((rc & 0xff) == SQLITE_NOTADB)
+        return path + " is no database, or is damaged";
+    return path + " cannot be copied: " + sqlite3_errstr(rc) + " (" + sqlite3_errmsg(source) + ")";
+}
+
+/* Tells by its progress when the copy began anew. */
+class Beginnings
+{
+public:
+    [[nodiscard]] int count(sqlite3_backup *backup)
+    {
+        const int done = sqlite3_backup_pagecount(backup) - sqlite3_backup_remaining(backup);
+
+        if (done <= done_)
+            count_++;
+        done_ = done;
+        return count_;
+    }
+
+private:
+    int done_ = 0;
+    int count_ = 1;
+};
+
+int copy_pages(sqlite3_backup *backup, std::chrono::milliseconds wait)
+{
+    constexpr std::chrono::milliseconds pause(5);
+    const Clock::time_point deadline = Clock::now() + wait;
+    Beginnings beginnings;
+    int pages = pages_of_a_step;
+    int rc;
+
+    while ((rc = sqlite3_backup_step(backup, pages)) != SQLITE_DONE) {
+        if (rc == SQLITE_OK) {
+            if (beginnings.count(backup) >= most_beginnings)
+                pages = -1;
+        } else if (!is_busy(rc) || Clock::now() >= deadline) {
+            return rc;
+        } else {
+            std::this_thread::sleep_for(pause);
+        }
+    }
+    return SQLITE_OK;
+}
+
+int check_copy(sqlite3 *copy, const std::string &path, const TroubleSink &trouble)
+{
+    SqliteQuery check;
+
+    if (check.prepare(copy, "PRAGMA quick_check(1)") == 0 && check.next() && check.text(0) == "ok")
+        return 0;
+
+    const std::string found(check.text(0).value_or(sqlite3_errmsg(copy)));
+
+    trouble(path + " is damaged (PRAGMA quick_check): " + found);
+    return -1;
+}
+
+} // namespace
+
+int check_store_file(const std::string &path, const TroubleSink &trouble)
+{
+    const Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    char header[100] = "";
+
+    if (!file.is_open() || ::fstat(file.get(), &status) != 0) {
+        trouble(path + " cannot be read: " + std::strerror(errno));
+        return -1;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        trouble(path + " is no file");
+        return -1;
+    }
+    if (status.st_size == 0) {
+        trouble(path + " is empty: it has no tables");
+        return -1;
+    }
+    if (::pread(file.get(), header, sizeof header, 0) != sizeof header || !is_database(header)) {
+        trouble(path + " is no database");
+        return -1;
+    }
+    if (is_in_wal_mode(header)) {
+        trouble(path + " is in WAL mode, in which nobody can read it without writing: sqlite3 " + path +
+                " 'PRAGMA journal_mode = DELETE'");
+        return -1;
+    }
+    return 0;
+}
+
+void check_handlers_owner(const std::string &path, const TroubleSink &trouble)
+{
+    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
+    struct stat status;
+
+    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
+        return;
+    if (status.st_uid != 0 || status.st_gid != *mail_gid)
+        trouble(path + " belongs to " + std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid) +
+                ", not to root:popuser: chown root:popuser " + path);
+    if ((status.st_mode & 07777) != 0640)
+        trouble(path + " has mode " + octal(status.st_mode & 07777) + ", not 0640: chmod 0640 " + path);
+}
+
+void check_responder_reader(const std::string &path, const TroubleSink &trouble)
+{
+    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
+    struct stat status;
+
+    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
+        return;
+
+    const bool readable =
+        status.st_gid == *mail_gid ? (status.st_mode & S_IRGRP) != 0 : (status.st_mode & S_IROTH) != 0;
+
+    if (!readable)
+        trouble(path + " cannot be read by the mail server's group (mode " + octal(status.st_mode & 07777) +
+                ", group " + std::to_string(status.st_gid) + "): chgrp popuser " + path + " && chmod g+r " +
+                path);
+}
+
+SqliteConnection copy_store(const std::string &path, std::chrono::milliseconds wait, const TroubleSink &trouble)
+{
+    SqliteConnection source;
+    SqliteConnection copy;
+
+    if (open_source(path, &source, trouble) != 0 || open_copy(&copy, trouble) != 0)
+        return nullptr;
+    (void)sqlite3_exec(source.get(), "PRAGMA cache_size = -64", nullptr, nullptr, nullptr);
+
+    Backup backup(sqlite3_backup_init(copy.get(), "main", source.get(), "main"));
+
+    if (backup == nullptr) {
+        trouble(std::string("no private copy can be made: ") + sqlite3_errmsg(copy.get()));
+        return nullptr;
+    }
+
+    const int rc = copy_pages(backup.get(), wait);
+
+    backup.reset();
+    if (rc != SQLITE_OK) {
+        trouble(copy_failure(path, rc, source.get()));
+        return nullptr;
+    }
+    if (check_copy(copy.get(), path, trouble) != 0)
+        return nullptr;
+    return copy;
+}
+
+} // namespace kolmo

@@ -1,0 +1,62 @@
+/*
+ * store_rows: the rows of both stores, looked up by address in their private copies; what nobody asked for is
+ * what the stores have too much.
+ */
+#ifndef KOLMO_VERIFY_STORE_ROWS_H
+#define KOLMO_VERIFY_STORE_ROWS_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "verify/row_set.h"
+#include "verify/sqlite_query.h"
+
+namespace kolmo
+{
+
+/* One table of a copy: asked by its key column, told what was left over. */
+class KeyedTable
+{
+public:
+    /*
+     * Gets ready, with an index of the copy's own where the table has none for its key.
+     *
+     * columns  what next() selects behind the row's number and the key, separated by commas
+     * left     the same for each_left; null for nothing
+     * filter   a condition that all rows must meet; null for none
+     * Returns 0, or -1 when the table or a column is not there: sqlite3_errmsg says which.
+     */
+    [[nodiscard]] int open(sqlite3 *db, const char *table, const char *key, const char *columns,
+                           const char *left, const char *filter);
+
+    /* The next row with exactly this key, in no order. */
+    void ask(std::string_view key);
+    [[nodiscard]] bool next();
+    [[nodiscard]] bool failed() const { return rows_.failed(); }
+
+    /* The columns of the row, counted from 0 behind the key. */
+    [[nodiscard]] std::optional<std::string_view> text(int column) const { return rows_.text(column + 2); }
+
+    /* The row that next() found was expected. */
+    void keep() { kept_.add(rows_.number(0)); }
+
+    /* Calls body with the key and the row (columns from 2) of each row that was not kept, in the order of
+       the keys.  Returns 0, or -1 when the rows could not be read to their end. */
+    [[nodiscard]] int
+    each_left(const std::function<void(std::string_view key, const SqliteQuery &row)> &body);
+
+    [[nodiscard]] bool is_empty() const { return empty_; }
+
+private:
+    SqliteQuery rows_;
+    SqliteQuery all_;
+    RowSet kept_;
+    std::string key_;
+    bool empty_ = false;
+};
+
+} // namespace kolmo
+
+#endif
