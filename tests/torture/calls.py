@@ -64,7 +64,7 @@ def observe(worker):
     """The calls of an undisturbed run after main began, in order, as (name, position), those before by name, the
     calls of the child until it is the utility, and what the shim counts."""
     worker.reset()
-    worker.run(worker.strace())
+    undisturbed(worker.run(worker.strace()))
     before, after = collections.Counter(), collections.Counter()
     calls, in_main = [], False
     for name in re.findall(r"^(\w+)\(", worker.text("trace"), re.M):
@@ -76,15 +76,21 @@ def observe(worker):
         after[name] += 1
         calls.append((name, after[name]))
     worker.reset()
-    outcome = worker.run()
+    outcome = undisturbed(worker.run())
     counts = {name: int(number) for _, name, number in
               (line.split() for line in outcome.report if line.startswith("count "))}
     return Trace(calls, before, child_calls(worker), counts)
 
 
+def undisturbed(outcome):
+    if not outcome.silent():
+        raise RuntimeError(f"an undisturbed run is not one: {outcome}")
+    return outcome
+
+
 def child_calls(worker):
     worker.reset()
-    run_child(worker, [])
+    undisturbed(run_child(worker, []))
     seen, calls = collections.Counter(), []
     for name in re.findall(r"^(\w+)\(", worker.text("trace"), re.M):
         seen[name] += 1

@@ -58,7 +58,7 @@ def opened(folder, store, outcome):
 
 
 def utility_failed(outcome):
-    return "Unable to re-initialize autoresponder's database" in outcome.stderr or outcome.status == 1
+    return "Unable to re-initialize autoresponder's database" in outcome.stderr
 
 
 def others_kept(files, undisturbed_files, handlers):
@@ -82,7 +82,7 @@ def prefix_kept(rows, outcome):
         if rows[store] is not None and not any(is_state(rows[store], state, outcome) for state in states):
             nearest = min(states, key=lambda state: len(state ^ rows[store]))
             yield "L4", (f"{os.path.basename(store)} is no prefix; nearest: missing {sorted(nearest - rows[store])}"
-                         f" too many {sorted(rows[store] - nearest)}")
+                         f" too many {sorted(rows[store] - nearest)}; standard error: {outcome.stderr.strip()}")
 
 
 def is_state(rows, state, outcome):

@@ -10,6 +10,7 @@ import random
 import re
 
 import world
+from calls import undisturbed
 
 SECTOR = 512
 VARIANTS = 10 # images at each sync: nothing, everything, and random ones
@@ -105,7 +106,7 @@ class Disk:
 def record(worker):
     """The calls of a run as (what, path, ...), and the stores' files at its beginning."""
     worker.reset()
-    worker.run(worker.strace("-xx", "-s", "1000000", "-e", "trace=" + CALLS))
+    undisturbed(worker.run(worker.strace("-xx", "-s", "1000000", "-e", "trace=" + CALLS)))
     calls = []
     for line in worker.text("trace").splitlines():
         call = parse(line)

@@ -8,7 +8,7 @@
  *   TORTURE_REPORT=FILE     what is found goes there, a line each:
  *                             failed FRAME ...          the allocation that failed, from the caller outwards
  *                             crash SIGNAL FRAME ...
- *                             open NUMBER TARGET        a descriptor above 2 at the end
+ *                             open NUMBER TARGET        a descriptor above 2 when main returned
  *                             count NAME N              calls seen, at the end
  *   TORTURE_MEMORY=N[+]     the Nth allocation fails, with + each later one, too
  *   TORTURE_HALF=NAME:N     the Nth call of NAME transfers half of what was asked for
@@ -65,13 +65,16 @@ void report_frames(const char *what)
     char line[4096];
     void *frames[24];
     std::size_t length = static_cast<std::size_t>(std::snprintf(line, sizeof line, "%s", what));
+    Dl_info self = {};
 
     reporting = true;
+    (void)dladdr(reinterpret_cast<void *>(&report), &self);
     const int count = backtrace(frames, 24);
-    for (int i = 2; i < count && length < sizeof line - 300; i++) {
+    for (int i = 0; i < count && length < sizeof line - 300; i++) {
         Dl_info info = {};
 
-        if (dladdr(static_cast<char *>(frames[i]) - 1, &info) == 0 || info.dli_fname == nullptr)
+        if (dladdr(static_cast<char *>(frames[i]) - 1, &info) == 0 || info.dli_fname == nullptr ||
+            info.dli_fbase == self.dli_fbase)
             continue;
         const char *const slash = std::strrchr(info.dli_fname, '/');
         const long offset = static_cast<char *>(frames[i]) - 1 - static_cast<char *>(info.dli_fbase);
@@ -160,13 +163,10 @@ void take_options()
         (void)sigaction(number, &crash, nullptr);
 }
 
-[[gnu::destructor]] void finish()
+void report_open()
 {
     char line[512], name[64], target[256];
 
-    if (getpid() != program)
-        return;
-    in_main = false;
     for (int fd = 3; fd < 64; fd++) {
         (void)std::snprintf(name, sizeof name, "/proc/self/fd/%d", fd);
         const ssize_t length = readlink(name, target, sizeof target - 1);
@@ -177,6 +177,15 @@ void take_options()
         (void)std::snprintf(line, sizeof line, "open %d %s\n", fd, target);
         report(line);
     }
+}
+
+[[gnu::destructor]] void report_counts()
+{
+    char line[64];
+
+    if (getpid() != program)
+        return;
+    in_main = false;
     (void)std::snprintf(line, sizeof line, "count memory %ld\n", memory_seen);
     report(line);
     for (int i = 0; i < transfers; i++) {
@@ -191,7 +200,11 @@ int marked_main(int argc, char **argv, char **environment)
 {
     (void)syscall(SYS_getppid);
     in_main = true;
-    return real_main(argc, argv, environment);
+    const int status = real_main(argc, argv, environment);
+    in_main = false;
+    if (getpid() == program)
+        report_open(); /* who ends by exit in mid-work leaves closing to the kernel */
+    return status;
 }
 
 } // namespace

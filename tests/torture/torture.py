@@ -18,33 +18,40 @@ import power
 import world
 from runner import Worker
 
-SAMPLE = 400 # runs
+SAMPLE = 250 # runs, and one of each kind and call
 
 # --- in a worker process
 
 state = {}
 
 
-def become_worker(program, shim):
-    number = multiprocessing.current_process()._identity[0]
-    worker = Worker(number, program, shim)
-    state.update(worker=worker, files=worker.files(), trace=calls.observe(worker), recording=power.record(worker))
+def remember(program, shim):
+    state.update(program=program, shim=shim)
 
 
-def plan(_):
-    """Every run's name, in the order of the kinds; first of all that an undisturbed run is as it should be."""
-    worker = state["worker"]
-    worker.reset()
+def become_worker():
+    """Once, and in a task: what fails here is to reach the main process."""
+    if "recording" in state:
+        return state["worker"]
+    worker = state["worker"] = Worker(multiprocessing.current_process()._identity[0], state["program"], state["shim"])
+    state["files"] = worker.files()
     outcome = worker.run()
     found = list(laws.after_run(worker, outcome, state["files"]))
     if not outcome.silent() or found:
         raise RuntimeError(f"an undisturbed run ends with {outcome.status}: {outcome.stderr}{found}")
+    state.update(trace=calls.observe(worker), recording=power.record(worker))
+    return worker
+
+
+def plan(_):
+    """Every run's name, in the order of the kinds."""
+    become_worker()
     return [*calls.names(state["trace"]), *power.names(state["recording"]), *company.names(), "memcheck:run"]
 
 
 def make_run(name):
     """(name, whether it was disturbed, [(law, what was seen)], what it said)"""
-    worker = state["worker"]
+    worker = become_worker()
     kind = name.split(":")[0]
     for _ in range(3):
         worker.reset()
@@ -98,6 +105,7 @@ def exceptions():
     """The rows of docs/testing.md's table: (pattern of the run, law, pattern of what was seen, its text)."""
     with open(world.ROOT + "/docs/testing.md", encoding="utf-8") as file:
         for run, law, seen in re.findall(r"^\| `([^`]+)` \| (L\d) \| `([^`]+)` \|", file.read(), re.M):
+            run, seen = (pattern.replace("\\|", "|") for pattern in (run, seen))
             yield re.compile(run), law, re.compile(seen, re.S), f"{run}  {law}  {seen}"
 
 
@@ -118,7 +126,7 @@ def choose(names, arguments):
     chosen, kinds = [], set()
     quick = [name for name in names if not re.match(r"call:on:fcntl:\d+:EAGAIN|memcheck", name)]
     for name in quick:
-        kind = re.sub(r":\d+", "", name)
+        kind = re.sub(r":\d.*", "", name)
         if kind not in kinds or zlib.crc32(name.encode()) % len(quick) < arguments.runs:
             chosen.append(name)
         kinds.add(kind)
@@ -143,9 +151,10 @@ class Progress:
 def torture(arguments):
     known, used = list(exceptions()), collections.Counter()
     tally = collections.defaultdict(collections.Counter)
-    violations = []
+    violations = 0
     begin = time.monotonic()
-    with multiprocessing.Pool(arguments.workers, become_worker, (arguments.program, arguments.shim)) as pool:
+    with open(arguments.log, "w", encoding="utf-8") as log, multiprocessing.Pool(
+            arguments.workers, remember, (arguments.program, arguments.shim)) as pool:
         names = choose(pool.apply(plan, (None,)), arguments)
         progress = Progress(len(names))
         for name, disturbed, found, said in pool.imap_unordered(make_run, names, 4):
@@ -155,20 +164,18 @@ def torture(arguments):
             for law, seen in found:
                 excepted = is_known(known, used, name, law, seen)
                 row["known" if excepted else law] += 1
+                print(f"{name}\t{law}\t{'known' if excepted else 'new'}\t{seen!r}", file=log, flush=True)
                 if not excepted:
-                    violations.append((name, law, seen))
-                    if arguments.verbose or len(violations) <= 20:
+                    violations += 1
+                    if arguments.verbose or violations <= 50:
                         print(f"{law} {seen[:1500]}\n    tools/torture --only '{name}'", flush=True)
             if arguments.verbose:
                 print(f"{name}: {said}", flush=True)
-            progress.step(len(violations))
+            progress.step(violations)
     show(tally, violations, time.monotonic() - begin)
     for _, _, _, text in known:
         if arguments.verbose or (arguments.all and not used[text]):
             print(f"exception used {used[text]} times: {text}")
-    if arguments.log:
-        with open(arguments.log, "w", encoding="utf-8") as file:
-            file.writelines(f"{name}\t{law}\t{seen!r}\n" for name, law, seen in violations)
     return 1 if violations or not names else 0
 
 
@@ -180,7 +187,7 @@ def show(tally, violations, seconds):
         total.update(row)
         print(f"{kind:16}" + "".join(f"{row[column] or '.':>8}" for column in columns))
     print(f"{'all':16}" + "".join(f"{total[column] or '.':>8}" for column in columns))
-    print(f"\n{len(violations)} violations in {total['runs']} runs, {seconds:.0f} s")
+    print(f"\n{violations} violations in {total['runs']} runs, {seconds:.0f} s")
 
 
 def fill_panel():
@@ -206,13 +213,17 @@ def main():
     parser.add_argument("--runs", type=int, default=SAMPLE)
     parser.add_argument("--workers", type=int, default=2)
     parser.add_argument("--verbose", action="store_true")
-    parser.add_argument("--log")
+    parser.add_argument("--log", default=os.devnull)
     parser.add_argument("--program", required=True)
     parser.add_argument("--shim", required=True)
     arguments = parser.parse_args()
     os.closerange(3, 256) # what the caller left open is no leak of the program
     fill_panel()
-    return torture(arguments)
+    try:
+        return torture(arguments)
+    except RuntimeError as error:
+        print(f"torture: {error}", file=sys.stderr)
+        return 1
 
 
 if __name__ == "__main__":
