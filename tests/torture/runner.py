@@ -116,7 +116,11 @@ class Worker:
         for entry in os.scandir(self.stores):
             shutil.rmtree(entry.path)
         shutil.copytree(source or self.template, self.stores, dirs_exist_ok=True)
-        handlers = os.path.join(self.stores, os.path.relpath(world.HANDLERS, world.STORES))
+        self.own_handlers(self.stores)
+
+    @staticmethod
+    def own_handlers(stores):
+        handlers = os.path.join(stores, os.path.relpath(world.HANDLERS, world.STORES))
         if os.path.exists(handlers):
             os.chown(handlers, 0, grp.getgrnam("popuser").gr_gid)
             os.chmod(handlers, 0o640)

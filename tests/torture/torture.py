@@ -84,10 +84,9 @@ def after_power_cut(worker, name):
     for path in world.TABLES:
         os.unlink(path)
     for path, content in files.items():
-        mode = 0o640 if path.startswith(world.HANDLERS) else 0o644
         with open(path, "wb") as file:
             file.write(content)
-        os.chmod(path, mode)
+    worker.own_handlers(worker.stores)
     return list(laws.after_power_cut(worker, commits, state["files"]))
 
 
