@@ -200,7 +200,7 @@ def said_enough(outcome):
     if stderr_deaf or syslog_deaf:
         return
     printed = [match[1] for match in map(LOG_LINE.search, outcome.stderr.splitlines()) if match]
-    logged = [match[1] for match in map(SYSLOG_LINE.match, outcome.syslog) if match]
+    logged = [match[1].rstrip("\n") for match in map(SYSLOG_LINE.match, outcome.syslog) if match]
     if printed != logged:
         yield "L6", f"syslog has {logged}, standard error {printed}"
 
@@ -220,7 +220,7 @@ def said_documented(outcome):
             yield "L6", "not in the manual: " + text
     for line in outcome.syslog:
         match = SYSLOG_LINE.match(line)
-        if not match or not is_documented(match[1]):
+        if not match or not is_documented(match[1].rstrip("\n")):
             yield "L6", "not in the manual, to syslog: " + line
 
 
