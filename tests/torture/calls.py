@@ -1,0 +1,176 @@
+"""Runs in which system calls fail, stop half-way or end the program, and runs in which memory is short.
+
+A run's name says all: `call:once:pwrite64:17:ENOSPC` lets the 17th pwrite64 after main began fail once.
+strace counts each call's name by itself, so a position stays the same when the server answers sooner or
+later and poll is called more or less often.
+"""
+
+import collections
+import os
+import re
+import signal
+import time
+
+from runner import Outcome, children
+
+# Calls that do not fail, or whose failure nobody could notice.
+NEVER_FAIL = {"getpid", "getppid", "gettid", "geteuid", "getuid", "futex", "exit_group", "rt_sigaction",
+              "rt_sigprocmask", "rt_sigreturn", "sigaltstack", "set_robust_list", "tgkill", "munmap", "brk"}
+# brk stays out: when it fails, the C library's allocator turns to mmap.
+
+# The error numbers that each call can meet, the likeliest first: that one also persists.
+ERRORS = {
+    "clone": "EAGAIN ENOMEM",
+    "close": "EIO EINTR",
+    "connect": "ECONNREFUSED EACCES EINTR EAGAIN",
+    "dup2": "EMFILE EINTR",
+    "execve": "ENOENT EACCES ENOMEM EIO",
+    "fchown": "EPERM EIO",
+    "fcntl": "EIO EINTR ENOLCK EAGAIN EACCES",
+    "fdatasync": "EIO ENOSPC EINTR",
+    "ftruncate": "EIO ENOSPC EINTR",
+    "getdents64": "EIO ENOMEM",
+    "lseek": "EIO",
+    "mmap": "ENOMEM",
+    "newfstatat": "EIO EACCES ENOMEM",
+    "openat": "EACCES EMFILE ENOSPC EINTR EIO ENOMEM",
+    "pipe2": "EMFILE ENFILE ENOMEM",
+    "poll": "ENOMEM EINTR",
+    "pread64": "EIO EINTR ENOMEM",
+    "prlimit64": "EPERM",
+    "pselect6": "ENOMEM EINTR EBADF",
+    "pwrite64": "ENOSPC EIO EINTR EDQUOT",
+    "read": "EIO EINTR EAGAIN",
+    "recvfrom": "ECONNRESET EINTR EAGAIN ENOMEM",
+    "sendto": "ECONNRESET EPIPE EINTR EAGAIN ENOBUFS",
+    "setsockopt": "ENOMEM",
+    "shutdown": "ENOTCONN",
+    "socket": "EMFILE ENOBUFS EACCES",
+    "unlink": "EACCES EIO EBUSY",
+    "wait4": "EINTR ECHILD",
+    "write": "EIO ENOSPC EINTR EPIPE",
+}
+# Calls on files and on the server's socket: they also fail from a position on.
+PERSISTENT = {"close", "fcntl", "fdatasync", "ftruncate", "newfstatat", "openat", "poll", "pread64", "pwrite64",
+              "read", "recvfrom", "sendto", "unlink", "write"}
+HALVED = ("read", "write", "pread64", "pwrite64", "recv", "send")
+SIGNALS = ("TERM", "INT", "HUP", "PIPE")
+SIGNAL_STEP = 12 # every so many calls, one of these
+
+Trace = collections.namedtuple("Trace", "calls before child counts")
+
+
+def observe(worker):
+    """The calls of an undisturbed run after main began, in order, as (name, position), those before by name, the
+    calls of the child until it is the utility, and what the shim counts."""
+    worker.reset()
+    undisturbed(worker.run(worker.strace()))
+    before, after = collections.Counter(), collections.Counter()
+    calls, in_main = [], False
+    for name in re.findall(r"^(\w+)\(", worker.text("trace"), re.M):
+        if name == "getppid":
+            in_main = True
+        if not in_main:
+            before[name] += 1
+            continue
+        after[name] += 1
+        calls.append((name, after[name]))
+    worker.reset()
+    outcome = undisturbed(worker.run())
+    counts = {name: int(number) for _, name, number in
+              (line.split() for line in outcome.report if line.startswith("count "))}
+    return Trace(calls, before, child_calls(worker), counts)
+
+
+def undisturbed(outcome):
+    if not outcome.silent():
+        raise RuntimeError(f"an undisturbed run is not one: {outcome}")
+    return outcome
+
+
+def child_calls(worker):
+    worker.reset()
+    undisturbed(run_child(worker, []))
+    seen, calls = collections.Counter(), []
+    for name in re.findall(r"^(\w+)\(", worker.text("trace"), re.M):
+        seen[name] += 1
+        calls.append((name, seen[name]))
+        if name == "execve":
+            break
+    return calls
+
+
+def names(trace):
+    """Every run of this kind, by name."""
+    for name, k in trace.calls:
+        if name not in NEVER_FAIL:
+            for error in ERRORS.get(name, "EIO ENOMEM EINTR").split():
+                yield f"call:once:{name}:{k}:{error}"
+        if name in PERSISTENT:
+            yield f"call:on:{name}:{k}:{ERRORS[name].split()[0]}"
+        yield f"kill:KILL:{name}:{k}"
+    # A lock that is refused for ever is waited for for ever: two runs of it are enough to see that.
+    locks = [k for name, k in trace.calls if name == "fcntl"]
+    for k in (locks[len(locks) // 3], locks[-10]):
+        yield f"call:on:fcntl:{k}:EAGAIN"
+    for i, (name, k) in enumerate(trace.calls[::SIGNAL_STEP]):
+        yield f"kill:{SIGNALS[i % len(SIGNALS)]}:{name}:{k}"
+    for name in HALVED:
+        for k in range(1, trace.counts[name] + 1):
+            yield f"call:half:{name}:{k}"
+    for name, k in trace.child:
+        if name not in NEVER_FAIL:
+            for error in ERRORS.get(name, "EIO ENOMEM EINTR").split():
+                yield f"child:once:{name}:{k}:{error}"
+        yield f"child:KILL:{name}:{k}"
+    for k in range(1, trace.counts["memory"] + 1):
+        yield f"memory:once:{k}"
+        yield f"memory:on:{k}"
+
+
+def run(worker, trace, name):
+    """Makes the run of that name; returns its outcome, and whether what was to happen did happen."""
+    kind, how, *rest = name.split(":")
+    if kind == "memory":
+        outcome = worker.run(settings={"TORTURE_MEMORY": rest[0] + ("+" if how == "on" else "")})
+        return outcome, any(line.startswith("failed ") for line in outcome.report)
+    if how == "half":
+        outcome = worker.run(settings={"TORTURE_HALF": ":".join(rest)})
+        return outcome, "half" in outcome.report
+    call, k, *error = rest
+    count = int(k) + (0 if kind == "child" else trace.before[call])
+    what = f"error={error[0]}" if error else f"signal={how}"
+    options = ["-e", f"trace={call}", "-e", f"inject={call}:{what}:when={count}{'+' if how == 'on' else ''}"]
+    if kind == "child":
+        outcome = run_child(worker, options)
+        return outcome, bool(outcome.injected) or how == "KILL"
+    outcome = worker.run(worker.strace(*options))
+    if error:
+        return outcome, bool(outcome.injected)
+    outcome.killed_by_us = signal.Signals["SIG" + how]
+    # The database's client ignores SIGPIPE from its first use on.
+    return outcome, outcome.signal == outcome.killed_by_us or how == "PIPE"
+
+
+def run_child(worker, options) -> Outcome:
+    """A run whose child is traced from the return of fork on: it stops itself there and waits for strace."""
+    pid = worker.start(settings={"TORTURE_STOP_CHILD": "1"})
+    child = wait_for(lambda: next((child for child in children(pid) if status(child, "State")[0] == "T"), None))
+    tracer = os.posix_spawnp("strace", ["strace", "-qq", "-y", "-s", "64", "-o", worker.base + "/trace", *options,
+                                        "-p", str(child)], os.environ)
+    wait_for(lambda: status(child, "TracerPid") == str(tracer))
+    os.kill(child, signal.SIGCONT)
+    return worker.finish(pid)
+
+
+def status(pid, key):
+    with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as file:
+        return re.search(rf"^{key}:\s*(.*)$", file.read(), re.M)[1]
+
+
+def wait_for(condition):
+    while True:
+        value = condition()
+        if value:
+            return value
+        time.sleep(0.001)

@@ -1,0 +1,232 @@
+"""Disturbed runs of the whole program, and what they leave: see tools/torture and docs/testing.md."""
+
+import argparse
+import collections
+import fnmatch
+import multiprocessing
+import os
+import re
+import subprocess
+import sys
+import time
+import zlib
+
+import calls
+import company
+import laws
+import power
+import world
+from runner import DEADLINES, Worker
+
+SAMPLE = 250 # runs, and one of each kind and call
+
+# --- in a worker process
+
+state = {}
+
+
+def remember(program, shim):
+    state.update(program=program, shim=shim)
+
+
+def become_worker():
+    """Once, and in a task: what fails here is to reach the main process."""
+    if "recording" in state:
+        return state["worker"]
+    worker = state["worker"] = Worker(multiprocessing.current_process()._identity[0], state["program"], state["shim"])
+    state["files"] = worker.files()
+    outcome = worker.run()
+    found = list(laws.after_run(worker, outcome, state["files"]))
+    if not outcome.silent() or found:
+        raise RuntimeError(f"an undisturbed run ends with {outcome.status}: {outcome.stderr}{found}")
+    state.update(trace=calls.observe(worker), recording=power.record(worker))
+    return worker
+
+
+def plan(_):
+    """Every run's name, in the order of the kinds."""
+    become_worker()
+    return [*calls.names(state["trace"]), *power.names(state["recording"]), *company.names(), "memcheck:run"]
+
+
+def make_run(name):
+    """(name, whether it was disturbed, [(law, what was seen)], what it said)"""
+    worker = become_worker()
+    kind = name.split(":")[0]
+    for worker.deadline in (*DEADLINES, DEADLINES[-1]):
+        worker.reset()
+        disturbed, said = True, ""
+        if kind == "power":
+            found = after_power_cut(worker, name)
+        elif kind == "company":
+            found = list(company.run(worker, name, state["files"]))
+        elif kind == "memcheck":
+            found = list(memcheck(worker))
+        else:
+            outcome, disturbed = calls.run(worker, state["trace"], name)
+            found = [(law, seen + failing(outcome)) for law, seen in laws.after_run(worker, outcome, state["files"])]
+            said = f"{outcome}"
+        found = [tuple(entry) for entry in found]
+        if disturbed and (("L6", "it hangs") not in [(law, seen[:8]) for law, seen in found] or
+                          worker.deadline == DEADLINES[-1]):
+            break
+    worker.deadline = DEADLINES[-1]
+    return name, disturbed, found, said
+
+
+def failing(outcome):
+    """Which allocation failed, innermost frame of the program and of each library first."""
+    for line in outcome.report:
+        if line.startswith("failed "):
+            return " | " + line
+    return ""
+
+
+def after_power_cut(worker, name):
+    files, commits = power.image(state["recording"], name)
+    for path in world.TABLES:
+        os.unlink(path)
+    for path, content in files.items():
+        with open(path, "wb") as file:
+            file.write(content)
+    worker.own_handlers(worker.stores)
+    return list(laws.after_power_cut(worker, commits, state["files"]))
+
+
+def memcheck(worker):
+    outcome = worker.run(["valgrind", "--quiet", "--error-exitcode=99", "--leak-check=full",
+                          "--errors-for-leak-kinds=definite", "--child-silent-after-fork=yes"])
+    if not outcome.silent():
+        yield "L6", f"valgrind: status {outcome.status}: {outcome.stderr}"
+    yield from laws.after_run(worker, outcome, state["files"])
+
+
+# --- in the main process
+
+def exceptions():
+    """The rows of docs/testing.md's table: (pattern of the run, law, pattern of what was seen, its text)."""
+    with open(world.ROOT + "/docs/testing.md", encoding="utf-8") as file:
+        for run, law, seen in re.findall(r"^\| `([^`]+)` \| (L\d) \| `([^`]+)` \|", file.read(), re.M):
+            run, seen = (pattern.replace("\\|", "|") for pattern in (run, seen))
+            yield re.compile(run), law, re.compile(seen, re.S), f"{run}  {law}  {seen}"
+
+
+def is_known(known, used, name, law, seen):
+    for run, its_law, its_seen, text in known:
+        if law == its_law and run.fullmatch(name) and its_seen.search(seen):
+            used[text] += 1
+            return True
+    return False
+
+
+def choose(names, arguments):
+    if arguments.only:
+        return [name for name in names if any(fnmatch.fnmatchcase(name, pattern) for pattern in arguments.only)]
+    if arguments.all:
+        return names
+    # The same ones every time: one of each kind and call, and by a hash of the name; nothing that takes long.
+    chosen, kinds = [], set()
+    quick = [name for name in names if not re.match(r"call:on:fcntl:\d+:EAGAIN|memcheck", name)]
+    for name in quick:
+        kind = re.sub(r":\d.*", "", name)
+        if kind not in kinds or zlib.crc32(name.encode()) % len(quick) < arguments.runs:
+            chosen.append(name)
+        kinds.add(kind)
+    return chosen
+
+
+class Progress:
+    def __init__(self, total):
+        self.total, self.done, self.begin, self.shown = total, 0, time.monotonic(), 0.0
+
+    def step(self, violations):
+        self.done += 1
+        now = time.monotonic()
+        if now - self.shown < (1 if sys.stderr.isatty() else 30) and self.done < self.total:
+            return
+        self.shown = now
+        left = (now - self.begin) / self.done * (self.total - self.done)
+        print(f"torture: {self.done} of {self.total}, {violations} violations, some {left:.0f} s left",
+              end="\r" if sys.stderr.isatty() else "\n", file=sys.stderr, flush=True)
+
+
+def torture(arguments):
+    known, used = list(exceptions()), collections.Counter()
+    tally = collections.defaultdict(collections.Counter)
+    violations = 0
+    begin = time.monotonic()
+    with open(arguments.log, "w", encoding="utf-8") as log, multiprocessing.Pool(
+            arguments.workers, remember, (arguments.program, arguments.shim)) as pool:
+        names = choose(pool.apply(plan, (None,)), arguments)
+        progress = Progress(len(names))
+        for name, disturbed, found, said in pool.imap_unordered(make_run, names, 4):
+            row = tally[":".join(name.split(":")[:2] if name[0] in "cmk" else name.split(":")[:1])]
+            row["runs"] += 1
+            row["missed"] += not disturbed
+            for law, seen in found:
+                excepted = is_known(known, used, name, law, seen)
+                row["known" if excepted else law] += 1
+                print(f"{name}\t{law}\t{'known' if excepted else 'new'}\t{seen!r}", file=log, flush=True)
+                if not excepted:
+                    violations += 1
+                    if arguments.verbose or violations <= 50:
+                        print(f"{law} {seen[:1500]}\n    tools/torture --only '{name}'", flush=True)
+            if arguments.verbose:
+                print(f"{name}: {said}", flush=True)
+            progress.step(violations)
+    show(tally, violations, time.monotonic() - begin)
+    for _, _, _, text in known:
+        if arguments.verbose or (arguments.all and not used[text]):
+            print(f"exception used {used[text]} times: {text}")
+    return 1 if violations or not names else 0
+
+
+def show(tally, violations, seconds):
+    columns = ["runs", "missed", "known", "L1", "L2", "L3", "L4", "L5", "L6"]
+    print("\n" + " " * 16 + "".join(f"{column:>8}" for column in columns))
+    total = collections.Counter()
+    for kind, row in tally.items():
+        total.update(row)
+        print(f"{kind:16}" + "".join(f"{row[column] or '.':>8}" for column in columns))
+    print(f"{'all':16}" + "".join(f"{total[column] or '.':>8}" for column in columns))
+    print(f"\n{violations} violations in {total['runs']} runs, {seconds:.0f} s")
+
+
+def fill_panel():
+    """The panel's database, once for all runs."""
+    with open(world.ROOT + "/demo/panel-schema.sql", encoding="utf-8") as file:
+        sql = file.read() + "".join(statement + ";\n" for statement in world.panel_sql())
+    subprocess.run(["mariadb", "--no-defaults", "--socket=" + os.environ["KOLMO_SANDBOX_SOCKET"], "--user=admin",
+                    "--default-character-set=utf8mb4", "qsx"], input=sql.encode(), check=True,
+                   env=os.environ | {"MYSQL_PWD": os.environ["KOLMO_SANDBOX_PASSWORD"]})
+    with open("/etc/qsx/private/dsn.ini", "w", encoding="ascii") as file:
+        file.write("[kolmo]\nusername = admin ; the password is in a file of its own\ndbname = qsx\n")
+    with open("/etc/qsx/qsx.conf", "w", encoding="ascii") as file:
+        file.write(f"# the panel's\nMYSQL_SOCKET {os.environ['KOLMO_SANDBOX_SOCKET']}\n")
+    with open("/dev/log", "w", encoding="ascii"):
+        pass # each worker mounts its own over it
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="tools/torture")
+    parser.add_argument("--all", action="store_true")
+    parser.add_argument("--sample", action="store_true")
+    parser.add_argument("--only", action="append", default=[], metavar="PATTERN")
+    parser.add_argument("--runs", type=int, default=SAMPLE)
+    parser.add_argument("--workers", type=int, default=2)
+    parser.add_argument("--verbose", action="store_true")
+    parser.add_argument("--log", default=os.devnull)
+    parser.add_argument("--program", required=True)
+    parser.add_argument("--shim", required=True)
+    arguments = parser.parse_args()
+    os.closerange(3, 256) # what the caller left open is no leak of the program
+    fill_panel()
+    try:
+        return torture(arguments)
+    except RuntimeError as error:
+        print(f"torture: {error}", file=sys.stderr)
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
