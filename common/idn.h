@@ -49,7 +49,7 @@ extern int idn_last_error;
 
 /*
  * A URL with its host in ASCII, everything else as it was.  Schemes are ftp, http and https, or none; then
- * comes a user up to the last '@', if there is one, and the host up to the next '/' or ':'.
+ * comes a user up to the first '@', if there is one, and the host up to the next '/' or ':'.
  *
  * Returns text in a buffer of 4096 bytes of the function's own, cut to it and overwritten by the next call:
  * not to be freed, and not to be passed as url.  Null after one of these was printed:
