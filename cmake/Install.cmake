@@ -1,13 +1,16 @@
 # What is installed: the program, its manual page, and the libraries that it shares with the panel's other
-# programs, with a pkg-config file and a CMake package that lead to them.
+# programs, with a pkg-config file and a CMake package that lead to them.  The first two are the component
+# "program", the rest is "development".
 include(CMakePackageConfigHelpers)
 
-set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_responder_store kolmo_handlers_store)
+set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_store_kit kolmo_responder_store kolmo_handlers_store)
 set(kolmo_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kolmo)
 set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 
-install(TARGETS mail_responders_rebuild RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+install(TARGETS mail_responders_rebuild RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT program)
+install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
+  COMPONENT program)
 
 foreach(ring IN LISTS kolmo_rings)
   string(REPLACE kolmo_ "" export_name ${ring})
@@ -15,7 +18,8 @@ foreach(ring IN LISTS kolmo_rings)
 endforeach()
 install(TARGETS ${kolmo_rings} EXPORT kolmo
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  FILE_SET HEADERS DESTINATION ${kolmo_include_dir})
+  FILE_SET HEADERS DESTINATION ${kolmo_include_dir}
+  FILE_SET included DESTINATION ${kolmo_include_dir})
 install(EXPORT kolmo NAMESPACE kolmo:: FILE kolmo-targets.cmake DESTINATION ${kolmo_package_dir})
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/kolmo-config.cmake.in

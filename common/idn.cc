@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include <idna.h>
 #include <regex.h>
@@ -45,37 +46,14 @@ enum UrlGroup { URL_WHOLE, URL_SCHEME, URL_USER, URL_HOST, URL_REST, URL_GROUPS 
 
 char url_buffer[4096];
 
-/* A compiled expression, and what the two calls on it have to tell. */
-class Regex
-{
-public:
-    Regex() noexcept = default;
-    ~Regex()
-    {
-        if (is_compiled_)
-            regfree(&compiled_);
-    }
-    Regex(const Regex &) = delete;
-    Regex &operator=(const Regex &) = delete;
-
-    [[nodiscard]] int compile(const char *pattern) noexcept
-    {
-        const int rc = regcomp(&compiled_, pattern, REG_EXTENDED);
-
-        is_compiled_ = rc == 0;
-        return rc;
-    }
-    [[nodiscard]] const regex_t *get() const noexcept { return &compiled_; }
-
-private:
-    regex_t compiled_{};
-    bool is_compiled_ = false;
+struct FreeRegex {
+    void operator()(regex_t *regex) const noexcept { regfree(regex); }
 };
 
 struct RegexReason {
     char text[4096];
 
-    RegexReason(int rc, const Regex &regex) { (void)regerror(rc, regex.get(), text, sizeof text); }
+    RegexReason(int rc, const regex_t *regex) { (void)regerror(rc, regex, text, sizeof text); }
 };
 
 using UrlGroups = regmatch_t[URL_GROUPS];
@@ -84,7 +62,7 @@ using UrlGroups = regmatch_t[URL_GROUPS];
 bool conversion_succeeded(int rc)
 {
     if (rc == IDNA_MALLOC_ERROR)
-        report_error(1, 0, "Allocation failed");
+        report_fatal("Allocation failed");
     if (rc != IDNA_SUCCESS)
         idn_last_error = rc;
     return rc == IDNA_SUCCESS;
@@ -94,7 +72,7 @@ bool conversion_succeeded(int rc)
 char *or_exit(char *converted, const char *function, const char *argument)
 {
     if (converted == nullptr)
-        report_error(1, 0, "%s(%s) failed: %s", function, argument, idn_strerror(idn_last_error));
+        report_fatal("%s(%s) failed: %s", function, argument, idn_strerror(idn_last_error));
     return converted;
 }
 
@@ -106,11 +84,13 @@ char *or_exit(char *converted, const char *function, const char *argument)
 /* Finds the parts of url; reports why there are none. */
 [[nodiscard]] bool match_url(const char *url, UrlGroups &groups)
 {
-    Regex regex;
-    int rc = regex.compile(url_pattern);
+    regex_t compiled;
+    int rc = regcomp(&compiled, url_pattern, REG_EXTENDED);
 
     if (rc != 0)
-        report_error(1, 0, "regcomp() failed: %s", RegexReason(rc, regex).text);
+        report_fatal("regcomp() failed: %s", RegexReason(rc, &compiled).text);
+
+    const std::unique_ptr<regex_t, FreeRegex> regex(&compiled);
     rc = regexec(regex.get(), url, URL_GROUPS, groups, 0);
     if ((rc == 0 && !matched(groups[URL_HOST])) || (rc == REG_NOMATCH && url[0] == ':')) {
         /* A leading colon starts a port, and the expression cannot see that the host before it is empty. */
@@ -118,7 +98,7 @@ char *or_exit(char *converted, const char *function, const char *argument)
         return false;
     }
     if (rc != 0) {
-        report_error(0, 0, "regexec() failed: %s", RegexReason(rc, regex).text);
+        report_error(0, 0, "regexec() failed: %s", RegexReason(rc, regex.get()).text);
         return false;
     }
     return true;

@@ -1,6 +1,5 @@
 #include "common/ini_file.h"
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "common/owned.h"
+#include "common/text.h"
 
 namespace kolmo
 {
@@ -16,26 +16,11 @@ namespace kolmo
 namespace
 {
 
-[[nodiscard]] bool is_space(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-
 [[nodiscard]] bool is_regular_file(const char *path)
 {
     struct stat status;
 
     return stat(path, &status) == 0 && S_ISREG(status.st_mode);
-}
-
-/* The next line with its end, in a buffer that grows with it; false at the end of the file. */
-[[nodiscard]] bool read_line(std::FILE *file, OwnedText &buffer, std::size_t &size)
-{
-    char *text = buffer.release(); /* getline may move it */
-    const bool was_read = getline(&text, &size, file) >= 0;
-
-    buffer.reset(text);
-    return was_read;
 }
 
 [[nodiscard]] bool is_header(const char *line, std::size_t length)

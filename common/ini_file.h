@@ -1,10 +1,10 @@
 /*
  * ini_file: single values out of an INI file.
  *
- * A line of at least three characters between '[' and ']' starts a section; its name is what stands between
- * the brackets, blanks included.  Entries are "key = value".  A ';' starts a comment wherever it stands, in
- * a value too.  White space around lines, keys and values does not count; case does.  Entries before
- * the first section belong to none and are never found.
+ * A line of at least three characters, the first '[' and the last ']', starts a section; its name is what
+ * stands between them, blanks included.  Entries are "key = value".  A ';' starts a comment wherever it
+ * stands, in a value too.  White space around lines, keys and values does not count; case does.  Entries
+ * before the first section belong to none and are never found.
  */
 #ifndef KOLMO_COMMON_INI_FILE_H
 #define KOLMO_COMMON_INI_FILE_H
@@ -17,10 +17,9 @@ namespace kolmo
 /*
  * The first value of key in section, where a section of that name may occur more than once.
  *
- * Returns new text, owned by the caller and released with free, "" for an empty value; null when there is no
- * such entry, no such file, or a path that is no regular file (nothing is printed), and when
- * the file cannot be opened: "Failed to open <path>: <reason>" is then written to standard error, without a
- * newline.
+ * Returns new text, owned by the caller and released with free, "" for an empty value.  Null without a word
+ * when there is no such entry, and for a path that cannot be looked at or is no regular file; null after
+ * "Failed to open <path>: <reason>" on standard error, without a newline, when the file cannot be opened.
  *
  * Sets errno to 0 first, so that afterwards it tells of this call only.
  */

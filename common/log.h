@@ -5,7 +5,8 @@
  * and a printf format.  It leads to syslog or to the console, never ends the process and never fails.
  * Before log_init it is the console: priorities 0 to 6, on standard error and on standard output.
  *
- * The state is process-wide and unguarded: one thread.  Nothing here preserves errno.
+ * The state is process-wide and unguarded, and all of these libraries log: one thread at a time may be in any
+ * of them.  Nothing here preserves errno.
  */
 #ifndef KOLMO_COMMON_LOG_H
 #define KOLMO_COMMON_LOG_H
@@ -34,7 +35,7 @@ using LogListSink
  * Syslog: every message is sent, the mask set by log_set_level sorts out.  With LOG_TRACE_ID it starts with
  * the trace id, a colon and a blank, and is cut at 8191 characters; without, it is as long as it likes.
  *
- * The attribute stands here for clang, which does not see the one in the type.
+ * The attribute is repeated for clang, which does not see the one in the type.
  */
 [[gnu::format(printf, 2, 3)]] extern LogSink log_message;
 [[gnu::format(printf, 2, 0)]] extern LogListSink log_vmessage;
@@ -46,8 +47,7 @@ constexpr int LOG_TRACE_ID = 0x40;
 constexpr int LOG_LEVEL_FROM_ENVIRONMENT = 0x08;
 
 /*
- * Choose where messages go, and how many of them.  May be called again: syslog is then closed and opened
- * anew.
+ * Choose where messages go, and how many of them; called again, it closes syslog and opens it anew.
  *
  * sink      null for syslog; otherwise "console" or "stderr", in any case, for the console.  Kept, not
  *           copied: it must live as long as messages are logged.  With a sink syslog is neither opened nor
@@ -60,9 +60,8 @@ constexpr int LOG_LEVEL_FROM_ENVIRONMENT = 0x08;
  *           the process was started by, without its folders
  *
  * With LOG_TRACE_ID the trace id is that of the environment variable KOLMO_LOG_TRACE_ID, cut at 63
- * characters. Without the variable, or with an empty one, it is the first letter of the name that the process
- * was started by, in upper case, with the process id; the variable is then set to it, so that child processes
- * log under the same id.
+ * characters.  Without one it is the first letter of the name that the process was started by, in upper case,
+ * with the process id, and the variable is set to it for child processes.
  */
 void log_init(const char *sink, int level, int facility, int options, const char *ident);
 

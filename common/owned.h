@@ -1,8 +1,9 @@
 /*
  * owned: owners of what C interfaces hand out.
  *
- * They hold and release, nothing else: no logging, no retries, no exceptions.  What leaves a function
- * for its caller leaves with release() in the return statement; that line is the transfer.
+ * They hold and release, nothing else: no logging, no retries, no exceptions.  Releasing keeps errno: it
+ * happens on the way out of failures, too, whose errno is still to be reported.  What leaves a function for
+ * its caller leaves with release() in the return statement; that line is the transfer.
  */
 #ifndef KOLMO_COMMON_OWNED_H
 #define KOLMO_COMMON_OWNED_H
@@ -18,12 +19,35 @@
 namespace kolmo
 {
 
+/* Puts errno back, at the end of the scope, to what it was at the beginning. */
+class KeepErrno
+{
+public:
+    KeepErrno() noexcept = default;
+    KeepErrno(const KeepErrno &) = delete;
+    KeepErrno &operator=(const KeepErrno &) = delete;
+    ~KeepErrno() { errno = kept_; }
+
+    [[nodiscard]] int get() const noexcept { return kept_; }
+
+private:
+    const int kept_ = errno;
+};
+
 struct FreeMemory {
-    void operator()(void *memory) const noexcept { std::free(memory); }
+    void operator()(void *memory) const noexcept
+    {
+        const KeepErrno errno_kept; /* POSIX has promised only lately that free(3) does */
+        std::free(memory);
+    }
 };
 
 struct CloseFile {
-    void operator()(std::FILE *file) const noexcept { (void)std::fclose(file); }
+    void operator()(std::FILE *file) const noexcept
+    {
+        const KeepErrno errno_kept;
+        (void)std::fclose(file);
+    }
 };
 
 /* Text or a plain record from malloc and its relatives, freed at the end of its scope. */
@@ -50,7 +74,7 @@ private:
     List list_;
 };
 
-/* A file descriptor, -1 when there is none.  Closing keeps errno: it runs on the way out of failures. */
+/* A file descriptor, -1 when there is none. */
 class Fd
 {
 public:
@@ -80,9 +104,8 @@ inline void Fd::reset(int fd) noexcept
     const int closing = std::exchange(fd_, fd);
 
     if (closing >= 0) {
-        const int saved_errno = errno;
+        const KeepErrno errno_kept;
         (void)::close(closing);
-        errno = saved_errno;
     }
 }
 

@@ -106,4 +106,14 @@ void report_error(int exit_code, int flag, const char *format, ...)
     va_end(arguments);
 }
 
+void report_fatal(const char *format, ...)
+{
+    std::va_list arguments;
+
+    va_start(arguments, format);
+    vreport_error(0, 0, format, arguments);
+    va_end(arguments);
+    std::exit(EXIT_FAILURE);
+}
+
 } // namespace kolmo

@@ -65,8 +65,7 @@ std::size_t count_entries(const OwnedStringArray &array)
     for (char *token = text;;) {
         token += std::strspn(token, delimiters);
         char *end = std::strpbrk(token, delimiters);
-        /* What follows the last delimiter counts even when it is empty: the lists have always been read so.
-         */
+        /* What follows the last delimiter counts even when it is empty (docs/compatibility.md). */
         if (end == nullptr)
             return append(array, token);
         *end = '\0';

@@ -1,7 +1,7 @@
 /*
  * string_array: a null-terminated array of texts on the heap.
  *
- * The array owns its texts.  It is never empty: where there is nothing to return there is null instead.
+ * The array owns its texts.  It is never empty: null stands for nothing.
  */
 #ifndef KOLMO_COMMON_STRING_ARRAY_H
 #define KOLMO_COMMON_STRING_ARRAY_H
@@ -30,10 +30,9 @@ using StringArray = char **;
  *
  * array   null to start a new one; it may move, so the result takes its place
  *
- * Returns the grown array; or null after "System error: <reason>" was logged at priority 3.  When there is
- * no memory for the larger array, the old one is left as it is, the caller's still; when there is none for
- * the copy, the array is freed with its texts.  A caller who cannot tell the two apart has to give the array
- * up.
+ * Returns the grown array; or null after "System error: <reason>" was logged at priority 3.  The old array is
+ * then left as it is when it could not grow, and freed with its texts when there was no memory for the copy;
+ * a caller cannot tell, and has to give it up.
  */
 [[nodiscard]] StringArray string_array_add(StringArray array, const char *text);
 

@@ -1,9 +1,7 @@
 #include "common/text.h"
 
-#include <cctype>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "common/log.h"
@@ -21,7 +19,7 @@ char *xasprintf(const char *format, ...)
     const int length = vasprintf(&text, format, arguments);
     va_end(arguments);
     if (length < 0)
-        report_error(1, 0, "Cannot allocate memory: %s", std::strerror(errno));
+        report_fatal("Cannot allocate memory: %s", std::strerror(errno));
     return text;
 }
 
@@ -45,6 +43,15 @@ char *strdup_lower(const char *text)
     }
     str_tolower(copy);
     return copy;
+}
+
+bool read_line(std::FILE *file, OwnedText &buffer, std::size_t &size)
+{
+    char *text = buffer.release(); /* getline may move it */
+    const bool was_read = getline(&text, &size, file) >= 0;
+
+    buffer.reset(text);
+    return was_read;
 }
 
 } // namespace kolmo

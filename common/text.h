@@ -1,8 +1,14 @@
 /*
- * text: formatting into new memory, and lower-casing.
+ * text: formatting into new memory, lower-casing, reading lines.
  */
 #ifndef KOLMO_COMMON_TEXT_H
 #define KOLMO_COMMON_TEXT_H
+
+#include <cctype>
+#include <cstddef>
+#include <cstdio>
+
+#include "common/owned.h"
 
 namespace kolmo
 {
@@ -10,8 +16,7 @@ namespace kolmo
 /*
  * Format into new memory: text that the caller owns, released with free.
  *
- * Never null: when it cannot be formatted, "Cannot allocate memory: <reason>" is printed through report_error
- * and the process ends with status 1.
+ * Never null: "Cannot allocate memory: <reason>" through report_error ends the process with status 1.
  */
 [[gnu::format(printf, 1, 2), gnu::returns_nonnull, nodiscard]] char *xasprintf(const char *format, ...);
 
@@ -27,6 +32,16 @@ void str_tolower(char *text);
  * Null for a null text, and when memory runs out: then "System error: <reason>" is logged at priority 3.
  */
 [[nodiscard]] char *strdup_lower(const char *text);
+
+/* isspace(3) of a byte. */
+[[nodiscard]] inline bool is_space(char c)
+{
+    return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
+
+/* The next line with its newline, in a buffer of `size` bytes that grows with it; false when there is none.
+ */
+[[nodiscard]] bool read_line(std::FILE *file, OwnedText &buffer, std::size_t &size);
 
 } // namespace kolmo
 

@@ -36,19 +36,19 @@ bool can_be_selected(const Fd &fd)
     return false;
 }
 
-/* Any failure ends the process; the two runners have always shared these texts. */
-void open_captures(Captures captures, std::span<Fd> write_ends)
+/* The texts name one runner for both (docs/compatibility.md). */
+void open_captures_or_exit(Captures captures, std::span<Fd> write_ends)
 {
     for (std::size_t i = 0; i < captures.size(); i++) {
         Pipe pipe;
         if (open_pipe(&pipe) != 0 || !can_be_selected(pipe.read_end))
-            report_error(1, 0, "fork_execv_getouterr: pipe() failed");
+            report_fatal("fork_execv_getouterr: pipe() failed");
         captures[i].read_end = std::move(pipe.read_end);
         write_ends[i] = std::move(pipe.write_end);
     }
     for (const CaptureBuffer &capture : captures) {
         if (::fcntl(capture.read_end.get(), F_SETFL, O_NONBLOCK) != 0)
-            report_error(1, 0, "fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
+            report_fatal("fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
     }
 }
 
@@ -81,8 +81,8 @@ void read_ready(Captures captures, const fd_set &ready)
     }
 }
 
-/* True, with the run's result, when there is nothing left to wait for. */
-bool is_gone(pid_t pid, int *result)
+/* Takes the status of a child that has ended: true with the run's result, false while it runs. */
+bool reap_if_ended(pid_t pid, int *result)
 {
     int status = 0;
 
@@ -101,7 +101,7 @@ int collect(Captures captures, pid_t pid, const char *path)
         int result = -1;
         if (wait_for_output(captures, &ready))
             read_ready(captures, ready);
-        else if (is_gone(pid, &result))
+        else if (reap_if_ended(pid, &result))
             return result; /* what is unread goes with the pipes */
     }
     return wait_child(pid, path, nullptr);
@@ -111,7 +111,7 @@ int run_captured(Captures captures, const char *path, const char *const argv[])
 {
     Fd write_ends[2];
 
-    open_captures(captures, write_ends);
+    open_captures_or_exit(captures, write_ends);
     const int fd_err = write_ends[1].is_open() ? write_ends[1].get() : STDERR_FILENO;
     const pid_t pid = fork_execv_pipes(STDIN_FILENO, write_ends[0].get(), fd_err, path, argv);
     for (Fd &write_end : write_ends)
@@ -119,17 +119,20 @@ int run_captured(Captures captures, const char *path, const char *const argv[])
     return collect(captures, pid, path);
 }
 
+/* In one write, or the parent may make two reports of it; a stream without a buffer writes in pieces. */
 void complain_exec_fd(const char *, int error)
 {
-    /* In one write, or the parent may pass it on in two reports. */
-    (void)std::fprintf(
-        stderr, "Error occured during execv():\n%s%s", std::strerror(error),
+    char text[512];
+    const int length = std::snprintf(
+        text, sizeof text, "Error occured during execv():\n%s%s", std::strerror(error),
         error == EFAULT
             ? ", possible reason - NULL parameter is absent in util_exec(path, arg1, arg2, NULL) call.\n"
             : ".\n");
+
+    (void)!::write(STDERR_FILENO, text, static_cast<std::size_t>(length));
 }
 
-void pass_on(Fd read_end)
+void report_output(Fd read_end)
 {
     char chunk[4096];
 
@@ -190,12 +193,12 @@ int fork_exec_fd(int fd_in, int fd_out, const char *path, const char *const argv
         return -1;
     }
     if (open_pipe(&errors) != 0)
-        report_error(1, 0, "fork_exec_fd pipe(): %s", std::strerror(errno));
+        report_fatal("fork_exec_fd pipe(): %s", std::strerror(errno));
     const pid_t pid = start_child({fd_in, fd_out, errors.write_end.get()}, path, argv, complain_exec_fd);
     if (pid < 0)
-        report_error(1, 0, "Error occured during fork():\n%s", std::strerror(errno));
+        report_fatal("Error occured during fork():\n%s", std::strerror(errno));
     errors.write_end.reset();
-    pass_on(std::move(errors.read_end));
+    report_output(std::move(errors.read_end));
     return wait_exec_fd(pid);
 }
 

@@ -22,19 +22,16 @@ void complain_fork_execv(const char *path, int error)
     (void)std::fprintf(stderr, "fork_execv: execv(\"%s\") failed: %s\n", path, std::strerror(error));
 }
 
-int decode_status(pid_t pid, pid_t waited, const char *name, int status)
+int decode_status(long pid, long waited, const char *name, int status)
 {
-    const long asked = pid;
-    const long answered = waited;
-
     if (WIFSIGNALED(status))
-        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' killed by signal %d", asked, answered, name,
+        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' killed by signal %d", pid, waited, name,
                     WTERMSIG(status));
     else if (WIFSTOPPED(status))
-        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' stopped by signal %d", asked, answered, name,
+        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' stopped by signal %d", pid, waited, name,
                     WSTOPSIG(status));
     else if (WIFCONTINUED(status))
-        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' continued", asked, answered, name);
+        log_message(LOG_WARNING, "waitpid(%ld)=%ld: process '%s' continued", pid, waited, name);
     else
         return WEXITSTATUS(status);
     return -1;
@@ -79,34 +76,34 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
     const pid_t pid = start_child({fd_in, fd_out, fd_err}, path, argv, complain_fork_execv);
 
     if (pid < 0)
-        report_error(1, 0, "fork_execv_pipes: fork() failed");
+        report_fatal("fork_execv_pipes: fork() failed");
     return pid;
 }
 
 int wait_child(pid_t pid, const char *name, int *status)
 {
-    const char *shown = name != nullptr ? name : "<unknown>";
+    const char *program = name != nullptr ? name : "<unknown>";
     int own_status = 0;
-    int *raw = status != nullptr ? status : &own_status;
+    int *wait_status = status != nullptr ? status : &own_status;
 
     if (pid < 0) {
-        log_message(LOG_ERR, "fork before spawning '%s' failed", shown);
+        log_message(LOG_ERR, "fork before spawning '%s' failed", program);
         return -1;
     }
     errno = 0;
-    const pid_t waited = ::waitpid(pid, raw, WUNTRACED);
+    const pid_t waited = ::waitpid(pid, wait_status, WUNTRACED);
     if (waited < 0) {
         const int error = errno;
-        log_message(LOG_ERR, "waitpid(%ld) for '%s' process failed: %s (%d)", static_cast<long>(pid), shown,
+        log_message(LOG_ERR, "waitpid(%ld) for '%s' process failed: %s (%d)", static_cast<long>(pid), program,
                     std::strerror(error), error);
         return -1;
     }
     if (waited == 0) {
         log_message(LOG_ERR, "waitpid(%ld) for '%s' process returned unexpected 0 code",
-                    static_cast<long>(pid), shown);
+                    static_cast<long>(pid), program);
         return -1;
     }
-    return decode_status(pid, waited, shown, *raw);
+    return decode_status(pid, waited, program, *wait_status);
 }
 
 int exec_with_input(const char *command, const char *input)
@@ -123,7 +120,7 @@ int exec_with_input(const char *command, const char *input)
     const int status = ::pclose(stream);
     if (written != 0 || status == -1)
         return -1;
-    /* Not decoded further, on purpose: a command that a signal ended has always counted as a success here. */
+    /* A command that a signal ended counts as a success (docs/compatibility.md). */
     return WEXITSTATUS(status);
 }
 

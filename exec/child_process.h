@@ -1,8 +1,8 @@
 /*
  * child_process: start a program without a shell, wait for it; and feed one through a shell.
  *
- * A result is the exit code, 0 to 255, or -1 for everything that is not a normal end.  Note that 255 may
- * also be this family's own word for a program that could not be executed.
+ * A result is the exit code, 0 to 255, or -1 for everything that is not a normal end.  255 is also this
+ * family's own word for a program that could not be executed.
  */
 #ifndef KOLMO_EXEC_CHILD_PROCESS_H
 #define KOLMO_EXEC_CHILD_PROCESS_H
@@ -18,11 +18,11 @@ namespace kolmo
  * fd_in, fd_out, fd_err   what becomes the child's descriptor 0, 1 and 2, in this order: the stream's own
  *        number leaves it as it is inherited, -1 stands for "/dev/null", any other descriptor is installed
  *        with dup2 and closed.  This happens in the child, where the second mention of a descriptor finds it
- *        closed: the three have to differ.  The caller keeps its own copies and closes them.
+ *        closed: the three have to differ.  The caller keeps its own.
  * argv   closed by a null; entry 0 is what the program sees as its name
  *
  * Returns the child's process id; the caller waits for it.  A failed fork ends this process with status 1
- * through report_error: "fork_execv_pipes: fork() failed".  All stdio streams are flushed before the fork.
+ * through report_error: "fork_execv_pipes: fork() failed".  All stdio streams are flushed first.
  *
  * The child ends with status 255, after a line on its standard error, when a stream cannot be installed
  * ("fork_execv: dup() failed: ...") or the program not executed ("fork_execv: execv("...") failed: ...").

@@ -9,6 +9,8 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include "common/owned.h"
+
 namespace kolmo
 {
 
@@ -70,22 +72,17 @@ bool close_listed(int lowest)
     return directory != nullptr && close_entries(directory.get(), lowest);
 }
 
-void close_whole_table(int lowest)
-{
-    for (int fd = ::getdtablesize(); fd >= lowest; fd--)
-        (void)::close(fd);
-}
-
 } // namespace
 
 void closefrom(int lowest)
 {
-    const int saved_errno = errno;
-    const int first = std::max(lowest, 0);
+    const KeepErrno errno_kept;
 
-    if (!close_listed(first))
-        close_whole_table(first);
-    errno = saved_errno;
+    lowest = std::max(lowest, 0);
+    if (close_listed(lowest))
+        return;
+    for (int fd = ::getdtablesize(); fd >= lowest; fd--)
+        (void)::close(fd);
 }
 
 } // namespace kolmo

@@ -14,8 +14,8 @@ namespace kolmo
  * number from the descriptor table's size (getdtablesize(3), the soft RLIMIT_NOFILE) downward is closed as
  * well, which takes a call for each; a descriptor that is above a limit lowered later then stays open.
  *
- * Silent, cannot fail, keeps errno.  The C library has a function of this name too; in this namespace it is
- * this one.
+ * Silent, cannot fail, keeps errno.  The C library has a closefrom too (<unistd.h>): in this namespace it is
+ * this one, and after "using namespace kolmo" it has to be called kolmo::closefrom.
  */
 void closefrom(int lowest);
 

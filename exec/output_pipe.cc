@@ -50,7 +50,7 @@ void make_room(CaptureBuffer *buffer)
     else
         errno = ENOMEM;
     if (grown == nullptr)
-        report_error(1, 0, "Cannot allocate memory");
+        report_fatal("Cannot allocate memory");
     (void)buffer->text.release(); /* realloc has taken it */
     buffer->text.reset(grown);
     buffer->capacity = capacity;

@@ -19,8 +19,8 @@ struct Pipe {
 };
 
 /*
- * A new pipe whose ends are above the standard streams, also in a process that was started with one of those
- * closed: installed as a child's stream, such an end would be taken for the inherited stream or overwritten.
+ * A new pipe whose ends are above the standard streams, also where one of those is closed: as a child's
+ * stream such an end would be taken for the inherited one or overwritten.
  *
  * Returns 0; or -1 with errno set, *pipe unchanged.  Silent.
  */

@@ -2,11 +2,11 @@
  * panel_utility: run the panel's administrative utilities and report the ones that fail.
  *
  * All runners return what fork_execv_getouterr gives: the exit code, 0 to 255, or -1; success is 0 only.
- * Standard input is inherited.  Of a run that succeeds nothing is printed.  After one that fails, its
+ * Standard input is inherited.  What a successful run has written is dropped.  After one that fails, its
  * standard output is written to standard error as it is, and one report follows through report_error
- * (standard error and standard output): "... execution failed:" and what it wrote on its standard error.  A
- * utility that cannot be executed is such a failure too, with the result 255; one that a signal ended is
- * logged besides, as wait_child does.  A lack of pipes, processes or memory ends this process with status 1.
+ * (standard error and standard output): "%s execution failed:\n%s" (path, its standard error) or, when that
+ * was never read, "%s execution failed (no output)".  A utility that cannot be executed is such a failure
+ * too, with the result 255.  What else is logged or printed, and what ends this process: child_output.h.
  *
  * Arguments are texts, closed by a null; at most 99 reach the utility, further ones are dropped without a
  * word.  A path that exceeds the kernel's 4096 bytes is not cut to another one but fails like a utility that
@@ -39,8 +39,7 @@ namespace kolmo
 /* The same with an argument list, of which va_end remains the caller's. */
 [[nodiscard]] int vrun_utility_path(const char *path, std::va_list arguments);
 
-/* Run the program with this full path and argument vector; `quiet` leaves a failure to the caller's report.
- */
+/* Run the program with this full path and argument vector; `quiet`: a failure is the caller's to report. */
 [[nodiscard]] int exec_utility(const char *path, const char *const argv[], bool quiet);
 
 } // namespace kolmo

@@ -50,7 +50,7 @@ int install_stream(int fd, int stream)
 pid_t start_child(const int (&streams)[3], const char *path, const char *const argv[],
                   ExecvComplaint complain)
 {
-    (void)std::fflush(nullptr);
+    (void)std::fflush(nullptr); /* a child that ends by exit would write the buffers once more */
     const pid_t pid = ::fork();
     if (pid == 0)
         run_in_child(streams, path, argv, complain);

@@ -7,8 +7,8 @@
  * All operations on the table:
  * - take the connection to work on, or null to open the store at handlers_db_path, with a busy time-out of
  *   50 ms, and close it again.  What changes the store opens it for reading and writing and creates a
- *   missing file; the selects open it read-only and never create it.  A connection that was closed is
- *   accepted and fails cleanly.
+ *   missing file; the selects open it read-only and never create it.  A connection that was closed fails
+ *   cleanly, an abandoned one silently.
  * - repeat what another process's lock keeps from them, without a limit (responder_store/busy_retry.h).
  * - log at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror" without
  *   a connection, as the detail.
@@ -18,9 +18,9 @@
  * - report a failed prepare or bind, close the connection, the caller's too, and return -1:
  *     "Unable to prepare SQL statement for query '%s': %s"     statement, detail
  *     "Unable to bind parameter 'NAME' to the 'KIND' query: %s"  detail
- * - return -1 without a word when a pause between two attempts failed (nanosleep(2)); the statement at
- *   hand, the transaction and the connection are then left as they stand.  responder_store/busy_retry.h
- *   says how to tell that and what a caller does with its connection then.
+ * - return -1 without a word when a pause between two attempts failed (nanosleep(2)): the statement at hand,
+ *   the transaction and the connection stay as they are, and the connection is abandoned
+ *   (responder_store/kit/store_connection.h).
  * - leave the caller's texts alone, but for handlers_db_delete_action.  Texts may not be null where
  *   nothing else is said.
  */
@@ -28,7 +28,7 @@
 #define KOLMO_HANDLERS_STORE_HANDLERS_DB_H
 
 #include "handlers_store/handler_record.h"
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 
 namespace kolmo
 {
@@ -41,11 +41,13 @@ void handlers_db_set_path(const char *path);
 
 /*
  * Creates the store at handlers_db_path, owned by root and the group "popuser", mode 0640, with the folders
- * that lead to it.  Succeeds on a missing or empty file only; an existing store is not touched.
+ * that lead to it.  A missing or empty file becomes the store, and so does a database without these tables
+ * and indexes; an existing store is not touched.
  *
- * Returns 0, or -1 after a message of handlers_db_create_schema or handlers_db_set_permissions; a file that
- * it made and that did not get its table, owner and mode is removed again, folders that were made stay.
- * -1 without a message when a pause failed: the file then stays, too.  errno means nothing afterwards.
+ * Returns 0, or -1 after a message of handlers_db_create_schema, or without one when a pause failed: a file
+ * or folder that was made stays, for it may be another process's store by then.  -1 after a message of
+ * handlers_db_set_permissions, and then the file is removed, so that no store with a wrong owner or mode is
+ * left behind.  errno means nothing afterwards.
  */
 [[nodiscard]] int handlers_db_create();
 

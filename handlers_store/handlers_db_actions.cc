@@ -7,6 +7,7 @@
 
 #include "common/log.h"
 #include "common/owned.h"
+#include "handlers_store/global_address.h"
 #include "handlers_store/handlers_store_op.h"
 
 namespace kolmo
@@ -15,9 +16,16 @@ namespace kolmo
 namespace
 {
 
-const char insert_sql[] =
+constexpr Sql<9> insert_sql =
     "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, protected, "
     "enabled) VALUES(?, ?, ?, LOWER(?), ?, ?, ?, ?, ?)";
+
+constexpr Sql<3> delete_everywhere_sql = "DELETE FROM handlers WHERE name=? AND type=? AND queue=?";
+
+constexpr Sql<4> delete_one_sql =
+    "DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?";
+
+constexpr TextFormat<1> delete_refused = "Unable to execute delete record from handlers database: %s";
 
 /* Whether a delete of this record means the handler of every address. */
 bool is_wildcard(const HandlerRecord *record)
@@ -41,7 +49,7 @@ int set_address_all(HandlerRecord *record)
     return -1;
 }
 
-int delete_everywhere(StoreOp &op, const HandlerRecord *record)
+Ending delete_everywhere(StoreOp &op, const HandlerRecord *record)
 {
     const std::array key = {
         bind_text(record->name, "Unable to bind parameter 'name' to the 'DELETE' query: %s"),
@@ -49,11 +57,10 @@ int delete_everywhere(StoreOp &op, const HandlerRecord *record)
         bind_int(record->queue, "Unable to bind parameter 'queue' to the 'DELETE' query: %s"),
     };
 
-    return execute_write(op, "DELETE FROM handlers WHERE name=? AND type=? AND queue=?", key,
-                         "Unable to execute delete record from handlers database: %s");
+    return execute_write(op, delete_everywhere_sql, key, delete_refused);
 }
 
-int delete_one(StoreOp &op, const HandlerRecord *record)
+Ending delete_one(StoreOp &op, const HandlerRecord *record)
 {
     const std::array key = {
         bind_text(record->name, "Unable to bind parameter 'name' to the 'DELETE' query: %s"),
@@ -62,21 +69,22 @@ int delete_one(StoreOp &op, const HandlerRecord *record)
         bind_int(record->queue, "Unable to bind parameter 'queue' to the 'DELETE' query: %s"),
     };
 
-    return execute_write(op, "DELETE FROM handlers WHERE name=? AND type=? AND address=LOWER(?) AND queue=?",
-                         key, "Unable to execute delete record from handlers database: %s");
+    return execute_write(op, delete_one_sql, key, delete_refused);
 }
 
 } // namespace
 
-const char *handlers_global_address(const char *address)
+Ending run_actions(StoreOp &op, const HandlerList *list, HandlerAction action)
 {
-    if (address == nullptr || *address == '\0')
-        return address_all;
-    if (is_global_address(address))
-        return address;
-    log_message(LOG_ERR, "Incorrect recipient address for global handler, expected [NULL|EMPTY_STRING|%s|%s]",
-                address_all, address_all_recipients);
-    return nullptr;
+    op.begin();
+    for (const HandlerNode *node = list != nullptr ? list->head : nullptr;
+         node != nullptr && op.ending() == Ending::done; node = node->next) {
+        /* A record that fails is left out; the others are committed without it. */
+        (void)action(op.connection(), node->record);
+        if (!op.connection()->is_open())
+            return op.connection()->is_abandoned() ? Ending::abandoned : Ending::failed;
+    }
+    return op.end();
 }
 
 int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record)
@@ -94,7 +102,7 @@ int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record
         bind_int(record->type, "Unable to bind parameter 'type' to the 'INSERT' query: %s"),
         bind_text(address, "Unable to bind parameter 'address' to the 'INSERT' query: %s"),
         bind_int(record->queue, "Unable to bind parameter 'queue' to the 'INSERT' query: %s"),
-        /* Reported as the address, as ever: it is the line of the log that is looked for. */
+        /* Reported as the address: docs/compatibility.md. */
         bind_text(record->executable, "Unable to bind parameter 'address' to the 'INSERT' query: %s"),
         bind_text(context, "Unable to bind parameter 'context' to the 'INSERT' query: %s"),
         bind_int(record->protect_on_restore,
@@ -102,10 +110,10 @@ int handlers_db_insert_action(StoreConnection *connection, HandlerRecord *record
         bind_int(record->enabled, "Unable to bind parameter 'enabled' to the 'INSERT' query: %s"),
     };
 
-    return with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
+    return to_result(with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
         return execute_write(op, insert_sql, row,
                              "Unable to execute insert record into handlers database: %s");
-    });
+    }));
 }
 
 int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record)
@@ -114,15 +122,15 @@ int handlers_db_delete_action(StoreConnection *connection, HandlerRecord *record
 
     if (everywhere && set_address_all(record) != 0)
         return -1;
-    return with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
+    return to_result(with_handlers_store(connection, OpenMode::read_write, [&](StoreOp &op) {
         return everywhere ? delete_everywhere(op, record) : delete_one(op, record);
-    });
+    }));
 }
 
 int handlers_db_run_actions(const HandlerList *list, StoreConnection *connection, HandlerAction action)
 {
-    return with_handlers_store(connection, OpenMode::read_write,
-                               [&](StoreOp &op) { return run_actions(op, list, action); });
+    return to_result(with_handlers_store(connection, OpenMode::read_write,
+                                         [&](StoreOp &op) { return run_actions(op, list, action); }));
 }
 
 } // namespace kolmo

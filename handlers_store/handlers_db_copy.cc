@@ -2,13 +2,13 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "common/log.h"
 #include "common/owned.h"
 #include "common/report_error.h"
 #include "common/text.h"
+#include "handlers_store/handler_rows.h"
 #include "handlers_store/handlers_store_op.h"
 
 namespace kolmo
@@ -17,11 +17,12 @@ namespace kolmo
 namespace
 {
 
-const char select_mailbox_sql[] =
+constexpr Sql<1> copied_mailbox_sql =
     "SELECT priority, type, queue, name, executable, context, enabled FROM handlers WHERE address=?";
 
-const char select_domain_sql[] = "SELECT priority, type, queue, name, executable, context, enabled, address "
-                                 "FROM handlers WHERE address LIKE '%' || ? || '%'";
+constexpr Sql<1> copied_domain_sql =
+    "SELECT priority, type, queue, name, executable, context, enabled, address FROM handlers "
+    "WHERE address LIKE '%' || ? || '%'";
 
 /*
  * An address made by xasprintf.  The store's users have room for so many characters and a cut address
@@ -33,8 +34,7 @@ OwnedText checked_address(char *address)
 
     if (std::strlen(address) >= address_key_size) {
         errno = 0; /* no system error to tell of, whatever SQLite met before */
-        report_error(EXIT_FAILURE, 0, "Handler address is longer than %zu characters: %s",
-                     address_key_size - 1, address);
+        report_fatal("Handler address is longer than %zu characters: %s", address_key_size - 1, address);
     }
     return checked;
 }
@@ -51,7 +51,8 @@ struct CopyPlan {
 
 /*
  * The target of a domain's row, false for a row that is not copied.  What stands behind the "@" is not
- * compared with the domain: rows of a longer domain that contains it are copied as well, as ever.
+ * compared with the domain: rows of a longer domain that contains it are copied as well
+ * (docs/compatibility.md).
  */
 bool CopyPlan::set_row_target(const char *address)
 {
@@ -68,45 +69,39 @@ bool CopyPlan::set_row_target(const char *address)
     return true;
 }
 
-int read_copies(StoreOp &op, CopyPlan *plan, HandlerList *list)
+Ending read_copies(StoreOp &op, CopyPlan *plan, HandlerList *list)
 {
     const std::array key = {
         bind_text(plan->source.get(), "Unable to bind parameter 'address' to the 'SELECT' query: %s")};
-    bool kept = true;
-    int step;
+    Rows rows(op, plan->whole_domain ? copied_domain_sql : copied_mailbox_sql, key);
 
-    if (op.select(plan->whole_domain ? select_domain_sql : select_mailbox_sql, key, &step,
-                  [&](sqlite3_stmt *row) {
-                      if (plan->whole_domain && !plan->set_row_target(column_text(row, 7)))
-                          return 0;
+    while (rows.next()) {
+        if (plan->whole_domain && !plan->set_row_target(rows.text(7)))
+            continue;
 
-                      HandlerRecord copy = record_from_row(row, 4);
+        HandlerRecord copy = record_from_row(rows, 4);
 
-                      copy.address = plan->target.get();
-                      copy.enabled = sqlite3_column_int(row, 6) == 1;
-                      kept = keep_row(list, &copy) == 0;
-                      return kept ? 0 : -1;
-                  }) != 0 ||
-        !kept)
-        return -1;
-    if (step == SQLITE_DONE)
-        return 0;
-    log_failure("Unable to select data from handlers database: %s", op.detail());
-    return -1;
+        copy.address = plan->target.get();
+        copy.enabled = rows.integer(6) == 1;
+        if (keep_row(list, &copy) != 0)
+            return Ending::failed;
+    }
+    return rows.finish("Unable to select data from handlers database: %s");
 }
 
-int copy_handlers(StoreOp &op, CopyPlan *plan)
+Ending copy_handlers(StoreOp &op, CopyPlan *plan)
 {
-    const PauseWatch pauses;
     OwnedHandlerList list;
+    const Ending read = read_copies(op, plan, list.get());
 
-    if (read_copies(op, plan, list.get()) != 0)
-        return -1;
-    if (run_actions(op, list.get(), handlers_db_insert_action) == 0)
-        return 0;
-    if (!pauses.failed())
+    if (read != Ending::done)
+        return read;
+
+    const Ending added = run_actions(op, list.get(), handlers_db_insert_action);
+
+    if (added == Ending::failed)
         log_message(LOG_ERR, "Unable to add records into handlers database");
-    return -1;
+    return added;
 }
 
 } // namespace
@@ -124,8 +119,8 @@ int handlers_db_copy(StoreConnection *connection, const char *source_mail, const
         plan.source = checked_address(xasprintf("%s@%s", source_mail, source_domain));
         plan.target = checked_address(xasprintf("%s@%s", mail, target_domain));
     }
-    return with_handlers_store(connection, OpenMode::read_write,
-                               [&](StoreOp &op) { return copy_handlers(op, &plan); });
+    return to_result(with_handlers_store(connection, OpenMode::read_write,
+                                         [&](StoreOp &op) { return copy_handlers(op, &plan); }));
 }
 
 } // namespace kolmo

@@ -9,7 +9,6 @@
 
 #include "common/log.h"
 #include "handlers_store/sqlite_file.h"
-#include "responder_store/busy_retry.h"
 
 namespace kolmo
 {
@@ -20,7 +19,7 @@ namespace
 const char label[] = "mail handlers";
 
 /* No IF NOT EXISTS: on an existing store the script fails and, never committed, changes nothing.  The
-   constraint's name is misspelt in every store that exists, so it stays. */
+   constraint's misspelt name: docs/compatibility.md. */
 const char schema_sql[] =
     "BEGIN TRANSACTION;"
     "CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, "
@@ -44,15 +43,8 @@ void handlers_db_set_path(const char *path)
 
 int handlers_db_create()
 {
-    const bool is_new = access(handlers_db_path, F_OK) != 0;
-    const PauseWatch pauses;
-
-    if (handlers_db_create_schema() != 0) {
-        /* SQLite has made the file all the same, with its own owner and mode. */
-        if (is_new && !pauses.failed())
-            (void)unlink(handlers_db_path);
-        return -1;
-    }
+    if (handlers_db_create_schema() != 0)
+        return -1; /* and nothing is removed: what lies there may be another process's store */
     if (handlers_db_set_permissions(handlers_db_path) != 0) {
         /* No store with a wrong owner or mode is left behind. */
         (void)unlink(handlers_db_path);
@@ -78,7 +70,7 @@ int handlers_db_set_permissions(const char *path)
     const group *const popuser = getgrnam("popuser");
 
     if (popuser == nullptr) {
-        /* "uid" it says, of a group: the message is known so. */
+        /* "uid" of a group: docs/compatibility.md. */
         log_message(LOG_CRIT, "Unable to get mail handlers group uid: %s", std::strerror(errno));
         return -1;
     }

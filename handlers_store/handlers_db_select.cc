@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "common/log.h"
+#include "handlers_store/global_address.h"
+#include "handlers_store/handler_rows.h"
 #include "handlers_store/handlers_store_op.h"
 
 namespace kolmo
@@ -13,9 +15,24 @@ namespace kolmo
 namespace
 {
 
-const char select_to_run_sql[] =
+constexpr Sql<4> select_to_run_sql =
     "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND "
     "enabled=? AND address=? ORDER BY priority DESC";
+
+constexpr Sql<1> select_address_sql = "SELECT priority, type, queue, name, address, executable, context, "
+                                      "enabled FROM handlers WHERE address = ?";
+
+constexpr Sql<1> select_domain_sql =
+    "SELECT priority, type, queue, name, address, executable, context, enabled FROM handlers "
+    "WHERE address LIKE '%' || ? || '%'";
+
+/* The domain of a mailbox's address; any other text is its own. */
+const char *domain_part(const char *address)
+{
+    const char *const at = std::strchr(address, '@');
+
+    return at != nullptr ? at + 1 : address;
+}
 
 /* The address that is looked up for a filter, or null, logged, when a global one cannot have it. */
 const char *filter_address(const HandlerRecord *filter)
@@ -32,7 +49,7 @@ const char *filter_address(const HandlerRecord *filter)
     return nullptr;
 }
 
-int select_to_run(StoreOp &op, HandlerList *list, const HandlerRecord &wanted)
+Ending select_to_run(StoreOp &op, HandlerList *list, const HandlerRecord &wanted)
 {
     const std::array key = {
         bind_int(wanted.queue, "Unable to bind parameter 'queue' to the 'SELECT' query: %s"),
@@ -40,24 +57,46 @@ int select_to_run(StoreOp &op, HandlerList *list, const HandlerRecord &wanted)
         bind_int(wanted.enabled, "Unable to bind parameter 'enabled' to the 'SELECT' query: %s"),
         bind_text(wanted.address, "Unable to bind parameter 'address' to the 'SELECT' query: %s"),
     };
-    int step;
+    Rows rows(op, select_to_run_sql, key);
 
-    if (op.select(select_to_run_sql, key, &step, [&](sqlite3_stmt *row) {
-            HandlerRecord record = wanted;
+    while (rows.next()) {
+        HandlerRecord record = wanted;
 
-            record.executable = column_text(row, 0);
-            record.context = column_text(row, 1);
-            record.name = column_text(row, 2);
-            return keep_row(list, &record);
-        }) != 0)
-        return -1;
-    if (step == SQLITE_DONE)
-        return 0;
-    log_failure("Unable to get data from mail handlers database: %s", op.detail());
-    return -1;
+        record.executable = rows.text(0);
+        record.context = rows.text(1);
+        record.name = rows.text(2);
+        if (keep_row(list, &record) != 0)
+            break; /* reported again below: the rows have not come to their end */
+    }
+    return rows.finish("Unable to get data from mail handlers database: %s");
 }
 
 } // namespace
+
+Ending select_by_address(StoreOp &op, HandlerList *list, const char *address, bool exact)
+{
+    const char *const wanted = exact ? address : domain_part(address);
+    const std::array key = {
+        bind_text(wanted, "Unable to bind parameter 'address' to the 'SELECT' query: %s")};
+    Rows rows(op, exact ? select_address_sql : select_domain_sql, key);
+    bool all_kept = true;
+
+    /* LIKE is wider than a domain, so a row's own domain decides; in the exact form, too, which for that
+       reason never finds a mailbox. */
+    while (rows.next()) {
+        HandlerRecord record = record_from_row(rows, 5);
+
+        record.address = rows.text(4);
+        record.enabled = rows.integer(7) != 0;
+        if (record.address != nullptr && std::strcmp(domain_part(record.address), wanted) == 0 &&
+            keep_row(list, &record) != 0)
+            all_kept = false;
+    }
+
+    const Ending ending = rows.finish("Unable to select data from handlers database: %s");
+
+    return ending == Ending::done && !all_kept ? Ending::failed : ending;
+}
 
 int handlers_db_select_to_run(StoreConnection *connection, HandlerList *list, const HandlerRecord *filter)
 {
@@ -73,15 +112,16 @@ int handlers_db_select_to_run(StoreConnection *connection, HandlerList *list, co
     wanted.queue = filter->queue;
     wanted.enabled = filter->enabled;
     wanted.address = key;
-    return with_handlers_store(connection, OpenMode::read_only,
-                               [&](StoreOp &op) { return select_to_run(op, list, wanted); });
+    return to_result(with_handlers_store(connection, OpenMode::read_only,
+                                         [&](StoreOp &op) { return select_to_run(op, list, wanted); }));
 }
 
 int handlers_db_select_by_address(StoreConnection *connection, HandlerList *list, const char *address,
                                   bool exact)
 {
-    return with_handlers_store(connection, OpenMode::read_only,
-                               [&](StoreOp &op) { return select_by_address(op, list, address, exact); });
+    return to_result(with_handlers_store(connection, OpenMode::read_only, [&](StoreOp &op) {
+        return select_by_address(op, list, address, exact);
+    }));
 }
 
 int handlers_db_select_by_domain(StoreConnection *connection, HandlerList *list, const char *address)

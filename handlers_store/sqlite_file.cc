@@ -8,7 +8,7 @@
 
 #include "common/log.h"
 #include "common/owned.h"
-#include "responder_store/store_op.h"
+#include "responder_store/kit/store_op.h"
 
 namespace kolmo
 {
@@ -28,28 +28,26 @@ int make_dir(const char *directory)
     return -1;
 }
 
-int run_script(StoreOp &op, const char *script, const char *label)
+Ending run_script(StoreOp &op, const char *script, const char *label)
 {
     SqliteText error;
     int rc;
 
-    if (op.exec(script, &rc, &error) != 0)
-        return -1;
-    if (rc == SQLITE_OK)
-        return 0;
+    if (op.exec(script, &rc, &error) != Ending::done || rc == SQLITE_OK)
+        return op.ending();
     if (error != nullptr)
-        log_message(LOG_ERR, "Unable to re-create %s database: %s", label, error.get());
+        log_failure("Unable to re-create %s database: %s", label, error.get());
     else
-        log_message(LOG_ERR, "Unable to re-create %s database", label);
-    return -1;
+        log_failure("Unable to re-create %s database", label);
+    return Ending::failed;
 }
 
 } // namespace
 
 int sqlite_db_recreate(const char *path, const char *script, const char *label)
 {
-    return with_store(nullptr, path, OpenMode::read_write,
-                      [&](StoreOp &op) { return run_script(op, script, label); });
+    return to_result(with_store(nullptr, path, OpenMode::read_write,
+                                [&](StoreOp &op) { return run_script(op, script, label); }));
 }
 
 int make_dirs(const char *directory)

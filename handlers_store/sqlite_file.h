@@ -9,8 +9,8 @@ namespace kolmo
 
 /*
  * Opens the SQLite file at `path`, creating it if it is missing, and runs `script` on it.  `label` names
- * the store in messages.  Nothing is dropped first: a script that creates tables succeeds on a missing or
- * empty file only, and a script in a transaction of its own leaves an existing store as it was.
+ * the store in messages.  Nothing is dropped first: a script that creates tables fails where they exist, and
+ * one in a transaction of its own then leaves the file as it was.
  *
  * Returns 0, or -1 after logging, at priority 3, "Unable to open database %s: %s" (path, detail) or
  * "Unable to re-create %s database: %s" (label, SQLite's text; without one, and its colon, when SQLite gave

@@ -11,6 +11,7 @@
 
 #include "common/log.h"
 #include "common/owned.h"
+#include "common/text.h"
 
 namespace kolmo
 {
@@ -47,12 +48,6 @@ struct FreeStore {
     void operator()(QsxConfStore *store) const noexcept { conf_store_free(store); }
 };
 using OwnedStore = std::unique_ptr<QsxConfStore, FreeStore>;
-
-/* The <cctype> functions take bytes, not signed characters. */
-bool is_space(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
 
 bool is_name_character(char c)
 {
@@ -144,10 +139,8 @@ int grow_slots(QsxConfStore *store)
 }
 
 /*
- * Where the value that starts at `value` and could run to `end` is cut.  A blank sets the marker when it
- * is clear and clears it when it is set, so a run of white space at the end loses its last character
- * when its length is odd and is kept when it is even: a value that is followed by one blank and the
- * newline has always been read with both.
+ * Where the value that starts at `value` and could run to `end` is cut: of a run of white space at the end
+ * the last character goes when the run is odd (docs/compatibility.md).
  */
 char *value_end(char *value, char *end)
 {
@@ -191,16 +184,12 @@ int parse_line(char *line, QsxConfStore *store)
 
 int parse_lines(std::FILE *stream, QsxConfStore *store)
 {
-    char *line = nullptr;
+    OwnedText line;
     std::size_t size = 0;
     int result = 0;
 
-    while (result == 0 && getline(&line, &size, stream) != -1)
-        result = parse_line(line, store);
-
-    const int saved_errno = errno;
-    std::free(line);
-    errno = saved_errno;
+    while (result == 0 && read_line(stream, line, size))
+        result = parse_line(line.get(), store);
     return result;
 }
 
@@ -262,10 +251,9 @@ int conf_parse_file(const char *path, QsxConfStore *store)
 
     std::FILE *const stream = std::fopen(path, "rt");
     if (stream == nullptr) {
-        const int saved_errno = errno;
+        const KeepErrno errno_kept;
         log_message(CONF_READER_PRIORITY, "unable to open configuration file %s: %s\n", path,
-                    std::strerror(saved_errno));
-        errno = saved_errno;
+                    std::strerror(errno_kept.get()));
         return -1;
     }
     return conf_parse_stream(stream, store);
@@ -273,21 +261,17 @@ int conf_parse_file(const char *path, QsxConfStore *store)
 
 int conf_parse_stream(std::FILE *stream, QsxConfStore *store)
 {
-    OwnedFile file(stream);
-    const int result = parse_lines(stream, store);
-    const bool read_all = std::feof(stream) != 0 && std::ferror(stream) == 0;
-    const int saved_errno = errno;
+    const OwnedFile file(stream);
 
-    file.reset();
-    errno = saved_errno;
-    if (result != 0)
+    if (parse_lines(stream, store) != 0)
         return -1;
 
+    const KeepErrno errno_kept;
     conf_store_sort(store);
-    if (read_all)
+    if (std::feof(stream) != 0 && std::ferror(stream) == 0)
         return 0;
-    log_message(CONF_READER_PRIORITY, "Unable to read configuration file: %s", std::strerror(saved_errno));
-    errno = saved_errno;
+    log_message(CONF_READER_PRIORITY, "Unable to read configuration file: %s",
+                std::strerror(errno_kept.get()));
     return -1;
 }
 

@@ -2,10 +2,9 @@
  * panel_conf: the panel's configuration file, with compiled-in values for what it does not define.
  *
  * The file holds one variable per line: a name of letters, digits and '_', white space, a value; '#' starts a
- * comment anywhere.  Of a run of white space at the value's end the last character goes when its length is
- * odd, none when it is even: a value with one blank before the newline keeps both.  The file is read once per
- * process, on the first lookup that succeeds in loading it; a file that cannot be loaded is tried again, and
- * complained about again, by every further lookup.
+ * comment anywhere.  Of a run of white space at the value's end, newline included, the last character goes
+ * when its length is odd, none when it is even.  The file is read once per process; one that cannot be loaded
+ * is tried again, and complained about again, by every further lookup.
  *
  * What the reader logs goes out at CONF_READER_PRIORITY unless a function says otherwise:
  *   "unable to open configuration file %s: %s\n"  path, system error text
@@ -31,8 +30,8 @@ namespace kolmo
 {
 
 /*
- * A warning, but under the user facility whatever facility the log was opened with.  The console sink
- * takes the sum, 12, for a level that it never prints: a panel without the file stays quiet there.
+ * A warning of the user facility, whatever the log's own is.  The console sink takes the sum, 12, for a level
+ * that it never prints: without the file it stays quiet.
  */
 constexpr int CONF_READER_PRIORITY = LOG_USER | LOG_WARNING;
 
@@ -61,9 +60,8 @@ struct QsxConfStore {
 };
 
 /*
- * The value of a known variable: the file's, or else the compiled-in one.
- *
- * Never null.  The text is not the caller's to free and lasts as long as the process.
+ * The value of a known variable: the file's, or else the compiled-in one.  Never null; like every value of a
+ * lookup it lasts as long as the process.
  */
 [[nodiscard]] const char *conf_get(QsxConfVar var);
 
@@ -71,27 +69,15 @@ struct QsxConfStore {
 [[nodiscard]] const char *conf_get_from_file(QsxConfVar var);
 
 /*
- * conf_get for a variable given by its name.
- *
- * Returns null for a name that is not a known variable's, which is logged at LOG_ERR, even if the file
- * has a line for it: only known variables can be read this way.  The upper range marker counts as
- * unknown, the lower one does not.
+ * conf_get for a variable given by its name; null, logged at LOG_ERR, for a name that is no known variable's,
+ * even if the file has it.  The upper range marker counts as unknown, the lower one does not.
  */
 [[nodiscard]] const char *conf_get_by_name(const char *name);
 
-/*
- * The value of any variable that the file defines, known or not; loads the file if that is still to be
- * done.  Null when the file does not define it or cannot be loaded.  The text is not the caller's to free and
- * lasts as long as the process.
- */
+/* The value of any variable that the file defines, known or not; else, or without the file, null. */
 [[nodiscard]] const char *conf_file_lookup(const char *name);
 
-/*
- * Load panel_conf_path, unless a file is loaded already.
- *
- * Returns 0 when one is loaded, -1 when it cannot be: logged by conf_parse_file, or here at LOG_ERR when
- * there is no memory for the store.  Nothing remembers a failure.
- */
+/* Load panel_conf_path, unless a file is loaded already.  0 when one is; -1 after logging why not. */
 [[nodiscard]] int conf_load();
 
 /*
@@ -105,7 +91,7 @@ struct QsxConfStore {
  */
 [[nodiscard]] int conf_parse_file(const char *path, QsxConfStore *store);
 
-/* The part of conf_parse_file that follows opening.  Closes the stream, whatever happens. */
+/* The part of conf_parse_file that follows opening.  Closes the stream in any case. */
 [[nodiscard]] int conf_parse_stream(std::FILE *stream, QsxConfStore *store);
 
 /*
@@ -118,9 +104,8 @@ struct QsxConfStore {
 
 /*
  * Put a variable into a store, copying both texts; a value that it had is replaced and freed.
- *
- * Returns 0; -1 with errno ENOMEM after running out of memory, logged but for the case that
- * conf_store_reserve keeps silent about; the store's variables are as they were then.
+ * Returns 0, or -1 as conf_store_reserve, or with errno ENOMEM, logged, when there is no memory for the
+ * copies.
  */
 [[nodiscard]] int conf_store_set(QsxConfStore *store, const char *name, const char *value);
 

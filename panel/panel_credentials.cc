@@ -21,7 +21,7 @@ OwnedText dsn_value(const char *key)
     return OwnedText(ini_get_value(panel_dsn_path, "kolmo", key));
 }
 
-void default_to(OwnedText *setting, const char *value)
+void set_if_missing(OwnedText *setting, const char *value)
 {
     if (*setting == nullptr)
         setting->reset(xasprintf("%s", value));
@@ -37,7 +37,7 @@ unsigned int to_port(const char *text)
  * The first line into a buffer that the whole file fits in; false when there is none.  fgets calls it a
  * success to read nothing into a buffer of one byte, so the empty file is told by the size.
  */
-bool read_line(std::FILE *file, char *line, std::size_t size)
+bool read_first_line(std::FILE *file, char *line, std::size_t size)
 {
     if (size <= 1 ||
         std::fgets(line, static_cast<int>(std::min<std::size_t>(size, INT_MAX)), file) == nullptr)
@@ -69,7 +69,7 @@ OwnedSecret read_admin_password(char *error_buffer, std::size_t buffer_size)
         (void)std::snprintf(error_buffer, buffer_size, "Unable to allocate memory for password");
         return nullptr;
     }
-    if (!read_line(file.get(), line.get(), size)) {
+    if (!read_first_line(file.get(), line.get(), size)) {
         (void)std::snprintf(error_buffer, buffer_size, "Unable to read admin password file: %s",
                             std::strerror(errno));
         return nullptr;
@@ -90,14 +90,14 @@ int panel_read_credentials(PanelCredentials *credentials, char *error_buffer, st
     credentials->password.reset(dsn_value("password").release());
     credentials->database = dsn_value("dbname");
 
-    default_to(&credentials->host, "localhost");
-    default_to(&credentials->user, "admin");
+    set_if_missing(&credentials->host, "localhost");
+    set_if_missing(&credentials->user, "admin");
     credentials->port = port != nullptr ? to_port(port.get()) : 0;
     if (credentials->password == nullptr)
         credentials->password = read_admin_password(error_buffer, buffer_size);
     if (credentials->password == nullptr)
         return -1;
-    default_to(&credentials->database, "qsx");
+    set_if_missing(&credentials->database, "qsx");
     return 0;
 }
 

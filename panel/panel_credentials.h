@@ -12,6 +12,8 @@
 #include <cstring>
 #include <memory>
 
+#include <malloc.h>
+
 #include "common/owned.h"
 
 namespace kolmo
@@ -21,11 +23,11 @@ namespace kolmo
 extern const char *panel_dsn_path;
 extern const char *panel_shadow_path;
 
-/* Wipes the secret first.  What the reader of the DSN file had in its buffers is not this one's. */
+/* Wipes the whole allocation first.  What the reader of the DSN file had in its buffers is not this one's. */
 struct WipeMemory {
     void operator()(char *secret) const noexcept
     {
-        explicit_bzero(secret, std::strlen(secret));
+        explicit_bzero(secret, malloc_usable_size(secret));
         std::free(secret);
     }
 };
@@ -42,11 +44,10 @@ struct PanelCredentials {
 /*
  * Gather the credentials.
  *
- * The DSN file's section "kolmo" is asked for the keys host, port, username, password and dbname, each
- * with a reading of its own; a missing file has none of them.  Defaults: "localhost", 0, "admin", "qsx".
- * The port is what strtol makes of the text's beginning, in base 10, without a range check.
- * Of the password file the first line counts, without its newline and with everything else, blanks and
- * carriage returns too.  It is not opened when the DSN file has the key.
+ * The DSN file's section "kolmo" has the keys host, port, username, password and dbname; what it lacks is
+ * "localhost", 0, "admin" and "qsx".  The port is what strtol makes of the text's beginning, in base 10,
+ * without a range check.  Of the password file the first line counts, without its newline and with everything
+ * else, blanks and carriage returns too.  It is not opened when the DSN file has the key.
  *
  * credentials   filled on success; after a failure what was read so far, to be dropped
  * error_buffer  gets the text of a failure, cut to buffer_size bytes with the terminator; otherwise
@@ -57,8 +58,7 @@ struct PanelCredentials {
  *   "Unable to get admin password file stat: %s"  system error text
  *   "Unable to allocate memory for password"
  *   "Unable to read admin password file: %s"      system error text
- * Logs nothing.  errno after success is whatever the last
- * file left there (ENOENT when there is no DSN file).
+ * Logs nothing.  errno after success is whatever the last file left there (ENOENT without a DSN file).
  */
 [[nodiscard]] int panel_read_credentials(PanelCredentials *credentials, char *error_buffer,
                                          std::size_t buffer_size);

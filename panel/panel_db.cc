@@ -1,5 +1,6 @@
 #include "panel/panel_db.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 

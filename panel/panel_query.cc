@@ -13,18 +13,21 @@ namespace kolmo
 namespace
 {
 
-constexpr std::size_t result_size = 4096;
-constexpr std::size_t query_size = 4096;
+/* Values and query texts are cut to it: results are static, so that no caller has to free them. */
+constexpr std::size_t text_size = 4096;
 
-char query_result[result_size];
-char setting_result[result_size];
+char query_result[text_size];
+char setting_result[text_size];
 
-/* The caller's connection or, when that is null, one that `own` closes; null when there is none to be had. */
-MYSQL *connection_or_own(MYSQL *connection, PanelConnection *own)
+/* The caller's connection or, when that is null, one that `own` closes; null after the report of a failure.
+ */
+MYSQL *connection_or_own(MYSQL *connection, PanelConnection *own, const char *complaint)
 {
     if (connection != nullptr)
         return connection;
     own->reset(panel_db_connect());
+    if (*own == nullptr)
+        report_error(0, 0, "%s", complaint);
     return own->get();
 }
 
@@ -37,12 +40,19 @@ const char *first_row_value(MYSQL_RES *result, int column)
     return row != nullptr ? panel_text(row[column]) : "";
 }
 
-/* What the query just sent on the connection gave, into a result buffer of result_size bytes. */
-const char *take_value(MYSQL *connection, int column, char *buffer)
+/*
+ * What a query just sent, with the result `rc`, has given, into a result buffer of text_size bytes; null,
+ * with mysql_error to tell why, when it failed or its rows got lost on their way.
+ */
+const char *take_value(int rc, MYSQL *connection, int column, char *buffer)
 {
-    const PanelResult result(mysql_store_result(connection));
+    if (rc != 0)
+        return nullptr;
 
-    (void)std::snprintf(buffer, result_size, "%s", first_row_value(result.get(), column));
+    const PanelResult result(mysql_store_result(connection));
+    if (result == nullptr && mysql_errno(connection) != 0)
+        return nullptr;
+    (void)std::snprintf(buffer, text_size, "%s", first_row_value(result.get(), column));
     return buffer;
 }
 
@@ -52,16 +62,14 @@ const char *panel_query_value(const char *query, MYSQL *connection, int column)
 {
     PanelConnection own;
 
-    connection = connection_or_own(connection, &own);
-    if (connection == nullptr) {
-        report_error(0, 0, "Unable to connect to the mysql database\n");
+    connection = connection_or_own(connection, &own, "Unable to connect to the mysql database\n");
+    if (connection == nullptr)
         return nullptr;
-    }
-    if (mysql_query(connection, query) != 0) {
+
+    const char *const value = take_value(mysql_query(connection, query), connection, column, query_result);
+    if (value == nullptr)
         report_error(0, 0, "Unable to query parameter by query %s: %s\n", query, mysql_error(connection));
-        return nullptr;
-    }
-    return take_value(connection, column, query_result);
+    return value;
 }
 
 const char *panel_query_first_value(const char *query, MYSQL *connection)
@@ -72,7 +80,7 @@ const char *panel_query_first_value(const char *query, MYSQL *connection)
 const char *panel_query_param(const char *key, const char *table, const char *key_column,
                               const char *value_column, MYSQL *connection)
 {
-    char query[query_size];
+    char query[text_size];
 
     (void)std::snprintf(query, sizeof query, "select %s from %s where %s='%s'", value_column, table,
                         key_column, key);
@@ -88,20 +96,19 @@ const char *panel_mail_server_setting(const char *name, MYSQL *connection)
 {
     PanelConnection own;
 
-    connection = connection_or_own(connection, &own);
-    if (connection == nullptr) {
-        report_error(0, 0, "Unable to connect to mysql database\n");
+    connection = connection_or_own(connection, &own, "Unable to connect to mysql database\n");
+    if (connection == nullptr)
         return nullptr;
-    }
     (void)std::snprintf(setting_result, sizeof setting_result,
                         "select value from ServiceNodeConfiguration where name='%s' and serviceNodeId=1 and "
                         "section='mailServer'",
                         name);
-    if (mysql_real_query(connection, setting_result, std::strlen(setting_result)) != 0) {
+
+    const int rc = mysql_real_query(connection, setting_result, std::strlen(setting_result));
+    const char *const value = take_value(rc, connection, 0, setting_result);
+    if (value == nullptr)
         report_error(0, 0, "Unable to query domain parameter %s: %s\n", name, mysql_error(connection));
-        return nullptr;
-    }
-    return take_value(connection, 0, setting_result);
+    return value;
 }
 
 } // namespace kolmo

@@ -5,20 +5,17 @@
  * happens, or, given null, on one of its own that is closed again before it returns.  A value that is
  * not set and a failure can be told apart:
  *
- *   no row, or SQL's NULL   ""
- *   failure                 null, reported through report_error with exit code 0
+ *   no row, SQL's NULL, or a statement without rows   ""
+ *   failure, or rows that get lost on their way       null, reported through report_error with exit code 0
  *
  * The reports, which end in a newline and carry whatever errno stood before: "Unable to query parameter by
- * query %s: %s" (query, the server's text) and "Unable to connect to the mysql database"; for
- * panel_mail_server_setting "Unable to query domain parameter %s: %s" (setting, the server's text) and
- * "Unable to connect to mysql database".  The latter of each follows what panel_db_connect reported.
+ * query %s: %s" (query, the server's text) and, after panel_db_connect's, "Unable to connect to the mysql
+ * database"; for panel_mail_server_setting "Unable to query domain parameter %s: %s" (setting, the server's
+ * text) and "Unable to connect to mysql database".
  *
- * A result is a static buffer: not to be freed, and overwritten by the next lookup of the same family
- * (panel_mail_server_setting has a buffer to itself, the others share one).  It holds 4095 bytes; a
- * longer value is cut.
- *
- * Texts are put into the queries as they are, without escaping: pass only names and keys that are safe
- * between single quotes.  Query texts are built in 4096 bytes and cut there.
+ * A result is a static buffer, overwritten by the next lookup of the same family (panel_mail_server_setting
+ * has one to itself).  Values and the queries that are built here are cut at 4095 bytes.  Texts go into the
+ * queries without escaping: pass only names and keys that are safe between single quotes.
  */
 #ifndef KOLMO_PANEL_PANEL_QUERY_H
 #define KOLMO_PANEL_PANEL_QUERY_H

@@ -10,11 +10,9 @@ namespace kolmo
 int responder_db_add_attachments(StoreConnection *connection, const char *mailbox, const char *domain,
                                  const char *const *filenames, int count)
 {
-    return with_responder_store(connection, [&](StoreOp &op) {
-        if (count == 0)
-            return 0;
-        if (op.begin() != 0)
-            return -1;
+    return to_result(with_responder_store(connection, [&](StoreOp &op) {
+        if (count == 0 || op.begin() != Ending::done)
+            return op.ending();
 
         const OwnedText mailname = make_mailname(mailbox, domain);
         const auto row = [&](int i) {
@@ -27,15 +25,14 @@ int responder_db_add_attachments(StoreConnection *connection, const char *mailbo
             log_failure("Unable to add autoresponder attachment (%s): %s", mailname.get(), op.detail());
         };
 
-        if (run_rows(op, "REPLACE INTO attachments VALUES (?, ?  );", count, row, refused) != 0)
-            return -1;
+        run_rows<2>(op, "REPLACE INTO attachments VALUES (?, ?  );", count, row, refused);
         return op.end();
-    });
+    }));
 }
 
 int responder_db_remove_attachments(StoreConnection *connection, const char *mailbox, const char *domain)
 {
-    /* The message has always said "add" of a deletion, the very one of the writer above. */
+    /* "add" of a deletion: docs/compatibility.md. */
     return remove_mailbox_rows(connection, mailbox, domain, "DELETE FROM attachments WHERE mn = ?;",
                                "Unable to add autoresponder attachment (%s): %s");
 }

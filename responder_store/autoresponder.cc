@@ -10,7 +10,7 @@ namespace kolmo
 namespace
 {
 
-const char add_autoresponder_sql[] =
+constexpr Sql<12> add_autoresponder_sql =
     "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, "
     "body, ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );";
 
@@ -36,23 +36,20 @@ int responder_db_add_autoresponder(StoreConnection *connection, const char *mail
         bind_text(mailname.get(), "Unable to bind parameter mailname: %s"),
     };
 
-    return with_responder_store(connection, [&](StoreOp &op) {
-        int step;
-
-        if (op.begin() != 0 || op.run(add_autoresponder_sql, row, &step) != 0)
-            return -1;
-        if (step != SQLITE_DONE) {
+    return to_result(with_responder_store(connection, [&](StoreOp &op) {
+        op.begin();
+        if (!op.run(add_autoresponder_sql, row)) {
             /* Deliberately neither ended nor closed: the transaction stays open on the connection. */
             log_failure("Unable to add/update autoresponder (%s): %s", mailname.get(), op.detail());
-            return -1;
+            return Ending::failed;
         }
         return op.end();
-    });
+    }));
 }
 
 int responder_db_remove_autoresponder(StoreConnection *connection, const char *mailbox, const char *domain)
 {
-    /* The message has always said "add" of a deletion; it is known by these words. */
+    /* "add" of a deletion: docs/compatibility.md. */
     return remove_mailbox_rows(connection, mailbox, domain, "DELETE FROM autoresponder WHERE mn = ?;",
                                "Unable to add autoresponder data (%s): %s");
 }

@@ -10,7 +10,7 @@ namespace kolmo
 int responder_db_add_extra_headers(StoreConnection *connection, const char *const *names,
                                    const char *const *values, int count)
 {
-    return with_responder_store(connection, [&](StoreOp &op) {
+    return to_result(with_responder_store(connection, [&](StoreOp &op) {
         const auto row = [&](int i) {
             return std::array{
                 bind_text(names[i], "Unable to bind parameter name: %s"),
@@ -22,26 +22,25 @@ int responder_db_add_extra_headers(StoreConnection *connection, const char *cons
         };
 
         if (count == 0)
-            return 0;
-        if (op.begin() != 0 ||
-            run_rows(op, "REPLACE INTO extra_headers VALUES (?, ?  );", count, row, refused) != 0)
-            return -1;
+            return op.ending();
+        op.begin();
+        run_rows<2>(op, "REPLACE INTO extra_headers VALUES (?, ?  );", count, row, refused);
         return op.end();
-    });
+    }));
 }
 
 int responder_db_remove_extra_headers(StoreConnection *connection)
 {
-    return with_responder_store(connection, [](StoreOp &op) {
+    int rc = SQLITE_OK;
+    const Ending ending = with_responder_store(connection, [&](StoreOp &op) {
         SqliteText error; /* released unread: the log takes the connection's own text */
-        int rc;
 
-        if (op.exec("DELETE FROM extra_headers", &rc, &error) != 0)
-            return -1;
-        if (rc != SQLITE_OK)
+        if (op.exec("DELETE FROM extra_headers", &rc, &error) == Ending::done && rc != SQLITE_OK)
             log_failure("Unable to remove autoresponder extra headers: %s", op.detail());
-        return rc;
+        return op.ending();
     });
+
+    return ending == Ending::done ? rc : to_result(ending);
 }
 
 } // namespace kolmo

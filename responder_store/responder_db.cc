@@ -18,21 +18,18 @@ OwnedText make_mailname(const char *mailbox, const char *domain)
     return mailname;
 }
 
-int remove_mailbox_rows(StoreConnection *connection, const char *mailbox, const char *domain, const char *sql,
-                        Message<2> refused)
+int remove_mailbox_rows(StoreConnection *connection, const char *mailbox, const char *domain, Sql<1> sql,
+                        TextFormat<2> refused)
 {
     const OwnedText mailname = make_mailname(mailbox, domain);
     const std::array key = {bind_text(mailname.get(), "Unable to bind parameter mailname: %s")};
 
-    return with_responder_store(connection, [&](StoreOp &op) {
-        int step;
-
-        if (op.begin() != 0 || op.run(sql, key, &step) != 0)
-            return -1;
-        if (step != SQLITE_DONE)
+    return to_result(with_responder_store(connection, [&](StoreOp &op) {
+        op.begin();
+        if (!op.run(sql, key))
             log_failure(refused, mailname.get(), op.detail());
         return op.end();
-    });
+    }));
 }
 
 } // namespace kolmo

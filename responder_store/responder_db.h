@@ -7,7 +7,7 @@
  *
  * All operations:
  * - take the connection to work on, or null to open the store at responder_db_path, with a busy time-out
- *   of 50 ms, and close it again.  A connection that was closed is accepted and fails cleanly.
+ *   of 50 ms, and close it again.  One that was closed fails cleanly, an abandoned one silently.
  * - repeat what another process's lock keeps from them, without a limit (responder_store/busy_retry.h).
  * - log at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror"
  *   without a connection, as the detail.
@@ -19,8 +19,9 @@
  *     "Unable to begin sqlite transaction: %s"              detail
  *     "Unable to end sqlite transaction: %s"                detail
  *     "Unable to bind parameter NAME: %s"                   detail
- * - return -1 without a word when a pause between two attempts failed (nanosleep(2)); the statement at
- *   hand, the transaction and the connection are then left as they stand.
+ * - return -1 without a word when a pause between two attempts failed (nanosleep(2)): the statement at hand,
+ *   the transaction and the connection stay as they are, and the connection is abandoned
+ *   (responder_store/kit/store_connection.h).
  * - leave the caller's texts alone; none of them may be null.
  *
  * The mailname, the key of the two tables, is the mailbox, "@" and the domain, lower-cased byte by byte by
@@ -29,8 +30,8 @@
 #ifndef KOLMO_RESPONDER_STORE_RESPONDER_DB_H
 #define KOLMO_RESPONDER_STORE_RESPONDER_DB_H
 
+#include "responder_store/kit/store_connection.h"
 #include "responder_store/responder_record.h"
-#include "responder_store/store_connection.h"
 
 namespace kolmo
 {

@@ -9,7 +9,10 @@
 namespace kolmo
 {
 
-/* The record owns its texts; none is null in a record that was loaded. */
+/*
+ * The record owns its texts; none is null in a record that was loaded.  What responder_record_from_row made
+ * (restore/responder_list.h) responder_record_free frees.
+ */
 struct ResponderRecord {
     std::int32_t id;    /* of the responder: key of its attachments */
     std::int32_t mn_id; /* of the mailbox that it answers for */

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "common/owned.h"
+#include "responder_store/kit/store_op.h"
 #include "responder_store/responder_db.h"
-#include "responder_store/store_op.h"
 
 namespace kolmo
 {
@@ -18,7 +18,7 @@ namespace kolmo
 
 /* with_store for the responder store, wherever responder_db_path leads at this moment. */
 template <typename Body>
-[[nodiscard]] int with_responder_store(StoreConnection *connection, Body &&body)
+[[nodiscard]] Ending with_responder_store(StoreConnection *connection, Body &&body)
 {
     return with_store(connection, responder_db_path, OpenMode::read_write, std::forward<Body>(body));
 }
@@ -28,7 +28,7 @@ template <typename Body>
  * deletion is logged with `refused` (mailname, detail) and is deliberately no failure.
  */
 [[nodiscard]] int remove_mailbox_rows(StoreConnection *connection, const char *mailbox, const char *domain,
-                                      const char *sql, Message<2> refused);
+                                      Sql<1> sql, TextFormat<2> refused);
 
 } // namespace kolmo
 

@@ -1,12 +1,11 @@
 #include "restore/alias_propagation.h"
 
-#include <cstdio>
-
 #include "common/log.h"
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"
-#include "responder_store/store_op.h"
-#include "restore/program_flow.h"
+#include "responder_store/kit/store_op.h"
+#include "restore/domain_query.h"
+#include "restore/run_handles.h"
 
 namespace kolmo
 {
@@ -27,22 +26,19 @@ int restore_alias(const char *domain, const char *alias)
     return 0;
 }
 
-int run_copies(StoreOp &op, const char *copy_responders, const char *copy_attachments)
+/*
+ * A refused copy is neither ended nor closed: the run stops there, and its last close discards both.
+ */
+Ending run_copies(StoreOp &op, const char *copy_responders, const char *copy_attachments)
 {
-    int step;
-
-    if (op.begin() != 0 || op.run(copy_responders, {}, &step) != 0)
-        return -1;
-    if (step != SQLITE_DONE) {
-        /* Deliberately neither ended nor closed: the run stops here and its last close discards all. */
+    op.begin();
+    if (!op.run(Sql<0>::made(copy_responders), {})) {
         log_failure("Unable to exec query1: %s", op.detail());
-        return -1;
+        return Ending::failed;
     }
-    if (op.run(copy_attachments, {}, &step) != 0)
-        return -1;
-    if (step != SQLITE_DONE) {
+    if (!op.run(Sql<0>::made(copy_attachments), {})) {
         log_failure("Unable to exec query2: %s", op.detail());
-        return -1;
+        return Ending::failed;
     }
     return op.end();
 }
@@ -51,21 +47,13 @@ int run_copies(StoreOp &op, const char *copy_responders, const char *copy_attach
 
 int restore_alias_responders(const char *domain_id, const char *domain)
 {
-    char query[4096];
-    const int length =
-        std::snprintf(query, sizeof query, "SELECT name FROM domain_aliases  WHERE dom_id=%s", domain_id);
+    /* Two blanks before WHERE: docs/compatibility.md. */
+    const PanelResult aliases =
+        query_domain("SELECT name FROM domain_aliases  WHERE dom_id=%s", domain_id,
+                     "Unable to generate query for domain aliases", "Unable to query domain aliases: %s");
 
-    if (length < 1 || length >= static_cast<int>(sizeof query)) {
-        log_message(LOG_ERR, "Unable to generate query for domain aliases");
+    if (aliases == nullptr)
         return -1;
-    }
-
-    const PanelResult aliases = panel_select(panel_db, query, static_cast<unsigned long>(length));
-
-    if (aliases == nullptr) {
-        log_message(LOG_ERR, "Unable to query domain aliases: %s", mysql_error(panel_db));
-        return -1;
-    }
     while (const MYSQL_ROW row = mysql_fetch_row(aliases.get())) {
         if (restore_alias(domain, panel_text(row[0])) != 0)
             return 1;
@@ -99,7 +87,7 @@ int copy_responders_to_alias(StoreConnection *connection, const char *domain, co
     StoreConnection none;
     StoreOp op(connection != nullptr ? connection : &none);
 
-    return run_copies(op, copy_responders.get(), copy_attachments.get());
+    return to_result(run_copies(op, copy_responders.get(), copy_attachments.get()));
 }
 
 } // namespace kolmo

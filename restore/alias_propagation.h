@@ -4,7 +4,7 @@
 #ifndef KOLMO_RESTORE_ALIAS_PROPAGATION_H
 #define KOLMO_RESTORE_ALIAS_PROPAGATION_H
 
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 
 namespace kolmo
 {

@@ -11,17 +11,16 @@
 #include "common/string_array.h"
 #include "panel/panel_db.h"
 #include "responder_store/responder_db.h"
+#include "restore/domain_query.h"
 #include "restore/handler_registration.h"
-#include "restore/program_flow.h"
 #include "restore/responder_list.h"
+#include "restore/run_handles.h"
 
 namespace kolmo
 {
 
 namespace
 {
-
-constexpr std::size_t query_size = 4096;
 
 using OwnedResponderList = OwnedList<ResponderList, responder_list_init, responder_list_free>;
 
@@ -192,24 +191,13 @@ int restore_mail_names(const char *mail_names, const char *mail_ids, const char 
 
 int restore_domain_responders(const char *domain_id, const char *domain)
 {
-    char query[query_size];
-    const int length = std::snprintf(
-        query, sizeof query,
+    const PanelResult rows = query_domain(
         "SELECT group_concat(mail_name SEPARATOR ','), group_concat(id SEPARATOR ',') FROM mail  "
         "WHERE dom_id=%s AND autoresponder='true'",
-        domain_id);
+        domain_id, "Unable to generate query for mail names/aliases", "Unable to query mail names: %s");
 
-    if (length < 1 || length >= static_cast<int>(sizeof query)) {
-        log_message(LOG_ERR, "Unable to generate query for mail names/aliases");
+    if (rows == nullptr)
         return -1;
-    }
-
-    const PanelResult rows = panel_select(panel_db, query, static_cast<unsigned long>(length));
-
-    if (rows == nullptr) {
-        log_message(LOG_ERR, "Unable to query mail names: %s", mysql_error(panel_db));
-        return -1;
-    }
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         const char *const mail_names = panel_text(row[0]);
 

@@ -15,8 +15,8 @@
 
 #include <mysql.h>
 
+#include "responder_store/kit/store_connection.h"
 #include "responder_store/responder_record.h"
-#include "responder_store/store_connection.h"
 
 namespace kolmo
 {

@@ -16,11 +16,11 @@ constexpr int HANDLER_ACTION_DELETE = 3;
  * nothing is applied.
  *
  * mail_names, domains  lists separated by commas and blanks; domains are UTF-8 and become their ASCII form
- * Returns 0; -1 when a record could not be built, and then nothing at all is applied, or as the driver
- * (handlers_db_run_actions) failed.  Logged at priority 3: "Unable to split mailnames list", "Unable to split
- * domains list", "idn_toascii() failed: %s", "domain name too long\n" (an address of 255 characters or
- * more), and, for the latter two and for want of memory (handler_list_append's and string_array_split's own
- * lines come before), "Unable to make action for some autoresponder handlers".
+ * Returns 0; -1 as the driver (handlers_db_run_actions) failed, or with nothing applied after, at priority 3,
+ * string_array_split's lines and "Unable to split mailnames list" or "Unable to split domains list"; or after
+ * "idn_toascii() failed: %s", "domain name too long\n" (an address of 255 characters or more) or
+ * handler_list_append's lines, for each mailbox, and then "Unable to make action for some autoresponder
+ * handlers".
  */
 [[nodiscard]] int set_autoresponder_handlers(const char *mail_names, const char *domains, int action);
 

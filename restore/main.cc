@@ -28,8 +28,11 @@ void occupy_standard_streams()
         (void)close(fd);
 }
 
-/* A parent that ignores it hands that down, and the kernel then forgets how the panel's utility ended. */
-void let_children_be_waited_for()
+/*
+ * A parent that ignores it hands that down; the kernel then forgets how the panel's utility ended, and
+ * waiting for it fails with ECHILD.
+ */
+void stop_ignoring_sigchld()
 {
     (void)std::signal(SIGCHLD, SIG_DFL);
 }
@@ -46,7 +49,7 @@ void configure_sqlite()
 int main(int, char **argv)
 {
     occupy_standard_streams();
-    let_children_be_waited_for();
+    stop_ignoring_sigchld();
     configure_sqlite();
     return kolmo::rebuild_responders(argv[0]);
 }

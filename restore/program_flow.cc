@@ -4,22 +4,20 @@
 #include "exec/panel_utility.h"
 #include "panel/panel_db.h"
 #include "panel/panel_query.h"
-#include "responder_store/busy_retry.h"
+#include "responder_store/kit/busy_retry.h"
 #include "responder_store/responder_db.h"
 #include "restore/alias_propagation.h"
 #include "restore/domain_responders.h"
 #include "restore/extra_reply_headers.h"
+#include "restore/run_handles.h"
 
 namespace kolmo
 {
 
-StoreConnection responder_db;
-MYSQL *panel_db;
-
 namespace
 {
 
-/* Two blanks before LEFT and before WHERE, as the server's query log has always shown it. */
+/* Two blanks before LEFT and before WHERE: docs/compatibility.md. */
 const char domains_sql[] =
     "SELECT d.id, d.name FROM domains d  LEFT JOIN DomainServices ds ON d.id=ds.dom_id  "
     "WHERE ds.type='mail'";
@@ -34,7 +32,7 @@ int restore_domain(const char *id, const char *name)
 /* Stops at the first domain that fails: what follows could only bury its message. */
 int restore_domains()
 {
-    /* The length counts the terminator: the server has always been sent that byte. */
+    /* The length counts the terminator, which the server is sent, too: docs/compatibility.md. */
     const PanelResult domains = panel_select(panel_db, domains_sql, sizeof domains_sql);
 
     if (domains == nullptr) {
@@ -81,14 +79,14 @@ int rebuild_responders(const char *program)
         log_message(LOG_ERR, "Unable to re-initialize autoresponder's database");
         return -1;
     }
-    if (open_store(&responder_db, responder_db_path, OpenMode::read_write) != 0)
+    if (open_store(&responder_db, responder_db_path, OpenMode::read_write) != Ending::done)
         return -1;
 
     const int result = restore_from_panel();
 
     mysql_close(panel_db);
     panel_db = nullptr;
-    return close_with_retry(&responder_db) == 0 ? result : -1;
+    return close_with_retry(&responder_db) == Ending::done ? result : -1;
 }
 
 } // namespace kolmo

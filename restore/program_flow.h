@@ -8,22 +8,8 @@
 #ifndef KOLMO_RESTORE_PROGRAM_FLOW_H
 #define KOLMO_RESTORE_PROGRAM_FLOW_H
 
-#include <mysql.h>
-
-#include "responder_store/store_connection.h"
-
 namespace kolmo
 {
-
-/*
- * The responder store of the run, opened after the utility's success and closed at the end; empty before, and
- * as soon as a failing operation has closed it.  If a pause of the last closing fails, it stays held and the
- * end of the process closes it.
- */
-extern StoreConnection responder_db;
-
-/* The panel database of the run; null before and after it, and when it could not be reached. */
-extern MYSQL *panel_db;
 
 /*
  * Rebuilds both stores.  `program` names the log; null means the process's own short name.

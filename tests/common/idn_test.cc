@@ -278,6 +278,12 @@ TEST_F(IdnUrl, OnlyTheHostIsConverted)
         {"m\u00fcnchen.example:80", "xn--mnchen-3ya.example:80"},
         {"user:pass@m\u00fcnchen.example", "user:pass@xn--mnchen-3ya.example"},
         {"example.com", "example.com"},
+        /* What looks like a URL's other parts is not told from its host, or from its user. */
+        {"HTTP://m\u00fcnchen.example/", "HTTP://m\u00fcnchen.example/"},
+        {"http://:80/", "http://:80/"},
+        {"http://m\u00fcnchen.example/a@m\u00fcnchen.example",
+         "http://m\u00fcnchen.example/a@xn--mnchen-3ya.example"},
+        {"http://x.example?m\u00fcnchen", "http://x.xn--example?mnchen-osb"},
     };
 
     for (const auto &row : rows) {

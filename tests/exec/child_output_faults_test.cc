@@ -278,6 +278,15 @@ TEST_F(ForkExecFdFaults, FailedWaitIsReported)
     end_process(pid);
 }
 
+TEST_F(ForkExecFdFaults, WordsForAProgramThatCannotBeExecutedAreOneWriteAndOneReport)
+{
+    const WritesShown shown;
+    const Observed seen = observe([] { return fork_exec_fd(-1, -1, "/nonexistent", Orders({})); });
+
+    EXPECT_EQ(255, seen.result);
+    EXPECT_EQ("[Error occured during execv():\nNo such file or directory.\n]\n", seen.err);
+}
+
 TEST_F(ForkExecFdFaults, FailedReadIsToldAndTheProgramWaitedFor)
 {
     const Fault fault(Call::read, 1, EIO);

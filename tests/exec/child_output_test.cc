@@ -320,7 +320,8 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreams)
 TEST_F(ForkExecFd, LongErrorOutputIsPassedOnInPiecesOfUpTo4095Bytes)
 {
     const Observed done = run_fd(-1, -1, helper, Orders({"err", "8190"}));
-    const std::string piece = std::string(4095, 'e') + '\n';
+    std::string piece(4096, 'e');
+    piece.back() = '\n';
 
     EXPECT_EQ(0, done.result);
     EXPECT_EQ(piece + piece, done.err);

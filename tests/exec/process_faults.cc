@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/select.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace kolmo::testing
@@ -47,6 +48,7 @@ constexpr int own_descriptor = 901;
 
 SelectWatch *select_watch = nullptr;
 bool execv_is_shown = false;
+bool writes_are_shown = false;
 int forks = 0;
 
 /* Counts the call; true, with errno, when it is the one to fail. */
@@ -121,6 +123,16 @@ ExecvShown::~ExecvShown()
     execv_is_shown = false;
 }
 
+WritesShown::WritesShown()
+{
+    writes_are_shown = true;
+}
+
+WritesShown::~WritesShown()
+{
+    writes_are_shown = false;
+}
+
 ForkCount::ForkCount() : before_(forks) {}
 
 int ForkCount::count() const
@@ -164,6 +176,7 @@ ssize_t __real_read(int fd, void *bytes, std::size_t size);
 dirent *__real_readdir(DIR *directory);
 int __real_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *timeout);
 pid_t __real_waitpid(pid_t pid, int *status, int options);
+ssize_t __real_write(int fd, const void *bytes, std::size_t size);
 
 int __wrap_close(int fd)
 {
@@ -266,6 +279,14 @@ int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeva
     if (fails(Call::select))
         return errno == 0 ? 0 : -1;
     return __real_select(count, read, write, except, timeout);
+}
+
+ssize_t __wrap_write(int fd, const void *bytes, std::size_t size)
+{
+    char brackets[] = "[]";
+    const iovec pieces[] = {{brackets, 1}, {const_cast<void *>(bytes), size}, {brackets + 1, 1}};
+
+    return writes_are_shown ? writev(fd, pieces, 3) : __real_write(fd, bytes, size);
 }
 
 pid_t __wrap_waitpid(pid_t pid, int *status, int options)

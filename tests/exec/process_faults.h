@@ -72,6 +72,16 @@ public:
     ExecvShown &operator=(const ExecvShown &) = delete;
 };
 
+/* What each write(2) of the code, a child's too, prints stands in brackets. */
+class WritesShown
+{
+public:
+    WritesShown();
+    ~WritesShown();
+    WritesShown(const WritesShown &) = delete;
+    WritesShown &operator=(const WritesShown &) = delete;
+};
+
 /* Forks are counted. */
 class ForkCount
 {

@@ -8,7 +8,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "handlers_store/owned_handler_list.h"
-#include "responder_store/busy_retry.h"
+#include "responder_store/kit/busy_retry.h"
 #include "tests/handlers_store/handlers_texts.h"
 #include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
@@ -101,7 +101,7 @@ int closing_action(StoreConnection *connection, HandlerRecord *record)
 {
     (void)note_action(connection, record);
     if (std::strcmp(record->name, "closer") == 0) {
-        EXPECT_EQ(close_with_retry(connection), 0);
+        EXPECT_EQ(close_with_retry(connection), Ending::done);
         return -1;
     }
     return handlers_db_insert_action(connection, record);

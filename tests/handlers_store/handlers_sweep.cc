@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "responder_store/busy_retry.h"
 #include "tests/handlers_store/handlers_texts.h"
 
 namespace kolmo::testing
@@ -71,7 +72,7 @@ public:
     [[nodiscard]] bool is_open() const { return connection_ && connection_->is_open(); }
 
 private:
-    std::optional<StoreConnection> connection_;
+    std::optional<CallersConnection> connection_;
 };
 
 Lines logged_lines(const std::string &message, const Lines &also_logged)
@@ -281,7 +282,15 @@ void HandlersSweep::fail_pause_at(bool own, int nth, const Lines &expected, cons
         const int refused_closes = faults.failed_call() == "close" ? 1 : 0;
         EXPECT_EQ(static_cast<int>(faults.open_connections().size()),
                   faults.count("open") + faults.count("open_v2") - faults.count("close") + refused_closes);
-        EXPECT_EQ(passed.is_open(), !own);
+        if (!own) {
+            /* What a caller does with its connection then: nothing comes of it. */
+            const std::size_t calls = faults.calls().size();
+
+            EXPECT_TRUE(passed.get()->is_abandoned());
+            EXPECT_EQ(operation(passed.get()), -1);
+            EXPECT_EQ(close_with_retry(passed.get()), Ending::abandoned);
+            EXPECT_EQ(faults.calls().size(), calls);
+        }
     }
     EXPECT_TRUE(log.take().empty());
     EXPECT_EQ(left(), expected);

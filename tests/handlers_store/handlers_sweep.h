@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/sqlite_faults.h"
 

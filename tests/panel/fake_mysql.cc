@@ -73,6 +73,7 @@ struct FakeMysqlCalls {
     static MYSQL_RES *store()
     {
         FakeMysql &fake = note("store");
+        fake.number_ = fake.errno_after_store;
         return fake.has_result ? &fake.result_ : nullptr;
     }
 

@@ -40,6 +40,7 @@ public:
     std::string error = "the server's words";
     unsigned int errno_after_connect = 0;
     unsigned int errno_after_query = 0;
+    unsigned int errno_after_store = 0;
 
     /* What errno is after the calls that fail, and after those that release something. */
     int errno_of_failures = 0;

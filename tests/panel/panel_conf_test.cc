@@ -30,6 +30,7 @@ bool free_spoils_errno = false;
 extern "C" {
 
 ssize_t __real_getline(char **line, std::size_t *size, std::FILE *stream);
+ssize_t __real___getdelim(char **line, std::size_t *size, int end, std::FILE *stream);
 void __real_free(void *memory);
 
 /* As it does when its own memory runs out: neither the end of the file nor a read error. */
@@ -37,6 +38,15 @@ ssize_t __wrap_getline(char **line, std::size_t *size, std::FILE *stream)
 {
     if (!getline_lacks_memory)
         return __real_getline(line, size, stream);
+    errno = ENOMEM;
+    return -1;
+}
+
+/* The same in an optimised program. */
+ssize_t __wrap___getdelim(char **line, std::size_t *size, int end, std::FILE *stream)
+{
+    if (!getline_lacks_memory)
+        return __real___getdelim(line, size, end, stream);
     errno = ENOMEM;
     return -1;
 }

@@ -141,6 +141,17 @@ TEST_P(PanelQuery, AStatementWithoutAResultGivesEmptyText)
     EXPECT_EQ(calls_once_open(), (Calls{GetParam().sent, "store", "close"}));
 }
 
+TEST_P(PanelQuery, RowsThatGetLostOnTheirWayAreAFailedQuery)
+{
+    fake.has_result = false;
+    fake.errno_after_store = 2013;
+    const Output output = output_of_failing(fake.connection());
+
+    EXPECT_EQ(output.err, GetParam().query_report);
+    EXPECT_EQ(output.out, GetParam().query_report);
+    EXPECT_EQ(fake.calls(), (Calls{GetParam().sent, "store"}));
+}
+
 TEST_P(PanelQuery, AFailedQueryIsReportedAndLeavesACallersConnectionOpen)
 {
     fake.query_fails = true;

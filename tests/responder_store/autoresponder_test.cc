@@ -37,7 +37,7 @@ void add_old_row(const ResponderStore &store)
 class AutoresponderTest : public ResponderStoreTest
 {
 protected:
-    StoreConnection connection = store.open();
+    CallersConnection connection = store.open();
     ResponderRecord record = sample_responder();
 };
 

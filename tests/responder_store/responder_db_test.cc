@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "responder_store/busy_retry.h"
+#include "responder_store/kit/busy_retry.h"
 #include "tests/responder_store/responder_operations.h"
 #include "tests/support/other_process_lock.h"
 #include "tests/support/responder_store_fixture.h"
@@ -209,7 +209,7 @@ TEST_P(ResponderDb, ConnectionThatAFailureClosedFailsAgainAndIsNotClosedTwice)
 
     EXPECT_EQ(run(&connection), result_for(SQLITE_MISUSE));
     EXPECT_EQ(log.take_one(), std::string("3 ") + GetParam().first_failure + "general DB errror");
-    EXPECT_EQ(close_with_retry(&connection), 0);
+    EXPECT_EQ(close_with_retry(&connection), Ending::done);
     EXPECT_EQ(faults.count("close"), 1);
 }
 
@@ -239,14 +239,14 @@ TEST_P(ResponderDb, LockOfAnotherProcessIsWaitedForOnAConnectionOfItsOwn)
 
 TEST_P(ResponderDb, PauseThatFailsUnderARealLockLeavesAllAsItStands)
 {
-    StoreConnection connection = store.open();
+    CallersConnection connection = store.open();
     SqliteFaults faults;
 
     store.execute("BEGIN EXCLUSIVE");
     faults.fail_pause(2);
     EXPECT_EQ(run(&connection), -1);
     EXPECT_EQ(faults.calls().back(), "pause 20000");
-    EXPECT_TRUE(connection.is_open());
+    EXPECT_TRUE(connection.is_abandoned());
     store.execute("COMMIT");
 }
 

@@ -1,4 +1,4 @@
-#include "responder_store/store_op.h"
+#include "responder_store/kit/store_op.h"
 
 #include <array>
 #include <string>
@@ -21,25 +21,36 @@ using testing::ResponderStoreTest;
 using testing::SqliteCall;
 using testing::SqliteFaults;
 
-const char insert_sql[] = "INSERT INTO extra_headers VALUES (?, ?);";
+constexpr Sql<2> insert_sql = "INSERT INTO extra_headers VALUES (?, ?);";
+constexpr Sql<0> names_sql = "SELECT name FROM extra_headers ORDER BY name";
 
 class StoreOpTest : public ResponderStoreTest
 {
 protected:
-    [[nodiscard]] int insert(const char *name, const char *value, int *came_to)
+    [[nodiscard]] bool insert(const char *name, const char *value)
     {
         const std::array row = {bind_text(name, "Unable to bind name: %s"),
                                 bind_text(value, "Unable to bind value: %s")};
 
-        return op.run(insert_sql, row, came_to);
+        return op.run(insert_sql, row);
+    }
+
+    /* What the rows' names are, and how they end. */
+    [[nodiscard]] Ending select(Lines *names)
+    {
+        Rows rows(op, names_sql, {});
+
+        while (rows.next())
+            names->emplace_back(rows.text(0));
+        return rows.finish("Unable to select: %s");
     }
 
     SqliteFaults faults;
     StoreConnection connection = store.open();
     StoreOp op{&connection};
-    int step = -1;
 };
 
+using RowsTest = StoreOpTest;
 using WithStore = StoreOpTest;
 using RunRows = StoreOpTest;
 
@@ -47,25 +58,26 @@ TEST_F(StoreOpTest, RunPreparesBindsStepsOnceAndFinalizes)
 {
     const std::string path = store.path();
 
-    EXPECT_EQ(insert("a", "b", &step), 0);
-    EXPECT_EQ(step, SQLITE_DONE);
-    EXPECT_EQ(faults.calls(), (Lines{"open " + path, "busy_timeout 50", std::string("prepare ") + insert_sql,
-                                     "bind 1 'a'", "bind 2 'b'", "step", "finalize"}));
+    EXPECT_TRUE(insert("a", "b"));
+    EXPECT_EQ(op.ending(), Ending::done);
+    EXPECT_EQ(faults.calls(),
+              (Lines{"open " + path, "busy_timeout 50", std::string("prepare ") + insert_sql.get(),
+                     "bind 1 'a'", "bind 2 'b'", "step", "finalize"}));
     EXPECT_EQ(store.rows("extra_headers"), Lines{"a|b"});
 }
 
-TEST_F(StoreOpTest, RunHandsBackWhatTheStatementCameToWithoutAWord)
+TEST_F(StoreOpTest, RefusedRowIsToldWithoutAWordAndDoesNotEndTheOperation)
 {
-    ASSERT_EQ(insert("a", "b", &step), 0);
-    EXPECT_EQ(insert("a", "c", &step), 0);
-    EXPECT_EQ(step, SQLITE_CONSTRAINT);
+    ASSERT_TRUE(insert("a", "b"));
+    EXPECT_FALSE(insert("a", "c"));
     EXPECT_STREQ(op.detail(), "UNIQUE constraint failed: extra_headers.name");
+    EXPECT_EQ(op.ending(), Ending::done);
     EXPECT_TRUE(connection.is_open());
 }
 
 TEST_F(StoreOpTest, NullTextIsBoundAsNull)
 {
-    EXPECT_EQ(insert("a", nullptr, &step), 0);
+    EXPECT_TRUE(insert("a", nullptr));
     EXPECT_EQ(store.rows("extra_headers"), Lines{"a|NULL"});
 }
 
@@ -74,7 +86,7 @@ TEST_F(StoreOpTest, IntegersAreBoundAsIntegers)
     const std::array row = {bind_int(-2147483647 - 1, "Unable to bind name: %s"),
                             bind_int(2147483647, "Unable to bind value: %s")};
 
-    EXPECT_EQ(op.run("SELECT ?, ?", row, &step), 0);
+    EXPECT_TRUE(op.run(insert_sql, row));
     EXPECT_EQ(faults.count("bind 1 -2147483648"), 1);
     EXPECT_EQ(faults.count("bind 2 2147483647"), 1);
 }
@@ -84,23 +96,45 @@ TEST_F(StoreOpTest, FailureIsReportedBeforeItIsFinalizedAndThatBeforeItIsClosed)
     const std::array row = {bind_int(1, "Unable to bind first: %s"),
                             bind_int(2, "Unable to bind second: %s")};
 
-    EXPECT_EQ(op.run("SELECT ?", row, &step), -1);
+    EXPECT_TRUE(op.run(Sql<2>::made("SELECT ?"), row)) << "nothing was refused";
     EXPECT_EQ(log.take_one(), "3 Unable to bind second: column index out of range");
+    EXPECT_EQ(op.ending(), Ending::failed);
     EXPECT_EQ(faults.calls().back(), "close");
     EXPECT_EQ(*(faults.calls().end() - 2), "finalize");
     EXPECT_FALSE(connection.is_open());
     EXPECT_TRUE(faults.open_connections().empty());
 }
 
-TEST_F(StoreOpTest, FailedPauseInTheClosingOfAFailureLeavesTheConnectionHeld)
+TEST_F(StoreOpTest, StepsAfterAFailureDoNothing)
+{
+    SqliteText error;
+    Lines names;
+    int rc;
+
+    faults.fail_call(1);
+    EXPECT_EQ(op.begin(), Ending::failed);
+    EXPECT_FALSE(log.take_one().empty());
+
+    const std::size_t calls = faults.calls().size();
+
+    EXPECT_EQ(op.begin(), Ending::failed);
+    EXPECT_TRUE(insert("a", "b"));
+    EXPECT_EQ(select(&names), Ending::failed);
+    EXPECT_EQ(op.exec("SELECT 1", &rc, &error), Ending::failed);
+    EXPECT_EQ(op.end(), Ending::failed);
+    EXPECT_EQ(faults.calls().size(), calls);
+}
+
+TEST_F(StoreOpTest, FailedPauseInTheClosingOfAFailureAbandonsTheConnection)
 {
     sqlite3 *const handle = connection.get();
 
     faults.be_busy(SqliteCall::close, 2);
     faults.fail_pause(1);
-    EXPECT_EQ(op.run("nonsense", {}, &step), -1);
+    EXPECT_TRUE(op.run(Sql<0>("nonsense"), {}));
     EXPECT_EQ(log.take_one(), "3 Unable to prepare SQL statement for query 'nonsense': "
                               "near \"nonsense\": syntax error");
+    EXPECT_EQ(op.ending(), Ending::abandoned);
     EXPECT_EQ(connection.get(), handle);
     EXPECT_EQ(faults.count("close"), 2);
 }
@@ -108,19 +142,19 @@ TEST_F(StoreOpTest, FailedPauseInTheClosingOfAFailureLeavesTheConnectionHeld)
 TEST_F(StoreOpTest, BusyStepIsResetBeforeItIsTriedAgain)
 {
     faults.be_busy(SqliteCall::step, 2);
-    EXPECT_EQ(insert("a", "b", &step), 0);
+    EXPECT_TRUE(insert("a", "b"));
 
     const Lines tail(faults.calls().end() - 8, faults.calls().end());
 
     EXPECT_EQ(tail,
               (Lines{"step", "reset", "step", "reset", "pause 10000", "step", "pause 20000", "finalize"}));
-    EXPECT_EQ(step, SQLITE_DONE);
+    EXPECT_EQ(store.rows("extra_headers"), Lines{"a|b"});
 }
 
 TEST_F(StoreOpTest, BusyPrepareIsTriedAgain)
 {
     faults.be_busy(SqliteCall::prepare, 2);
-    EXPECT_EQ(insert("a", "b", &step), 0);
+    EXPECT_TRUE(insert("a", "b"));
     EXPECT_EQ(faults.count("prepare"), 3);
     EXPECT_EQ(faults.pauses(), (std::vector<long>{10'000, 20'000}));
 }
@@ -128,7 +162,7 @@ TEST_F(StoreOpTest, BusyPrepareIsTriedAgain)
 TEST_F(StoreOpTest, BusyBindIsAFailureLikeAnyOther)
 {
     faults.be_busy(SqliteCall::bind, 1);
-    EXPECT_EQ(insert("a", "b", &step), -1);
+    EXPECT_TRUE(insert("a", "b"));
     EXPECT_EQ(log.take_one(), "3 Unable to bind name: not an error");
     EXPECT_EQ(faults.count("bind"), 1);
 }
@@ -136,67 +170,72 @@ TEST_F(StoreOpTest, BusyBindIsAFailureLikeAnyOther)
 TEST_F(StoreOpTest, LockThatNeverGoesEndsTheStepAfter100001Attempts)
 {
     faults.be_busy(SqliteCall::step, 1'000'000);
-    EXPECT_EQ(insert("a", "b", &step), -1);
+    EXPECT_TRUE(insert("a", "b"));
+    EXPECT_EQ(op.ending(), Ending::abandoned);
     EXPECT_EQ(faults.count("step"), 100'001);
     EXPECT_EQ(faults.count("reset"), 100'001);
     EXPECT_EQ(faults.pauses().size(), 100'000U);
     EXPECT_EQ(faults.calls().back(), "pause 1000000000");
-    EXPECT_EQ(faults.open_statements(), Lines{insert_sql});
-    EXPECT_TRUE(connection.is_open());
+    EXPECT_EQ(faults.open_statements(), Lines{insert_sql.get()});
+    EXPECT_TRUE(connection.is_abandoned());
 }
 
-TEST_F(StoreOpTest, SelectCallsBackForEachRow)
+TEST_F(RowsTest, EachRowComesOnceAndTheStatementIsFinalized)
 {
-    Lines seen;
+    Lines names;
 
     store.execute("INSERT INTO extra_headers VALUES ('a', '1'), ('b', '2'), ('c', '3')");
-    EXPECT_EQ(op.select("SELECT name FROM extra_headers ORDER BY name", {}, &step,
-                        [&](sqlite3_stmt *row) {
-                            seen.emplace_back(reinterpret_cast<const char *>(sqlite3_column_text(row, 0)));
-                            return 0;
-                        }),
-              0);
-    EXPECT_EQ(step, SQLITE_DONE);
-    EXPECT_EQ(seen, (Lines{"a", "b", "c"}));
+    EXPECT_EQ(select(&names), Ending::done);
+    EXPECT_EQ(names, (Lines{"a", "b", "c"}));
     EXPECT_TRUE(faults.open_statements().empty());
 }
 
-TEST_F(StoreOpTest, SelectEndsAtTheRowThatSaysSo)
+TEST_F(RowsTest, RowsThatAreLeftEarlyAreReportedAsNotEnded)
 {
-    int rows = 0;
+    store.execute("INSERT INTO extra_headers VALUES ('a', '1'), ('b', '2')");
+    {
+        Rows rows(op, names_sql, {});
 
-    store.execute("INSERT INTO extra_headers VALUES ('a', '1'), ('b', '2'), ('c', '3')");
-    EXPECT_EQ(op.select("SELECT name FROM extra_headers", {}, &step,
-                        [&](sqlite3_stmt *) { return ++rows == 2 ? -1 : 0; }),
-              0);
-    EXPECT_EQ(step, SQLITE_ROW);
-    EXPECT_EQ(rows, 2);
+        EXPECT_TRUE(rows.next());
+        EXPECT_EQ(rows.finish("Unable to select: %s"), Ending::failed);
+    }
+    EXPECT_EQ(log.take_one(), "3 Unable to select: another row available");
     EXPECT_EQ(faults.calls().back(), "finalize");
+    EXPECT_TRUE(connection.is_open());
 }
 
-TEST_F(StoreOpTest, SelectHandsBackAFailureBetweenTheRows)
+TEST_F(RowsTest, FailureBetweenTheRowsIsReportedAndLeavesTheConnectionOpen)
 {
-    int rows = 0;
+    Lines names;
 
     store.execute("INSERT INTO extra_headers VALUES ('a', '1'), ('b', '2'), ('c', '3')");
     faults.fail_call(SqliteCall::step, 2, SQLITE_CORRUPT);
-    EXPECT_EQ(op.select("SELECT name FROM extra_headers", {}, &step,
-                        [&](sqlite3_stmt *) {
-                            rows++;
-                            return 0;
-                        }),
-              0);
-    EXPECT_EQ(step, SQLITE_CORRUPT);
-    EXPECT_EQ(rows, 1);
+    EXPECT_EQ(select(&names), Ending::failed);
+    EXPECT_EQ(names, Lines{"a"});
+    EXPECT_EQ(log.take_one(), "3 Unable to select: another row available");
+    EXPECT_TRUE(connection.is_open());
 }
 
-TEST_F(StoreOpTest, SelectAbandonsItsStatementAfterAFailedPause)
+TEST_F(RowsTest, FailedPauseAbandonsTheStatementInSilence)
 {
+    Lines names;
+
     faults.be_busy(SqliteCall::step, 2);
     faults.fail_pause(1);
-    EXPECT_EQ(op.select("SELECT name FROM extra_headers", {}, &step, [](sqlite3_stmt *) { return 0; }), -1);
-    EXPECT_EQ(faults.open_statements(), Lines{"SELECT name FROM extra_headers"});
+    EXPECT_EQ(select(&names), Ending::abandoned);
+    EXPECT_EQ(faults.open_statements(), Lines{names_sql.get()});
     EXPECT_EQ(faults.calls().back(), "pause 10000");
+}
+
+TEST_F(RowsTest, SelectThatCannotBePreparedIsReportedAsThatOnly)
+{
+    Lines names;
+
+    store.execute("DROP TABLE extra_headers");
+    EXPECT_EQ(select(&names), Ending::failed);
+    EXPECT_EQ(log.take_one(), std::string("3 Unable to prepare SQL statement for query '") + names_sql.get() +
+                                  "': no such table: extra_headers");
+    EXPECT_FALSE(connection.is_open());
 }
 
 TEST_F(StoreOpTest, ExecHandsBackSqlitesCodeAndText)
@@ -204,32 +243,32 @@ TEST_F(StoreOpTest, ExecHandsBackSqlitesCodeAndText)
     SqliteText error;
     int rc = SQLITE_OK;
 
-    EXPECT_EQ(op.exec("CREATE TABLE one(a); nonsense", &rc, &error), 0);
+    EXPECT_EQ(op.exec("CREATE TABLE one(a); nonsense", &rc, &error), Ending::done);
     EXPECT_EQ(rc, SQLITE_ERROR);
     EXPECT_STREQ(error.get(), "near \"nonsense\": syntax error");
     EXPECT_TRUE(connection.is_open());
 
-    EXPECT_EQ(op.exec("DROP TABLE one", &rc, &error), 0);
+    EXPECT_EQ(op.exec("DROP TABLE one", &rc, &error), Ending::done);
     EXPECT_EQ(rc, SQLITE_OK);
     EXPECT_EQ(error, nullptr);
 }
 
 TEST_F(StoreOpTest, BeginAndEndEncloseATransaction)
 {
-    EXPECT_EQ(op.begin(), 0);
+    EXPECT_EQ(op.begin(), Ending::done);
     EXPECT_TRUE(in_transaction(connection));
-    EXPECT_EQ(insert("a", "b", &step), 0);
+    EXPECT_TRUE(insert("a", "b"));
     EXPECT_TRUE(store.rows("extra_headers").empty());
-    EXPECT_EQ(op.end(), 0);
+    EXPECT_EQ(op.end(), Ending::done);
     EXPECT_FALSE(in_transaction(connection));
     EXPECT_EQ(store.rows("extra_headers"), Lines{"a|b"});
 }
 
 TEST_F(StoreOpTest, SecondBeginFailsAndClosesWhichDiscardsTheTransaction)
 {
-    ASSERT_EQ(op.begin(), 0);
-    ASSERT_EQ(insert("a", "b", &step), 0);
-    EXPECT_EQ(op.begin(), -1);
+    ASSERT_EQ(op.begin(), Ending::done);
+    ASSERT_TRUE(insert("a", "b"));
+    EXPECT_EQ(op.begin(), Ending::failed);
     EXPECT_EQ(log.take_one(), "3 Unable to begin sqlite transaction: "
                               "cannot start a transaction within a transaction");
     EXPECT_FALSE(connection.is_open());
@@ -238,7 +277,7 @@ TEST_F(StoreOpTest, SecondBeginFailsAndClosesWhichDiscardsTheTransaction)
 
 TEST_F(StoreOpTest, EndWithoutABeginFailsAndCloses)
 {
-    EXPECT_EQ(op.end(), -1);
+    EXPECT_EQ(op.end(), Ending::failed);
     EXPECT_EQ(log.take_one(), "3 Unable to end sqlite transaction: cannot commit - no transaction is active");
     EXPECT_FALSE(connection.is_open());
 }
@@ -246,10 +285,10 @@ TEST_F(StoreOpTest, EndWithoutABeginFailsAndCloses)
 TEST_F(StoreOpTest, DeferredConstraintMakesTheEndFail)
 {
     store.execute("CREATE TABLE child(a REFERENCES autoresponder(mn) DEFERRABLE INITIALLY DEFERRED)");
-    ASSERT_EQ(op.run("PRAGMA foreign_keys = ON", {}, &step), 0);
-    ASSERT_EQ(op.begin(), 0);
-    ASSERT_EQ(op.run("INSERT INTO child VALUES ('nobody')", {}, &step), 0);
-    EXPECT_EQ(op.end(), -1);
+    ASSERT_TRUE(op.run(Sql<0>("PRAGMA foreign_keys = ON"), {}));
+    ASSERT_EQ(op.begin(), Ending::done);
+    ASSERT_TRUE(op.run(Sql<0>("INSERT INTO child VALUES ('nobody')"), {}));
+    EXPECT_EQ(op.end(), Ending::failed);
     EXPECT_EQ(log.take_one(), "3 Unable to end sqlite transaction: FOREIGN KEY constraint failed");
     EXPECT_FALSE(connection.is_open());
     EXPECT_TRUE(store.rows("child").empty());
@@ -258,18 +297,24 @@ TEST_F(StoreOpTest, DeferredConstraintMakesTheEndFail)
 TEST_F(WithStore, CallersConnectionIsUsedAndLeftOpen)
 {
     EXPECT_EQ(with_store(&connection, "nowhere", OpenMode::read_write,
-                         [&](StoreOp &given) { return given.connection() == &connection ? 42 : 0; }),
-              42);
+                         [&](StoreOp &given) {
+                             EXPECT_EQ(given.connection(), &connection);
+                             return Ending::failed;
+                         }),
+              Ending::failed);
     EXPECT_TRUE(connection.is_open());
     EXPECT_EQ(faults.count("close"), 0);
 }
 
-TEST_F(WithStore, OwnConnectionIsOpenedAndClosedWhateverTheResult)
+TEST_F(WithStore, OwnConnectionIsOpenedAndClosedWhateverTheEnding)
 {
-    for (const int result : {0, 1, -1}) {
+    for (const Ending ending : {Ending::done, Ending::failed}) {
         EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write,
-                             [&](StoreOp &own) { return own.connection()->is_open() ? result : 99; }),
-                  result);
+                             [&](StoreOp &own) {
+                                 EXPECT_TRUE(own.connection()->is_open());
+                                 return ending;
+                             }),
+                  ending);
         EXPECT_EQ(faults.calls().back(), "close");
         EXPECT_EQ(faults.open_connections().size(), 1U) << "the fixture's";
     }
@@ -277,41 +322,45 @@ TEST_F(WithStore, OwnConnectionIsOpenedAndClosedWhateverTheResult)
 
 TEST_F(WithStore, ReadOnlyStoreIsOpenedReadOnly)
 {
-    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_only, [](StoreOp &) { return 0; }), 0);
+    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_only,
+                         [](StoreOp &own) { return own.ending(); }),
+              Ending::done);
     EXPECT_EQ(faults.count("open_v2 " + store.path() + " 1"), 1);
 }
 
-TEST_F(WithStore, BodyIsNotRunWhenTheStoreCannotBeOpened)
+TEST_F(WithStore, BodyIsNotRunWithoutAConnection)
 {
-    bool ran = false;
+    const auto body = [](StoreOp &) {
+        ADD_FAILURE() << "run";
+        return Ending::done;
+    };
 
     faults.fail_call(1);
-    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write,
-                         [&](StoreOp &) {
-                             ran = true;
-                             return 0;
-                         }),
-              -1);
+    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write, body), Ending::failed);
     EXPECT_EQ(log.take_one(), "3 Unable to open database " + store.path() + ": not an error");
-    EXPECT_FALSE(ran);
+
+    connection.abandon();
+    EXPECT_EQ(with_store(&connection, store.path().c_str(), OpenMode::read_write, body), Ending::abandoned);
 }
 
-TEST_F(WithStore, FailedPauseInItsOwnClosingMakesTheResultMinusOne)
+TEST_F(WithStore, FailedPauseInItsOwnClosingAbandonsIt)
 {
     faults.be_busy(SqliteCall::close, 2);
     faults.fail_pause(1);
-    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write, [](StoreOp &) { return 0; }),
-              -1);
+    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write,
+                         [](StoreOp &own) { return own.ending(); }),
+              Ending::abandoned);
     EXPECT_EQ(faults.count("close"), 2) << "not once more at the end of the scope";
     EXPECT_EQ(faults.open_connections().size(), 2U);
 }
 
 TEST_F(WithStore, FailedPauseInTheBodyLeavesItsOwnConnectionOpen)
 {
+    faults.be_busy(SqliteCall::step, 2);
     faults.fail_pause(1);
     EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write,
-                         [](StoreOp &) { return busy_pause(10'000); }),
-              -1);
+                         [](StoreOp &own) { return own.begin(); }),
+              Ending::abandoned);
     EXPECT_EQ(faults.count("close"), 0);
     EXPECT_EQ(faults.open_connections().size(), 2U);
 }
@@ -321,11 +370,11 @@ TEST_F(RunRows, RefusedRowIsReportedAndTheRestIsWritten)
     const char *const names[] = {"a", "a", "b"};
     int refused = 0;
 
-    EXPECT_EQ(run_rows(
-                  op, "INSERT INTO extra_headers VALUES (?, '')", 3,
-                  [&](int i) { return std::array{bind_text(names[i], "Unable to bind name: %s")}; },
-                  [&] { refused++; }),
-              0);
+    run_rows<1>(
+        op, "INSERT INTO extra_headers VALUES (?, '')", 3,
+        [&](int i) { return std::array{bind_text(names[i], "Unable to bind name: %s")}; },
+        [&] { refused++; });
+    EXPECT_EQ(op.ending(), Ending::done);
     EXPECT_EQ(refused, 1);
     EXPECT_EQ(store.rows("extra_headers"), (Lines{"a|", "b|"}));
     EXPECT_EQ(faults.count("prepare"), 3) << "anew for each row";
@@ -333,9 +382,9 @@ TEST_F(RunRows, RefusedRowIsReportedAndTheRestIsWritten)
 
 TEST_F(RunRows, NegativeCountRunsNothing)
 {
-    EXPECT_EQ(run_rows(
-                  op, insert_sql, -1, [](int) { return std::array<Bind, 0>{}; }, [] {}),
-              0);
+    run_rows<0>(
+        op, "nonsense", -1, [](int) { return std::array<Bind, 0>{}; }, [] {});
+    EXPECT_EQ(op.ending(), Ending::done);
     EXPECT_EQ(faults.count("prepare"), 0);
 }
 

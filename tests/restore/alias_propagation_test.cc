@@ -8,7 +8,7 @@
 #include <sqlite3.h>
 
 #include "handlers_store/handlers_db.h"
-#include "responder_store/busy_retry.h"
+#include "responder_store/kit/busy_retry.h"
 #include "tests/restore/panel_watch.h"
 #include "tests/restore/restore_fixture.h"
 #include "tests/support/sqlite_faults.h"
@@ -67,7 +67,7 @@ protected:
 
     [[nodiscard]] Lines keys() const { return store.query("SELECT mn FROM autoresponder ORDER BY mn"); }
 
-    StoreConnection connection = store.open();
+    CallersConnection connection = store.open();
 };
 
 TEST_F(CopyRespondersToAlias, EachReplyGetsATwinWithTheSameOwner)
@@ -208,7 +208,7 @@ TEST_F(CopyRespondersToAlias, TransactionLeftOpenIsDiscardedByTheClosing)
     ASSERT_EQ(copy(), -1);
     (void)log.take();
 
-    EXPECT_EQ(close_with_retry(&connection), 0);
+    EXPECT_EQ(close_with_retry(&connection), Ending::done);
     EXPECT_EQ(keys(), Lines{"info@one.example"});
 }
 
@@ -258,7 +258,7 @@ TEST_F(CopyRespondersToAlias, StatementsWithoutMemoryAreReportedBeforeTheStoreIs
 
 Left left_of(const StoreConnection &connection)
 {
-    if (!connection.is_open())
+    if (connection.get() == nullptr)
         return Left::closed;
     return in_transaction(connection) ? Left::in_transaction : Left::open;
 }
@@ -283,7 +283,7 @@ struct CopyRun {
     }
 
     ResponderStore store;
-    StoreConnection connection = store.open();
+    CallersConnection connection = store.open();
     sqlite3 *handle = connection.get();
     SqliteFaults faults;
     LogCapture log;
@@ -350,6 +350,12 @@ TEST(CopyRespondersToAliasSweep, FailedPauseEndsItWithoutAWord)
         EXPECT_EQ(run.faults.calls().back(), "pause 10000");
         EXPECT_EQ(run.faults.open_statements(), Lines{row.statement});
         EXPECT_EQ(left_of(run.connection), row.left);
+
+        const std::size_t calls = run.faults.calls().size();
+
+        EXPECT_EQ(run.copy(), -1);
+        EXPECT_EQ(close_with_retry(&run.connection), Ending::abandoned);
+        EXPECT_EQ(run.faults.calls().size(), calls) << "what is abandoned is left alone";
         EXPECT_EQ(run.log.take(), Lines{});
     }
 

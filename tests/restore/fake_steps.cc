@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "restore/program_flow.h"
+#include "restore/run_handles.h"
 
 namespace kolmo::testing
 {
@@ -51,7 +51,8 @@ struct FakeStepCalls {
 
     static int query(const MYSQL *connection, const char *text, unsigned long length)
     {
-        FakeSteps &fake = note("query " + shown(connection));
+        note("query " + shown(connection));
+        FakeSteps &fake = *current;
         fake.query.assign(text, length);
         return fake.query_result;
     }
@@ -60,7 +61,8 @@ struct FakeStepCalls {
 
     static MYSQL_ROW fetch()
     {
-        FakeSteps &fake = note("fetch");
+        note("fetch");
+        FakeSteps &fake = *current;
         if (fake.next_domain_ == fake.domains.size())
             return nullptr;
         FakeDomain &domain = fake.domains[fake.next_domain_++];
@@ -81,7 +83,8 @@ struct FakeStepCalls {
 
     static const char *setting(const std::string &name, const MYSQL *connection)
     {
-        const FakeSteps &fake = note("setting " + name + ' ' + shown(connection));
+        note("setting " + name + ' ' + shown(connection));
+        const FakeSteps &fake = *current;
         return fake.headers ? fake.headers->c_str() : nullptr;
     }
 

@@ -1,6 +1,6 @@
 /*
- * What main does before the run: the program's own main, under another name, with the run and SQLite's
- * configuration replaced.
+ * What main does before the run: the program's own object file, with the run and SQLite's configuration
+ * replaced.  The C library starts the test's main in its place.
  */
 #include <csignal>
 #include <string>
@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-int program_main(int argc, char **argv);
+extern "C" int __real_main(int argc, char **argv);
 
 namespace
 {
@@ -50,10 +50,16 @@ int run_main()
     char *argv[] = {name, nullptr};
 
     calls.clear();
-    return program_main(1, argv);
+    return __real_main(1, argv);
 }
 
 } // namespace
+
+extern "C" int __wrap_main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
 
 extern "C" int __wrap_sqlite3_config(int option, ...)
 {

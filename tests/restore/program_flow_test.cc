@@ -1,4 +1,5 @@
 #include "restore/program_flow.h"
+#include "restore/run_handles.h"
 
 #include <algorithm>
 #include <optional>
@@ -298,7 +299,7 @@ TEST_F(RebuildResponders, FailedPauseInTheFinalCloseGivesMinusOneAndTheStoreStay
     EXPECT_EQ(run(), -1);
     EXPECT_EQ(sqlite.pauses(), (std::vector<long>{10'000, 20'000}));
     EXPECT_EQ(sqlite.count("close"), 3);
-    EXPECT_TRUE(responder_db.is_open());
+    EXPECT_TRUE(responder_db.is_abandoned());
     (void)responder_db.release(); /* closed with `sqlite` */
 }
 

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "restore/program_flow.h"
+#include "restore/run_handles.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/panel_database.h"

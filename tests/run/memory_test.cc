@@ -1,7 +1,7 @@
 /*
  * How much memory a run needs: that of one domain at a time, however many there are.
  *
- * A sanitizer build's memory says nothing about the program's, so a build without is measured here.
+ * A sanitizer build's memory says nothing about the program's: this is built without them only.
  */
 #include "tests/run/run_fixture.h"
 

@@ -65,6 +65,35 @@ const MissingTable missing_tables[] = {
     {"misc", 0, {}, true, true},
 };
 
+/* A query whose rows break off on their way: the server has accepted it when it meets the error. */
+struct LostRows {
+    const char *table;
+    int status;
+    std::vector<Said> messages;
+};
+
+std::ostream &operator<<(std::ostream &stream, const LostRows &lost)
+{
+    return stream << lost.table;
+}
+
+const LostRows lost_rows[] = {
+    {"domains", 255, {logged("Unable to query domains: lost")}},
+    {"mail", 255, {logged("Unable to query mail names: lost")}},
+    {"mail_resp", 1, {logged("Unable to query autoresponders: lost"), domain_failed}},
+    {"resp_attach",
+     1,
+     {logged("Unable to query autoresponder info@one.example attachments: lost"), domain_failed}},
+    {"domain_aliases", 255, {logged("Unable to query domain aliases: lost")}},
+    {"ServiceNodeConfiguration",
+     1,
+     {reported_with_errno("Unable to query domain parameter auto_reply_headers: lost\n")}},
+};
+
+class LostRowsRun : public RunTest, public ::testing::WithParamInterface<LostRows>
+{
+};
+
 class MissingTableRun : public RunTest, public ::testing::WithParamInterface<MissingTable>
 {
 };
@@ -91,6 +120,25 @@ TEST_P(MissingTableRun, EndsTheRunWhereItIsNeededAndKeepsWhatWasCommitted)
 
 INSTANTIATE_TEST_SUITE_P(PanelTrouble, MissingTableRun, ::testing::ValuesIn(missing_tables),
                          [](const auto &missing) { return std::string(missing.param.table); });
+
+TEST_P(LostRowsRun, AreAFailedQuery)
+{
+    const LostRows &lost = GetParam();
+    const std::string table = lost.table;
+
+    (void)add_simple_domain("one.example");
+    panel->set_reply_headers("{\"X-A\": \"1\"}");
+    panel->execute("INSERT INTO domain_aliases VALUES (1, 'one.alias'); "
+                   "INSERT INTO resp_attach (rn_id, filename) VALUES (1, 'a.txt'); "
+                   "CREATE FUNCTION lose() RETURNS INT NO SQL BEGIN SIGNAL SQLSTATE '45000' SET MESSAGE_TEXT "
+                   "= 'lost'; RETURN 1; END; RENAME TABLE " +
+                   table + " TO whole; CREATE VIEW " + table + " AS SELECT * FROM whole WHERE lose() = 1");
+
+    expect_run(lost.status, lost.messages);
+}
+
+INSTANTIATE_TEST_SUITE_P(PanelTrouble, LostRowsRun, ::testing::ValuesIn(lost_rows),
+                         [](const auto &lost) { return std::string(lost.param.table); });
 
 TEST_F(PanelTroubleRun, AccountWithoutRightsOnATableIsToldSo)
 {

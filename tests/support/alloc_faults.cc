@@ -32,6 +32,8 @@ void *__real_realloc(void *memory, std::size_t size);
 char *__real_strdup(const char *text);
 char *__real_strndup(const char *text, std::size_t length);
 [[gnu::format(printf, 2, 0)]] int __real_vasprintf(char **text, const char *format, std::va_list arguments);
+[[gnu::format(printf, 3, 0)]] int __real___vasprintf_chk(char **text, int flag, const char *format,
+                                                         std::va_list arguments);
 
 void *__wrap_malloc(std::size_t size)
 {
@@ -61,6 +63,13 @@ char *__wrap_strndup(const char *text, std::size_t length)
 [[gnu::format(printf, 2, 0)]] int __wrap_vasprintf(char **text, const char *format, std::va_list arguments)
 {
     return fails_now() ? -1 : __real_vasprintf(text, format, arguments);
+}
+
+/* The same in an optimised program. */
+[[gnu::format(printf, 3, 0)]] int __wrap___vasprintf_chk(char **text, int flag, const char *format,
+                                                         std::va_list arguments)
+{
+    return fails_now() ? -1 : __real___vasprintf_chk(text, flag, format, arguments);
 }
 
 } // extern "C"

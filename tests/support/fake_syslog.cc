@@ -66,6 +66,22 @@ int __wrap_setlogmask(int new_mask)
     va_end(arguments);
 }
 
+/* The same two in an optimised program. */
+[[gnu::format(printf, 3, 0)]] void __wrap___vsyslog_chk(int priority, int, const char *format,
+                                                        std::va_list arguments)
+{
+    __wrap_vsyslog(priority, format, arguments);
+}
+
+[[gnu::format(printf, 3, 4)]] void __wrap___syslog_chk(int priority, int, const char *format, ...)
+{
+    std::va_list arguments;
+
+    va_start(arguments, format);
+    __wrap_vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
 } // extern "C"
 
 namespace kolmo::testing

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "handlers_store/handler_record.h"
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/store_file.h"
 

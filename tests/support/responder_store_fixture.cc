@@ -60,7 +60,7 @@ std::string sample_row(const std::string &mailname, const std::string &owner)
 
 bool in_transaction(const StoreConnection &connection)
 {
-    return connection.is_open() && sqlite3_get_autocommit(connection.get()) == 0;
+    return connection.get() != nullptr && sqlite3_get_autocommit(connection.get()) == 0;
 }
 
 } // namespace kolmo::testing

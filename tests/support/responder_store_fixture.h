@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include "responder_store/kit/store_connection.h"
 #include "responder_store/responder_record.h"
-#include "responder_store/store_connection.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/store_file.h"
 

@@ -7,12 +7,13 @@
 #define KOLMO_TESTS_SUPPORT_STORE_FILE_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 #include "tests/support/temp_dir.h"
 
 namespace kolmo::testing
@@ -25,6 +26,16 @@ using Lines = std::vector<std::string>;
  * sqlite3_get_table, no call of the code under test, so that it is never recorded or made to fail.
  */
 Lines result_rows(sqlite3 *connection, const std::string &sql);
+
+/* A caller's connection that is closed at the end of the test's scope even when it was abandoned. */
+class CallersConnection : public StoreConnection
+{
+public:
+    CallersConnection(StoreConnection &&opened) noexcept : StoreConnection(std::move(opened)) {}
+    CallersConnection(CallersConnection &&) = default;
+    CallersConnection &operator=(CallersConnection &&) = default;
+    ~CallersConnection() { (void)sqlite3_close(release()); }
+};
 
 /* While it lives, a store's path variable leads to a file in a temporary folder; it is for the owner to make.
  */
@@ -42,7 +53,7 @@ public:
     {
         StoreConnection connection;
 
-        EXPECT_EQ(open_store(&connection, path_.c_str(), mode), 0);
+        EXPECT_EQ(open_store(&connection, path_.c_str(), mode), Ending::done);
         return connection;
     }
 

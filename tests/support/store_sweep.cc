@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "responder_store/busy_retry.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sqlite_faults.h"
 
@@ -23,9 +24,12 @@ struct SweptRun {
     /* All that can be seen afterwards, in a form to be compared and read. */
     [[nodiscard]] std::string outcome(int result);
 
+    /* What a caller does with its connection after a failed pause: nothing comes of it. */
+    void expect_abandoned(const StoreSweep::Operation &operation);
+
     bool own;
     ResponderStore store;
-    StoreConnection connection;
+    CallersConnection connection;
     sqlite3 *handle;
     SqliteFaults faults;
     LogCapture log;
@@ -62,7 +66,8 @@ Left SweptRun::left() const
     sqlite3 *open = opened.empty() ? nullptr : opened.front();
 
     if (!own) {
-        EXPECT_EQ(connection.is_open(), !faults.is_closed(handle)) << "the caller must be able to know";
+        EXPECT_EQ(connection.get() != nullptr, !faults.is_closed(handle))
+            << "the caller must be able to know";
         EXPECT_TRUE(opened.empty());
         open = connection.get();
     }
@@ -76,6 +81,19 @@ std::string SweptRun::outcome(int result)
     const SqliteFaults::Aside aside;
 
     return outcome_text(result, left(), log.take(), faults.open_statements(), store.rows());
+}
+
+void SweptRun::expect_abandoned(const StoreSweep::Operation &operation)
+{
+    const std::size_t calls = faults.calls().size();
+
+    if (own)
+        return;
+    EXPECT_TRUE(connection.is_abandoned());
+    EXPECT_EQ(operation(&connection), -1);
+    EXPECT_EQ(close_with_retry(&connection), Ending::abandoned);
+    EXPECT_EQ(faults.calls().size(), calls);
+    EXPECT_EQ(log.take(), Lines{});
 }
 
 } // namespace
@@ -160,6 +178,7 @@ void StoreSweep::fail_pause(bool own, int nth, const PauseRow &row) const
     EXPECT_EQ(run.faults.pauses().size(), static_cast<std::size_t>(nth));
     EXPECT_EQ(run.faults.calls().back(), "pause 10000");
     EXPECT_EQ(run.outcome(result), outcome_text(-1, row.left, {}, unfinalized, row.rows));
+    run.expect_abandoned(operation_);
 }
 
 void StoreSweep::succeed(bool own, std::size_t calls) const

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "responder_store/store_connection.h"
+#include "responder_store/kit/store_connection.h"
 #include "tests/support/responder_store_fixture.h"
 
 namespace kolmo::testing

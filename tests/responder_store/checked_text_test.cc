@@ -1,4 +1,4 @@
-#include "responder_store/store_message.h"
+#include "responder_store/kit/checked_text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,27 @@
+#include "restore/domain_query.h"
+
+#include "common/log.h"
+#include "restore/run_handles.h"
+
+namespace kolmo
+{
+
+PanelResult query_domain(TextFormat<1> format, const char *domain_id, const char *not_formed,
+                         TextFormat<1> not_answered)
+{
+    char query[query_size];
+    const int length = format_text(query, sizeof query, format, domain_id);
+
+    if (length < 1 || length >= static_cast<int>(sizeof query)) {
+        log_message(LOG_ERR, "%s", not_formed);
+        return nullptr;
+    }
+
+    PanelResult rows = panel_select(panel_db, query, static_cast<unsigned long>(length));
+
+    if (rows == nullptr)
+        log_failure(not_answered, mysql_error(panel_db));
+    return rows;
+}
+
+} // namespace kolmo
