@@ -386,7 +386,7 @@ StoreConnection make_store()
 
     (void)sqlite3_config(SQLITE_CONFIG_URI, 1);
     handlers_db_set_path(store_path);
-    require(open_store(&connection, store_path, OpenMode::read_write) == 0 &&
+    require(open_store(&connection, store_path, OpenMode::read_write) == Ending::done &&
                 handlers_db_create_schema() == 0,
             "a store");
     return connection;
