@@ -18,7 +18,7 @@ namespace kolmo
 {
 
 /* The "%s" of a printf format; any other conversion counts as far too many. */
-consteval std::size_t count_texts(const char *format)
+constexpr std::size_t count_texts(const char *format)
 {
     std::size_t texts = 0;
 
@@ -32,7 +32,7 @@ consteval std::size_t count_texts(const char *format)
 }
 
 /* The "?" of a statement, which has none in a literal of its own. */
-consteval std::size_t count_parameters(const char *sql)
+constexpr std::size_t count_parameters(const char *sql)
 {
     std::size_t parameters = 0;
 
