@@ -46,7 +46,8 @@ const char *const transfer_names[transfers] = {"read", "write", "pread64", "pwri
 long transfers_seen[transfers], half_at;
 int half_of = transfers;
 
-template <typename Function> Function *next(Function *, const char *name)
+template <typename Function>
+Function *next(Function *, const char *name)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
@@ -54,7 +55,8 @@ template <typename Function> Function *next(Function *, const char *name)
 /* By the bare call: the program's own calls are counted, this one is not. */
 void report(const char *text)
 {
-    const long fd = syscall(SYS_openat, AT_FDCWD, report_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const long fd =
+        syscall(SYS_openat, AT_FDCWD, report_path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
 
     (void)syscall(SYS_write, fd, text, std::strlen(text));
     (void)syscall(SYS_close, fd);
