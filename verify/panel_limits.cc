@@ -101,7 +101,8 @@ int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names
  * Names and ids are two lists that the server may cut, and are paired by position: behind a name that counts
  * as none or as several, each mailbox gets the reply of another one.
  */
-int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names, PanelDomain *domain)
+int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names,
+                           PanelDomain *domain)
 {
     MailboxList list;
     std::string all_names;
@@ -132,12 +133,15 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
         const std::string lower = ascii_lower(mailbox.name);
 
         if (!seen.insert(lower).second)
-            each_spelling(names, *domain, [&](const std::string &name) { twice_.insert(lower + '@' + name); });
+            each_spelling(names, *domain,
+                          [&](const std::string &name) { twice_.insert(lower + '@' + name); });
         if (own != nullptr) {
             for (const std::string &piece : pieces(lower, ", "))
-                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                each_spelling(names, *domain,
+                              [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
             for (const std::string &piece : pieces(lower, ","))
-                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                each_spelling(names, *domain,
+                              [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
         }
         if (name_cut != nullptr)
             each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
@@ -209,7 +213,8 @@ void PanelLimits::find_overlaps(const PanelNames &names)
         });
         /* Its own aliases are no strangers, but a longer one gets its replies repeated under another name. */
         for (const PanelAlias &alias : names.aliases_of(domain)) {
-            if (domain.aliases > 1 && alias.name.size() > domain.name.size() && alias.name.starts_with(domain.name))
+            if (domain.aliases > 1 && alias.name.size() > domain.name.size() &&
+                alias.name.starts_with(domain.name))
                 overlaps_[i].push_back(alias.name);
         }
     }

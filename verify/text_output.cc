@@ -122,7 +122,8 @@ std::string TextOutput::details(const Finding &finding) const
         return quoted("expected", texts.first) + quoted("found", texts.second);
     }
     if (finding.expected)
-        lines += quoted("expected", cut_columns(printable(*finding.expected), width - detail_indent - label - 1));
+        lines +=
+            quoted("expected", cut_columns(printable(*finding.expected), width - detail_indent - label - 1));
     if (finding.found)
         lines += quoted("found", cut_columns(printable(*finding.found), width - detail_indent - label - 1));
     return lines;
