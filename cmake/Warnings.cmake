@@ -1,12 +1,12 @@
 # One place for what the compilers are asked to say, and for what they are asked not to.  A compiler that this
 # system has not met may warn of what is none of its user's business: only the presets make errors of it.
 option(KOLMO_WERROR "Treat warnings as errors" OFF)
+set(CMAKE_COMPILE_WARNING_AS_ERROR ${KOLMO_WERROR})
 option(KOLMO_SANITIZE "Build with the address and undefined-behaviour sanitizers" OFF)
 
 add_library(kolmo_warnings INTERFACE)
 target_compile_options(kolmo_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wnull-dereference
-  $<$<BOOL:${KOLMO_WERROR}>:-Werror>)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Wundef -Wnull-dereference)
 
 add_library(kolmo_build INTERFACE)
 target_compile_features(kolmo_build INTERFACE cxx_std_20)
