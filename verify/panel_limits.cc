@@ -64,6 +64,14 @@ std::vector<std::string> pieces(const std::string &name, const char *delimiters)
     }
 }
 
+std::string address_of(const std::string &local, const std::string &name)
+{
+    std::string address = local;
+
+    address += '@';
+    return address += name;
+}
+
 /* Every name under which a domain's mailboxes have addresses, as the stores spell it. */
 template <typename Body>
 void each_spelling(const PanelNames &names, const PanelDomain &domain, const Body &body)
@@ -134,14 +142,14 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
 
         if (!seen.insert(lower).second)
             each_spelling(names, *domain,
-                          [&](const std::string &name) { twice_.insert(lower + '@' + name); });
+                          [&](const std::string &name) { twice_.insert(address_of(lower, name)); });
         if (own != nullptr) {
             for (const std::string &piece : pieces(lower, ", "))
                 each_spelling(names, *domain,
-                              [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
             for (const std::string &piece : pieces(lower, ","))
                 each_spelling(names, *domain,
-                              [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
         }
         if (name_cut != nullptr)
             each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
@@ -189,7 +197,7 @@ int PanelLimits::read_twice(MYSQL *panel, const PanelNames &names)
             return -1;
         for (const ListedMailbox &mailbox : list)
             each_spelling(names, domain, [&](const std::string &name) {
-                owners[ascii_lower(mailbox.name) + '@' + name].insert(place);
+                owners[address_of(ascii_lower(mailbox.name), name)].insert(place);
             });
     }
     for (const auto &[address, places] : owners) {
