@@ -48,7 +48,8 @@ bool has_capitals(std::string_view text)
 
 bool is_beyond_utf8mb3(std::string_view text)
 {
-    return std::any_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0xf0; });
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) >= 0xf0; });
 }
 
 std::string as_utf8mb3(std::string_view text)

@@ -61,9 +61,9 @@ int read_database_source(DatabaseSource *source, const TroubleSink &trouble)
     source->origins.push_back(std::string("password from ") +
                               (password != nullptr ? panel_dsn_path : panel_shadow_path));
     source->socket = conf_get(MYSQL_SOCKET);
-    source->origins.push_back(
-        std::string("socket ") +
-        (conf_get_from_file(MYSQL_SOCKET) != nullptr ? std::string("from ") + panel_conf_path : "by default"));
+    source->origins.push_back(std::string("socket ") + (conf_get_from_file(MYSQL_SOCKET) != nullptr
+                                                            ? std::string("from ") + panel_conf_path
+                                                            : "by default"));
     return 0;
 }
 

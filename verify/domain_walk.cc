@@ -21,8 +21,8 @@ enum Column : unsigned int { domain_id, mailbox_id, mail_name, reply_id, first_t
 
 const std::vector<std::string> none;
 
-const std::vector<std::string> &texts_of(const std::unordered_map<unsigned long, std::vector<std::string>> &texts,
-                                         unsigned long id)
+const std::vector<std::string> &
+texts_of(const std::unordered_map<unsigned long, std::vector<std::string>> &texts, unsigned long id)
 {
     const auto found = texts.find(id);
 
@@ -68,9 +68,10 @@ int DomainWalk::read_texts(const std::string &domain_ids, const char *table, con
 {
     texts->clear();
     return each_row(panel_,
-                    std::string("SELECT t.rn_id, t.") + column + " FROM mail m JOIN mail_resp r ON r.mn_id=m.id AND " +
-                        "r.resp_name='default' JOIN " + table + " t ON t.rn_id=r.id WHERE m.dom_id IN (" +
-                        domain_ids + ") AND m.autoresponder='true'",
+                    std::string("SELECT t.rn_id, t.") + column +
+                        " FROM mail m JOIN mail_resp r ON r.mn_id=m.id AND " + "r.resp_name='default' JOIN " +
+                        table + " t ON t.rn_id=r.id WHERE m.dom_id IN (" + domain_ids +
+                        ") AND m.autoresponder='true'",
                     [&](const PanelRows &row) { (*texts)[row.number(0)].emplace_back(row.text(1)); });
 }
 
@@ -85,7 +86,9 @@ int DomainWalk::walk_batch(std::span<const std::uint32_t> places)
         return -1;
 
     std::size_t next = 0;
-    const auto enter_next = [&] { enter_domain(places[next++]); };
+    const auto enter_next = [&] {
+        enter_domain(places[next++]);
+    };
     const int result = each_row(
         panel_,
         "SELECT m.dom_id, m.id, m.mail_name, r.id, r.keystr, r.key_where, r.subject, r.reply_to, '', "
@@ -252,9 +255,9 @@ void DomainWalk::judge_name(const PanelRows &row, const std::string &address, Wa
 
 void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &address)
 {
-    static const char *const panel_names[reply_columns] = {"keystr",  "key_where",    "subject", "reply_to",
-                                                           "address", "content_type", "charset", "text",
-                                                           "ans_freq", "mem_limit",   "mail_name"};
+    static const char *const panel_names[reply_columns] = {"keystr",   "key_where",    "subject",  "reply_to",
+                                                           "address",  "content_type", "charset",  "text",
+                                                           "ans_freq", "mem_limit",    "mail_name"};
 
     if (!mailbox.loses_texts)
         return;

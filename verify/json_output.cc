@@ -23,7 +23,8 @@ std::string without_controls(const std::string &dump)
         char text[8];
 
         if (byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next <= 0x9f)) {
-            (void)std::snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned int>(byte == 0x7f ? byte : next));
+            (void)std::snprintf(text, sizeof text, "\\u%04x",
+                                static_cast<unsigned int>(byte == 0x7f ? byte : next));
             result += text;
             i += byte == 0x7f ? 0 : 1;
         } else {

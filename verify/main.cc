@@ -11,9 +11,7 @@ namespace
 {
 
 /* What the panel's configuration reader logs is told by verify itself, as far as it matters. */
-[[gnu::format(printf, 2, 3)]] void say_nothing(int, const char *, ...)
-{
-}
+[[gnu::format(printf, 2, 3)]] void say_nothing(int, const char *, ...) {}
 
 } // namespace
 

@@ -29,8 +29,10 @@ void add_options(CLI::App *app, ProgramOptions *options)
         ->allow_extra_args(false);
     app->add_flag("--json", options->json, "One JSON object a line");
     app->add_flag("-q,--quiet", options->quiet, "Print findings only");
-    app->add_flag_callback("--progress", [=] { options->progress = true; }, "Show progress on standard error");
-    app->add_flag_callback("--no-progress", [=] { options->progress = false; }, "Show none on a terminal either");
+    app->add_flag_callback(
+        "--progress", [=] { options->progress = true; }, "Show progress on standard error");
+    app->add_flag_callback(
+        "--no-progress", [=] { options->progress = false; }, "Show none on a terminal either");
     app->add_option("--wait", options->wait_seconds, "How long a locked store is waited for")
         ->type_name("SECONDS")
         ->check(CLI::Range(0, longest_wait).description(""))

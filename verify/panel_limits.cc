@@ -64,6 +64,14 @@ std::vector<std::string> pieces(const std::string &name, const char *delimiters)
     }
 }
 
+std::string address_of(const std::string &local, const std::string &name)
+{
+    std::string address = local;
+
+    address += '@';
+    return address += name;
+}
+
 /* Every name under which a domain's mailboxes have addresses, as the stores spell it. */
 template <typename Body>
 void each_spelling(const PanelNames &names, const PanelDomain &domain, const Body &body)
@@ -101,7 +109,8 @@ int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names
  * Names and ids are two lists that the server may cut, and are paired by position: behind a name that counts
  * as none or as several, each mailbox gets the reply of another one.
  */
-int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names, PanelDomain *domain)
+int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names,
+                           PanelDomain *domain)
 {
     MailboxList list;
     std::string all_names;
@@ -132,12 +141,15 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
         const std::string lower = ascii_lower(mailbox.name);
 
         if (!seen.insert(lower).second)
-            each_spelling(names, *domain, [&](const std::string &name) { twice_.insert(lower + '@' + name); });
+            each_spelling(names, *domain,
+                          [&](const std::string &name) { twice_.insert(address_of(lower, name)); });
         if (own != nullptr) {
             for (const std::string &piece : pieces(lower, ", "))
-                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                each_spelling(names, *domain,
+                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
             for (const std::string &piece : pieces(lower, ","))
-                each_spelling(names, *domain, [&](const std::string &name) { expect_junk(piece + '@' + name, own); });
+                each_spelling(names, *domain,
+                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
         }
         if (name_cut != nullptr)
             each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
@@ -185,7 +197,7 @@ int PanelLimits::read_twice(MYSQL *panel, const PanelNames &names)
             return -1;
         for (const ListedMailbox &mailbox : list)
             each_spelling(names, domain, [&](const std::string &name) {
-                owners[ascii_lower(mailbox.name) + '@' + name].insert(place);
+                owners[address_of(ascii_lower(mailbox.name), name)].insert(place);
             });
     }
     for (const auto &[address, places] : owners) {
@@ -209,7 +221,8 @@ void PanelLimits::find_overlaps(const PanelNames &names)
         });
         /* Its own aliases are no strangers, but a longer one gets its replies repeated under another name. */
         for (const PanelAlias &alias : names.aliases_of(domain)) {
-            if (domain.aliases > 1 && alias.name.size() > domain.name.size() && alias.name.starts_with(domain.name))
+            if (domain.aliases > 1 && alias.name.size() > domain.name.size() &&
+                alias.name.starts_with(domain.name))
                 overlaps_[i].push_back(alias.name);
         }
     }

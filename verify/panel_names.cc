@@ -70,12 +70,14 @@ bool has_too_long_address(const PanelNames &names, const PanelDomain &domain, co
 
     if (sums.longest_name + 1 + ascii.size() > longest_address)
         return true;
-    return std::any_of(names.aliases_of(domain).begin(), names.aliases_of(domain).end(), [&](const PanelAlias &alias) {
-        return sums.longest_name + 1 + alias.name.size() > longest_alias_address;
-    });
+    return std::any_of(names.aliases_of(domain).begin(), names.aliases_of(domain).end(),
+                       [&](const PanelAlias &alias) {
+                           return sums.longest_name + 1 + alias.name.size() > longest_alias_address;
+                       });
 }
 
-void judge_sums(const PanelServer &server, const PanelNames &names, const MailboxSums &sums, PanelDomain *domain)
+void judge_sums(const PanelServer &server, const PanelNames &names, const MailboxSums &sums,
+                PanelDomain *domain)
 {
     const unsigned long commas = sums.count - 1;
     const unsigned long ids = sums.ids_length + commas;
@@ -111,22 +113,23 @@ int read_sums(MYSQL *panel, const PanelServer &server, const Places &places, Pan
 
 int read_odd_mailboxes(MYSQL *panel, const Places &places, PanelNames *names, OddMailboxes *odd)
 {
-    return each_row(panel,
-                    "SELECT m.dom_id, m.id, COUNT(r.id) FROM mail m LEFT JOIN mail_resp r ON r.mn_id=m.id AND "
-                    "r.resp_name='default' WHERE m.autoresponder='true' GROUP BY m.id, m.dom_id "
-                    "HAVING COUNT(r.id)<>1",
-                    [&](const PanelRows &row) {
-                        const auto place = places.find(row.number(0));
+    return each_row(
+        panel,
+        "SELECT m.dom_id, m.id, COUNT(r.id) FROM mail m LEFT JOIN mail_resp r ON r.mn_id=m.id AND "
+        "r.resp_name='default' WHERE m.autoresponder='true' GROUP BY m.id, m.dom_id "
+        "HAVING COUNT(r.id)<>1",
+        [&](const PanelRows &row) {
+            const auto place = places.find(row.number(0));
 
-                        if (place == places.end())
-                            return;
-                        odd->emplace(row.number(1), OddMailbox{row.number(0), row.number(2)});
+            if (place == places.end())
+                return;
+            odd->emplace(row.number(1), OddMailbox{row.number(0), row.number(2)});
 
-                        PanelDomain &domain = names->domains[place->second];
+            PanelDomain &domain = names->domains[place->second];
 
-                        if (row.number(2) == 0 && domain.ends_walk == nullptr)
-                            domain.ends_walk = &code_no_default_reply;
-                    });
+            if (row.number(2) == 0 && domain.ends_walk == nullptr)
+                domain.ends_walk = &code_no_default_reply;
+        });
 }
 
 bool is_pattern(std::string_view text)

@@ -66,8 +66,8 @@ using OddMailboxes = std::map<unsigned long, OddMailbox>; /* by the mailbox's id
  * Leaves selected only the domains of the list, given in either form and in any case.
  * Returns the names that no domain with mail service has.
  */
-[[nodiscard]] std::vector<std::string> select_domains(const std::vector<std::string> &list, PanelNames *names);
-
+[[nodiscard]] std::vector<std::string> select_domains(const std::vector<std::string> &list,
+                                                      PanelNames *names);
 
 /* Which names of domains stand in other addresses. */
 class OverlapFinder

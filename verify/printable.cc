@@ -61,8 +61,8 @@ bool is_in(const Range (&ranges)[count], std::uint32_t code)
 /* C0, DEL and C1; the line and paragraph separators; what turns the direction of writing. */
 bool steers(std::uint32_t code)
 {
-    static constexpr Range ranges[] = {{0, 0x1f},          {0x7f, 0x9f},       {0x61c, 0x61c},
-                                       {0x200e, 0x200f},   {0x2028, 0x202e},   {0x2066, 0x2069},
+    static constexpr Range ranges[] = {{0, 0x1f},          {0x7f, 0x9f},     {0x61c, 0x61c},
+                                       {0x200e, 0x200f},   {0x2028, 0x202e}, {0x2066, 0x2069},
                                        {0xe0000, 0xe007f}, {0xfff9, 0xfffb}};
 
     return is_in(ranges, code);
@@ -71,9 +71,9 @@ bool steers(std::uint32_t code)
 std::size_t columns_of_character(std::uint32_t code)
 {
     static constexpr Range none[] = {{0x300, 0x36f}, {0x200b, 0x200d}, {0x20d0, 0x20ff}, {0xfe00, 0xfe0f}};
-    static constexpr Range two[] = {{0x1100, 0x115f}, {0x2e80, 0xa4cf},   {0xac00, 0xd7a3},  {0xf900, 0xfaff},
-                                    {0xfe30, 0xfe6f}, {0xff00, 0xff60},   {0xffe0, 0xffe6},  {0x1f300, 0x1f64f},
-                                    {0x1f680, 0x1faff}, {0x20000, 0x3fffd}};
+    static constexpr Range two[] = {
+        {0x1100, 0x115f}, {0x2e80, 0xa4cf}, {0xac00, 0xd7a3},   {0xf900, 0xfaff},   {0xfe30, 0xfe6f},
+        {0xff00, 0xff60}, {0xffe0, 0xffe6}, {0x1f300, 0x1f64f}, {0x1f680, 0x1faff}, {0x20000, 0x3fffd}};
 
     if (is_in(none, code))
         return 0;

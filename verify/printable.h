@@ -22,7 +22,8 @@ namespace kolmo
 /* A printable text cut to the columns, with "..." where something is missing. */
 [[nodiscard]] std::string cut_columns(std::string_view text, std::size_t columns);
 
-/* Two texts cut around the place where they begin to differ, so that this can be seen in that many columns. */
+/* Two texts cut around the place where they begin to differ, so that this can be seen in that many columns.
+ */
 struct TwoTexts {
     std::string first;
     std::string second;

@@ -61,8 +61,8 @@ int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
         sink.trouble(reason);
         return trouble_status;
     }
-    return verify_stores(panel.get(), {.domains = options.domains, .wait_seconds = options.wait_seconds}, sink,
-                         summary);
+    return verify_stores(panel.get(), {.domains = options.domains, .wait_seconds = options.wait_seconds},
+                         sink, summary);
 }
 
 } // namespace

@@ -88,7 +88,8 @@ int open_copy(SqliteConnection *copy, const TroubleSink &trouble)
 
     copy->reset(db);
     if (rc == SQLITE_OK)
-        rc = sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA cache_size = -1024", nullptr, nullptr, nullptr);
+        rc = sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA cache_size = -1024", nullptr, nullptr,
+                          nullptr);
     if (rc == SQLITE_OK)
         return 0;
     trouble(std::string("no private copy can be made: ") + sqlite3_errstr(rc));
@@ -100,7 +101,8 @@ std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
 {
     if (rc == SQLITE_READONLY_ROLLBACK || rc == SQLITE_READONLY_RECOVERY || (rc & 0xff) == SQLITE_READONLY)
         return path + " has a hot journal (" + path +
-               "-journal): a writer was killed in the middle of a commit. Never delete the journal; open the store "
+               "-journal): a writer was killed in the middle of a commit. Never delete the journal; open the "
+               "store "
                "once with write access, and SQLite rolls back: sqlite3 " +
                path + " 'SELECT count(*) FROM sqlite_master'";
     if (is_busy(rc))
@@ -226,7 +228,8 @@ void check_responder_reader(const std::string &path, const TroubleSink &trouble)
                 path);
 }
 
-SqliteConnection copy_store(const std::string &path, std::chrono::milliseconds wait, const TroubleSink &trouble)
+SqliteConnection copy_store(const std::string &path, std::chrono::milliseconds wait,
+                            const TroubleSink &trouble)
 {
     SqliteConnection source;
     SqliteConnection copy;

@@ -11,9 +11,9 @@ namespace
 {
 
 /* In the order of the responder store's table, behind mn. */
-const char *const column_names[reply_columns] = {"keystr",  "key_where", "subject",  "reply_to",
-                                                 "forward_to", "content_type", "charset", "body",
-                                                 "ans_freq", "ans_limit", "real_owner"};
+const char *const column_names[reply_columns] = {"keystr",     "key_where",    "subject",   "reply_to",
+                                                 "forward_to", "content_type", "charset",   "body",
+                                                 "ans_freq",   "ans_limit",    "real_owner"};
 const char all_columns[] = "keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
                            "ans_freq, ans_limit, real_owner";
 constexpr std::size_t forward_column = 4;
@@ -77,9 +77,10 @@ std::string sql_literal_of(std::optional<std::string_view> value)
 void StoreJudge::open_responders(const std::string &path, SqliteConnection copy)
 {
     responder_path_ = path;
-    if (copy != nullptr && (replies_.open(copy.get(), "autoresponder", "mn", all_columns, nullptr, nullptr) != 0 ||
-                            attachments_.open(copy.get(), "attachments", "mn", "filename", "filename", nullptr) != 0 ||
-                            headers_.open(copy.get(), "extra_headers", "name", "value", "value", nullptr) != 0)) {
+    if (copy != nullptr &&
+        (replies_.open(copy.get(), "autoresponder", "mn", all_columns, nullptr, nullptr) != 0 ||
+         attachments_.open(copy.get(), "attachments", "mn", "filename", "filename", nullptr) != 0 ||
+         headers_.open(copy.get(), "extra_headers", "name", "value", "value", nullptr) != 0)) {
         report_.trouble(path + " is no responder store: " + sqlite3_errmsg(copy.get()));
         copy.reset();
     }
@@ -163,7 +164,8 @@ void StoreJudge::judge_attachments(const PanelDomain &domain, const WantedMailbo
         return;
     attachments_.ask(address);
     while (attachments_.next()) {
-        const auto wanted = std::find(mailbox.attachments.begin(), mailbox.attachments.end(), attachments_.text(0));
+        const auto wanted =
+            std::find(mailbox.attachments.begin(), mailbox.attachments.end(), attachments_.text(0));
         const auto place = static_cast<std::size_t>(wanted - mailbox.attachments.begin());
 
         if (!mailbox.is_certain || (wanted != mailbox.attachments.end() && !seen[place]))
@@ -210,7 +212,8 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
                       .address = address});
 }
 
-void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit)
+void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string &address,
+                                   const FindingCode *limit)
 {
     for (int i = enabled_column; i < static_cast<int>(std::size(handler_columns)); i++) {
         const HandlerColumn &column = handler_columns[i];
@@ -248,8 +251,9 @@ void StoreJudge::judge_header(std::string_view name, std::string_view value, boo
                               const FindingCode *limit)
 {
     std::optional<std::string> found;
-    const FindingCode *const lost =
-        loses_texts && (is_beyond_utf8mb3(name) || is_beyond_utf8mb3(value)) ? &code_text_beyond_utf8mb3 : nullptr;
+    const FindingCode *const lost = loses_texts && (is_beyond_utf8mb3(name) || is_beyond_utf8mb3(value))
+                                        ? &code_text_beyond_utf8mb3
+                                        : nullptr;
 
     headers_.ask(name);
     while (headers_.next()) {
@@ -285,12 +289,15 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
         finding.address = address;
         report_.find(std::move(finding));
     };
-    const auto junk_or_end = [&](std::string_view address) { return first_of(limits.of_junk(address), end); };
+    const auto junk_or_end = [&](std::string_view address) {
+        return first_of(limits.of_junk(address), end);
+    };
     bool complete = true;
 
     if (responders_ != nullptr) {
         complete &= replies_.each_left([&](std::string_view address, const SqliteQuery &) {
-            fill(address, {.code = &code_reply_stale, .limit = junk_or_end(address), .place = Place::responder});
+            fill(address,
+                 {.code = &code_reply_stale, .limit = junk_or_end(address), .place = Place::responder});
         }) == 0;
         complete &= attachments_.each_left([&](std::string_view address, const SqliteQuery &row) {
             fill(address, {.code = &code_attachment_stale,
@@ -301,7 +308,8 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     }
     if (handlers_ != nullptr) {
         complete &= handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
-            Finding finding{.code = &code_handler_stale, .limit = limits.of_junk(address), .place = Place::handlers};
+            Finding finding{
+                .code = &code_handler_stale, .limit = limits.of_junk(address), .place = Place::handlers};
 
             for (int i = type_column; i >= queue_column; i--) {
                 if (row.text(i + 2) != handler_columns[i].wanted) {
@@ -313,8 +321,9 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
             if (finding.limit == nullptr)
                 finding.command = "sqlite3 " + handlers_path_ +
                                   " \"DELETE FROM handlers WHERE name = 'autoresponder' AND queue IS " +
-                                  sql_literal_of(row.text(2)) + " AND type IS " + sql_literal_of(row.text(3)) +
-                                  " AND address = " + sql_literal(address) + '"';
+                                  sql_literal_of(row.text(2)) + " AND type IS " +
+                                  sql_literal_of(row.text(3)) + " AND address = " + sql_literal(address) +
+                                  '"';
             fill(address, std::move(finding));
         }) == 0;
     }

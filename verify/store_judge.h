@@ -73,11 +73,12 @@ private:
     void judge_reply(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
     void judge_columns(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox,
                        const std::string &address);
-    void judge_attachments(const PanelDomain &domain, const WantedMailbox &mailbox, const std::string &address,
-                           const FindingCode *limit);
+    void judge_attachments(const PanelDomain &domain, const WantedMailbox &mailbox,
+                           const std::string &address, const FindingCode *limit);
     void judge_handler(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
     void judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit);
-    void judge_header(std::string_view name, std::string_view value, bool loses_texts, const FindingCode *limit);
+    void judge_header(std::string_view name, std::string_view value, bool loses_texts,
+                      const FindingCode *limit);
 
     const Report &report_;
     std::string responder_path_;

@@ -14,8 +14,8 @@ int give_row_numbers(sqlite3 *db, const std::string &table)
     if (probe.prepare(db, ("SELECT rowid FROM " + table).c_str()) == 0)
         return 0;
 
-    const std::string sql = "CREATE TABLE verify_" + table + " AS SELECT * FROM " + table + "; DROP TABLE " + table +
-                            "; ALTER TABLE verify_" + table + " RENAME TO " + table;
+    const std::string sql = "CREATE TABLE verify_" + table + " AS SELECT * FROM " + table + "; DROP TABLE " +
+                            table + "; ALTER TABLE verify_" + table + " RENAME TO " + table;
 
     return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : -1;
 }
@@ -34,7 +34,8 @@ int give_index(sqlite3 *db, const std::string &table, const std::string &key, co
         return 0;
     probe = {};
 
-    const std::string sql = "CREATE INDEX verify_" + table + "_" + key + " ON " + table + "(" + key + ")" + where;
+    const std::string sql =
+        "CREATE INDEX verify_" + table + "_" + key + " ON " + table + "(" + key + ")" + where;
 
     return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : -1;
 }
@@ -51,7 +52,9 @@ int KeyedTable::open(sqlite3 *db, const char *table, const char *key, const char
 
     if (give_row_numbers(db, table) != 0 || give_index(db, table, key, where) != 0 ||
         rows_.prepare(db, (select + ", " + columns + from + and_key).c_str()) != 0 ||
-        all_.prepare(db, (select + (left != nullptr ? std::string(", ") + left : "") + from + where + " ORDER BY " + key).c_str()) != 0)
+        all_.prepare(db, (select + (left != nullptr ? std::string(", ") + left : "") + from + where +
+                          " ORDER BY " + key)
+                             .c_str()) != 0)
         return -1;
     all_.ask();
     empty_ = !all_.next();

@@ -1,7 +1,7 @@
-#include <algorithm>
 #include <cstdio>
 #include <iterator>
 #include <map>
+#include <set>
 #include <vector>
 
 #include <fmt/format.h>
@@ -69,6 +69,7 @@ private:
     std::vector<Group> groups_; /* in the order of their first finding */
     std::map<std::string, std::size_t> places_;
     std::map<std::pair<int, std::string>, std::vector<std::string>> helps_; /* by remedy: codes */
+    std::set<std::string> codes_;                                           /* that are in helps_ */
 };
 
 void print_wrapped(std::FILE *stream, const std::string &head, const std::string &text)
@@ -122,7 +123,8 @@ std::string TextOutput::details(const Finding &finding) const
         return quoted("expected", texts.first) + quoted("found", texts.second);
     }
     if (finding.expected)
-        lines += quoted("expected", cut_columns(printable(*finding.expected), width - detail_indent - label - 1));
+        lines +=
+            quoted("expected", cut_columns(printable(*finding.expected), width - detail_indent - label - 1));
     if (finding.found)
         lines += quoted("found", cut_columns(printable(*finding.found), width - detail_indent - label - 1));
     return lines;
@@ -152,10 +154,10 @@ void TextOutput::finding(const Finding &finding)
     for (const std::string &line : wrap(printable(finding.command), width - command_indent))
         lines += fmt::format("{:{}}{}\n", "", command_indent, line);
 
-    std::vector<std::string> &codes = helps_[{static_cast<int>(finding.remedy), finding.help}];
+    const std::pair key(static_cast<int>(finding.remedy), finding.help);
 
-    if (std::find(codes.begin(), codes.end(), behind.name) == codes.end())
-        codes.emplace_back(behind.name);
+    if (codes_.insert(behind.name).second)
+        helps_[key].emplace_back(behind.name);
 }
 
 void TextOutput::trouble(const std::string &text)

@@ -83,10 +83,14 @@ private:
 
 void Verification::open_stores()
 {
-    const TroubleSink trouble = [&](const std::string &text) { report_.trouble(text); };
+    const TroubleSink trouble = [&](const std::string &text) {
+        report_.trouble(text);
+    };
     const std::chrono::seconds wait(options_.wait_seconds);
-    const std::string responders = options_.responder_path != nullptr ? options_.responder_path : responder_db_path;
-    const std::string handlers = options_.handlers_path != nullptr ? options_.handlers_path : handlers_db_path;
+    const std::string responders =
+        options_.responder_path != nullptr ? options_.responder_path : responder_db_path;
+    const std::string handlers =
+        options_.handlers_path != nullptr ? options_.handlers_path : handlers_db_path;
     const auto copy = [&](const std::string &path) {
         return check_store_file(path, trouble) == 0 ? copy_store(path, wait, trouble) : nullptr;
     };
@@ -102,14 +106,15 @@ void Verification::open_stores()
 /* Tables of other engines are read as they are at the moment of reading. */
 void Verification::note_engines()
 {
-    (void)each_row(panel_,
-                   "SELECT table_name, engine FROM information_schema.tables WHERE table_schema=DATABASE() AND "
-                   "table_name IN ('domains', 'DomainServices', 'mail', 'mail_resp', 'resp_forward', "
-                   "'resp_attach', 'domain_aliases', 'ServiceNodeConfiguration') AND engine<>'InnoDB'",
-                   [&](const PanelRows &row) {
-                       report_.note("table " + std::string(row.text(0)) + " of the panel has no snapshots (" +
-                                    std::string(row.text(1)) + "): changes during this look may show");
-                   });
+    (void)each_row(
+        panel_,
+        "SELECT table_name, engine FROM information_schema.tables WHERE table_schema=DATABASE() AND "
+        "table_name IN ('domains', 'DomainServices', 'mail', 'mail_resp', 'resp_forward', "
+        "'resp_attach', 'domain_aliases', 'ServiceNodeConfiguration') AND engine<>'InnoDB'",
+        [&](const PanelRows &row) {
+            report_.note("table " + std::string(row.text(0)) + " of the panel has no snapshots (" +
+                         std::string(row.text(1)) + "): changes during this look may show");
+        });
 }
 
 int Verification::select()
@@ -149,14 +154,15 @@ int Verification::judge_headers()
 {
     std::string json;
     bool has_row = false;
-    const int result = each_row(panel_,
-                                "SELECT value FROM ServiceNodeConfiguration WHERE name='auto_reply_headers' AND "
-                                "serviceNodeId=1 AND section='mailServer'",
-                                [&](const PanelRows &row) {
-                                    if (!has_row)
-                                        json = row.text(0);
-                                    has_row = true;
-                                });
+    const int result =
+        each_row(panel_,
+                 "SELECT value FROM ServiceNodeConfiguration WHERE name='auto_reply_headers' AND "
+                 "serviceNodeId=1 AND section='mailServer'",
+                 [&](const PanelRows &row) {
+                     if (!has_row)
+                         json = row.text(0);
+                     has_row = true;
+                 });
 
     if (result == 0)
         judge_setting(json);
@@ -176,7 +182,9 @@ void Verification::judge_setting(const std::string &json)
     else if (fault == nullptr && !json.empty() && json[json.find_first_not_of(" \t\r\n")] != '{')
         fault = &code_headers_not_an_object;
     if (fault != nullptr)
-        report_.find({.code = fault, .place = Place::panel, .column = "auto_reply_headers",
+        report_.find({.code = fault,
+                      .place = Place::panel,
+                      .column = "auto_reply_headers",
                       .found = *reason != '\0' ? std::string(reason) : std::optional<std::string>()});
 
     const FindingCode *const end = limits_.before_headers();
@@ -185,14 +193,17 @@ void Verification::judge_setting(const std::string &json)
     if (fault == &code_headers_not_json || fault == &code_headers_not_an_object)
         headers = {};
 
-    const auto is_beyond = [](const char *text) { return is_beyond_utf8mb3(text); };
-    const bool loses_name = server_.loses_beyond_utf8mb3 &&
-                            std::any_of(headers.names.begin(), headers.names.end(), is_beyond);
-    const bool loses_value = server_.loses_beyond_utf8mb3 &&
-                             std::any_of(headers.values.begin(), headers.values.end(), is_beyond);
+    const auto is_beyond = [](const char *text) {
+        return is_beyond_utf8mb3(text);
+    };
+    const bool loses_name =
+        server_.loses_beyond_utf8mb3 && std::any_of(headers.names.begin(), headers.names.end(), is_beyond);
+    const bool loses_value =
+        server_.loses_beyond_utf8mb3 && std::any_of(headers.values.begin(), headers.values.end(), is_beyond);
 
     if (loses_name || loses_value)
-        report_.find({.code = &code_text_beyond_utf8mb3, .place = Place::panel, .column = "auto_reply_headers"});
+        report_.find(
+            {.code = &code_text_beyond_utf8mb3, .place = Place::panel, .column = "auto_reply_headers"});
     judge_.judge_headers(headers.names, headers.values, server_.loses_beyond_utf8mb3, limit);
     judge_.judge_rest_of_headers(limit == nullptr && loses_name ? &code_text_beyond_utf8mb3 : limit);
 }

@@ -63,9 +63,10 @@ struct ColumnRow {
 };
 
 const ColumnRow reply_rows[] = {
-    {"keystr", "key"},           {"key_where", "subj"}, {"subject", "Away"},    {"reply_to", "r@x.test"},
-    {"forward_to", "f@x.test"},  {"charset", "latin1"}, {"body", "Back soon."}, {"content_type", "text/html"},
-    {"ans_freq", "7"},           {"ans_limit", "70"},   {"real_owner", "info@a.test"},
+    {"keystr", "key"},        {"key_where", "subj"},         {"subject", "Away"},
+    {"reply_to", "r@x.test"}, {"forward_to", "f@x.test"},    {"charset", "latin1"},
+    {"body", "Back soon."},   {"content_type", "text/html"}, {"ans_freq", "7"},
+    {"ans_limit", "70"},      {"real_owner", "info@a.test"},
 };
 
 TEST_F(ChangeTest, EachColumnOfAReplyIsFound)
@@ -75,10 +76,10 @@ TEST_F(ChangeTest, EachColumnOfAReplyIsFound)
             for (const std::string value : {"'71'", "NULL", "''"}) {
                 const std::string shown = value == "NULL" ? value : value.substr(1, value.size() - 2);
 
-                EXPECT_EQ(found_after(responder_store, "UPDATE autoresponder SET " + std::string(row.column) + " = " +
-                                                           value + " WHERE mn = '" + address + "'"),
-                          Lines{"reply-differs rebuild " + address + ' ' + row.column + ": " + row.value + " > " +
-                                shown});
+                EXPECT_EQ(found_after(responder_store, "UPDATE autoresponder SET " + std::string(row.column) +
+                                                           " = " + value + " WHERE mn = '" + address + "'"),
+                          Lines{"reply-differs rebuild " + address + ' ' + row.column + ": " + row.value +
+                                " > " + shown});
             }
         }
     }
@@ -95,11 +96,13 @@ TEST_F(ChangeTest, EachColumnOfAHandlerIsFound)
 {
     for (const std::string address : {"info@a.test", "info@b.test"}) {
         for (const ColumnRow &row : handler_rows_of_test)
-            EXPECT_EQ(found_after(handlers_store, "UPDATE handlers SET " + std::string(row.column) +
-                                                      " = 5 WHERE address = '" + address + "'"),
-                      Lines{"handler-differs rebuild " + address + ' ' + row.column + ": " + row.value + " > 5"});
-        EXPECT_EQ(found_after(handlers_store, "UPDATE handlers SET enabled = 0 WHERE address = '" + address + "'"),
-                  Lines{"handler-disabled rebuild " + address + " enabled: 1 > 0"});
+            EXPECT_EQ(
+                found_after(handlers_store, "UPDATE handlers SET " + std::string(row.column) +
+                                                " = 5 WHERE address = '" + address + "'"),
+                Lines{"handler-differs rebuild " + address + ' ' + row.column + ": " + row.value + " > 5"});
+        EXPECT_EQ(
+            found_after(handlers_store, "UPDATE handlers SET enabled = 0 WHERE address = '" + address + "'"),
+            Lines{"handler-disabled rebuild " + address + " enabled: 1 > 0"});
     }
 }
 
@@ -110,8 +113,12 @@ struct ChangeRow {
 };
 
 const std::vector<ChangeRow> change_rows = {
-    {responder_store, "DELETE FROM autoresponder WHERE mn = 'info@a.test'", {"reply-missing rebuild info@a.test"}},
-    {responder_store, "DELETE FROM autoresponder WHERE mn = 'info@b.test'", {"alias-reply-missing rebuild info@b.test"}},
+    {responder_store,
+     "DELETE FROM autoresponder WHERE mn = 'info@a.test'",
+     {"reply-missing rebuild info@a.test"}},
+    {responder_store,
+     "DELETE FROM autoresponder WHERE mn = 'info@b.test'",
+     {"alias-reply-missing rebuild info@b.test"}},
     {responder_store, "INSERT INTO autoresponder (mn) VALUES ('x@a.test')", {"reply-stale rebuild x@a.test"}},
     {responder_store, "INSERT INTO autoresponder (mn) VALUES ('')", {"reply-stale rebuild"}},
     {responder_store,
@@ -134,8 +141,12 @@ const std::vector<ChangeRow> change_rows = {
     {responder_store,
      "UPDATE extra_headers SET name = 'x-a' WHERE name = 'X-A'",
      {"header-missing rebuild X-A: 1 > ", "header-stale rebuild x-a:  > 1"}},
-    {handlers_store, "DELETE FROM handlers WHERE address = 'info@a.test'", {"handler-missing rebuild info@a.test"}},
-    {handlers_store, "DELETE FROM handlers WHERE address = 'info@b.test'", {"alias-handler-missing rebuild info@b.test"}},
+    {handlers_store,
+     "DELETE FROM handlers WHERE address = 'info@a.test'",
+     {"handler-missing rebuild info@a.test"}},
+    {handlers_store,
+     "DELETE FROM handlers WHERE address = 'info@b.test'",
+     {"alias-handler-missing rebuild info@b.test"}},
     {handlers_store,
      "UPDATE handlers SET name = 'other' WHERE address = 'info@a.test'",
      {"handler-missing rebuild info@a.test"}},
@@ -165,20 +176,24 @@ TEST_F(ChangeTest, TablesOfOtherKeysAreReadAsWell)
 {
     const std::string plain =
         "CREATE TABLE a AS SELECT * FROM autoresponder; DROP TABLE autoresponder; ALTER TABLE a RENAME TO "
-        "autoresponder; CREATE TABLE b AS SELECT * FROM attachments; DROP TABLE attachments; ALTER TABLE b RENAME TO "
+        "autoresponder; CREATE TABLE b AS SELECT * FROM attachments; DROP TABLE attachments; ALTER TABLE b "
+        "RENAME TO "
         "attachments; ";
     const std::string without_rowid =
-        "CREATE TABLE a (mn TEXT PRIMARY KEY, keystr, key_where, subject, reply_to, forward_to, content_type, charset, "
+        "CREATE TABLE a (mn TEXT PRIMARY KEY, keystr, key_where, subject, reply_to, forward_to, "
+        "content_type, charset, "
         "body, ans_freq, ans_limit, real_owner) WITHOUT ROWID; INSERT INTO a SELECT * FROM autoresponder; "
         "DROP TABLE autoresponder; ALTER TABLE a RENAME TO autoresponder; ";
 
     for (const std::string &change : {plain, without_rowid}) {
         EXPECT_EQ(found_after(responder_store, change), Lines{});
-        EXPECT_EQ(found_after(responder_store, change + "UPDATE autoresponder SET mn = 'x@a.test' WHERE mn LIKE '%a.test'"),
+        EXPECT_EQ(found_after(responder_store,
+                              change + "UPDATE autoresponder SET mn = 'x@a.test' WHERE mn LIKE '%a.test'"),
                   (Lines{"reply-missing rebuild info@a.test", "reply-stale rebuild x@a.test"}));
     }
-    EXPECT_EQ(found_after(responder_store, plain + "INSERT INTO autoresponder SELECT * FROM autoresponder WHERE mn LIKE "
-                                                   "'%a.test'; INSERT INTO attachments VALUES ('info@a.test', 'one.pdf')"),
+    EXPECT_EQ(found_after(responder_store,
+                          plain + "INSERT INTO autoresponder SELECT * FROM autoresponder WHERE mn LIKE "
+                                  "'%a.test'; INSERT INTO attachments VALUES ('info@a.test', 'one.pdf')"),
               (Lines{"attachment-stale rebuild info@a.test:  > one.pdf", "reply-stale rebuild info@a.test"}));
 }
 
@@ -226,17 +241,23 @@ TEST_F(ChangeTest, WithDomainsGivenOnlyTheseAreLookedAt)
 {
     VerifyOptions options;
 
-    panel->execute(sql_domain(2, "b\xc3\xbc" "cher.example") + sql_answering(2, 2, "x"));
-    change_store(responder_store, "UPDATE autoresponder SET subject = 'x'; INSERT INTO autoresponder (mn) VALUES "
-                                  "('y@b.test'), ('y@elsewhere.test'); DELETE FROM extra_headers");
+    panel->execute(sql_domain(2, "b\xc3\xbc"
+                                 "cher.example") +
+                   sql_answering(2, 2, "x"));
+    change_store(responder_store,
+                 "UPDATE autoresponder SET subject = 'x'; INSERT INTO autoresponder (mn) VALUES "
+                 "('y@b.test'), ('y@elsewhere.test'); DELETE FROM extra_headers");
     options.domains = {"A.test"};
     EXPECT_EQ(look(options).findings,
               (Lines{"reply-differs rebuild info@a.test subject: Away > x",
                      "reply-differs rebuild info@b.test subject: Away > x", "reply-stale rebuild y@b.test"}));
-    for (const char *name : {"b\xc3\xbc" "cher.example", "xn--bcher-kva.example"}) {
+    for (const char *name : {"b\xc3\xbc"
+                             "cher.example",
+                             "xn--bcher-kva.example"}) {
         options.domains = {name};
-        EXPECT_EQ(look(options).findings,
-                  (Lines{"handler-missing rebuild x@xn--bcher-kva.example", "reply-missing rebuild x@b\xc3\xbc" "cher.example"}));
+        EXPECT_EQ(look(options).findings, (Lines{"handler-missing rebuild x@xn--bcher-kva.example",
+                                                 "reply-missing rebuild x@b\xc3\xbc"
+                                                 "cher.example"}));
     }
     options.domains = {"a.test", "b.test"};
 

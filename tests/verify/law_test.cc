@@ -57,7 +57,8 @@ std::string RandomPanel::letters(int count)
 
 std::string RandomPanel::local()
 {
-    static const char *const pieces[] = {"a", "B", "z", "7", ".", "-", "_", "+", "'", "%", "\"", "\xc3\xbc", "\xe4\xb8\xad", "Q", "&"};
+    static const char *const pieces[] = {
+        "a", "B", "z", "7", ".", "-", "_", "+", "'", "%", "\"", "\xc3\xbc", "\xe4\xb8\xad", "Q", "&"};
     std::string name;
 
     do {
@@ -69,8 +70,9 @@ std::string RandomPanel::local()
 
 std::string RandomPanel::text(int most)
 {
-    static const char *const pieces[] = {"word", " ", "\n", "\r\n", "'", "\"", "\\", "%s", ";", "--", "\xc3\xa4",
-                                         "\xe2\x82\xac", "<b>", "\t", "0", ",", "@", "\x01", "NULL", "{", "}"};
+    static const char *const pieces[] = {
+        "word",         " ",   "\n", "\r\n", "'", "\"", "\\",   "%s",   ";", "--", "\xc3\xa4",
+        "\xe2\x82\xac", "<b>", "\t", "0",    ",", "@",  "\x01", "NULL", "{", "}"};
     std::string result;
 
     for (int i = upto(most); i > 0; i--)
@@ -82,16 +84,18 @@ std::string RandomPanel::reply(int mailbox, const std::string &name)
 {
     static const char *const wheres[] = {"'no'", "'subj'", "'body'"};
     const std::string id = std::to_string(++replies_);
-    std::string rows = "INSERT INTO mail_resp VALUES (" + id + ", " + std::to_string(mailbox) + ", '" + name + "', " +
-                       name_or_null(5) + ", " + wheres[upto(2)] + ", " + name_or_null(8) + ", " + name_or_null(4) +
-                       ", " + name_or_null(3) + ", " + name_or_null(3) + ", " + name_or_null(one_in(10) ? 3000 : 30) +
-                       ", 'true', " + std::to_string(upto(2) == 0 ? -upto(5) : upto(1 << 30)) + ", " +
+    std::string rows = "INSERT INTO mail_resp VALUES (" + id + ", " + std::to_string(mailbox) + ", '" + name +
+                       "', " + name_or_null(5) + ", " + wheres[upto(2)] + ", " + name_or_null(8) + ", " +
+                       name_or_null(4) + ", " + name_or_null(3) + ", " + name_or_null(3) + ", " +
+                       name_or_null(one_in(10) ? 3000 : 30) + ", 'true', " +
+                       std::to_string(upto(2) == 0 ? -upto(5) : upto(1 << 30)) + ", " +
                        std::to_string(upto(1000)) + ");";
 
     if (one_in(3))
         rows += "INSERT INTO resp_forward VALUES (" + id + ", " + sql_literal(text(4)) + ");";
     for (int i = one_in(3) ? upto(3) : 0; i > 0; i--)
-        rows += "INSERT IGNORE INTO resp_attach VALUES (" + id + ", " + sql_literal(std::to_string(i) + text(3)) + ");";
+        rows += "INSERT IGNORE INTO resp_attach VALUES (" + id + ", " +
+                sql_literal(std::to_string(i) + text(3)) + ");";
     return rows;
 }
 
@@ -99,8 +103,8 @@ std::string RandomPanel::mailbox(int domain)
 {
     const int id = ++mailboxes_;
     const bool answers = !one_in(4);
-    std::string rows = "INSERT INTO mail VALUES (" + std::to_string(id) + ", " + std::to_string(domain) + ", " +
-                       sql_literal(local()) + ", '" + (answers ? "true" : "false") + "');";
+    std::string rows = "INSERT INTO mail VALUES (" + std::to_string(id) + ", " + std::to_string(domain) +
+                       ", " + sql_literal(local()) + ", '" + (answers ? "true" : "false") + "');";
 
     if (answers || one_in(2))
         rows += reply(id, "default");
@@ -112,7 +116,8 @@ std::string RandomPanel::mailbox(int domain)
 std::string RandomPanel::domain(int id)
 {
     const bool is_idn = one_in(4);
-    std::string rows = is_idn ? sql_domain(id, "b\xc3\xbc" + letters(5) + ".test") : sql_domain(id, letters(6) + ".test");
+    std::string rows =
+        is_idn ? sql_domain(id, "b\xc3\xbc" + letters(5) + ".test") : sql_domain(id, letters(6) + ".test");
 
     if (one_in(6))
         rows += "DELETE FROM DomainServices WHERE dom_id = " + std::to_string(id) + ";";
@@ -127,7 +132,8 @@ std::string RandomPanel::domain(int id)
 
 std::string RandomPanel::headers()
 {
-    static const char *const settings[] = {"", "{}", R"({"X-A": "1"})", R"({"X-A": 1.50, "X-B": true, "X-A": "\u00fc'"})",
+    static const char *const settings[] = {"", "{}", R"({"X-A": "1"})",
+                                           R"({"X-A": 1.50, "X-B": true, "X-A": "\u00fc'"})",
                                            R"({"X-A": {"deep": 1}, "X-B": null, "": "no name"})"};
 
     return sql_headers(settings[upto(static_cast<int>(std::size(settings)) - 1)]);

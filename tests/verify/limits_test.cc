@@ -23,13 +23,15 @@ struct LimitRow {
 
 std::string numbered_mailboxes(int count)
 {
-    return "INSERT INTO mail SELECT 1000000 + seq, 1, CONCAT('m', seq), 'true' FROM seq_1_to_" + std::to_string(count) +
+    return "INSERT INTO mail SELECT 1000000 + seq, 1, CONCAT('m', seq), 'true' FROM seq_1_to_" +
+           std::to_string(count) +
            "; INSERT INTO mail_resp (mn_id, resp_name, subject) SELECT id, 'default', mail_name FROM mail;";
 }
 
 std::string renamed(int mailbox, const std::string &name)
 {
-    return "UPDATE mail SET mail_name = " + sql_literal(name) + " WHERE id = " + std::to_string(mailbox) + ';';
+    return "UPDATE mail SET mail_name = " + sql_literal(name) + " WHERE id = " + std::to_string(mailbox) +
+           ';';
 }
 
 const std::string info = sql_domain(1, "a.test") + sql_answering(1, 1, "info");
@@ -49,27 +51,35 @@ const LimitRow limit_rows[] = {
     {"BlankInName", info_with_alias + sql_answering(2, 1, "b c"), "blank-in-name", "panel", renamed(2, "bc")},
     {"AtInName", info_with_alias + sql_answering(2, 1, "b@c"), "at-in-name", "panel", renamed(2, "bc")},
     {"EmptyName", info_with_alias + sql_answering(2, 1, ""), "empty-name", "panel", renamed(2, "bc")},
-    {"TextBeyondUtf8mb3", sql_domain(1, "a.test") + sql_mailbox(1, 1, "info") + sql_reply(1, "Away \xf0\x9f\x8f\x96"),
+    {"TextBeyondUtf8mb3",
+     sql_domain(1, "a.test") + sql_mailbox(1, 1, "info") + sql_reply(1, "Away \xf0\x9f\x8f\x96"),
      "text-beyond-utf8mb3", "panel", "UPDATE mail_resp SET subject = 'Away';"},
-    {"FileNameBeyondUtf8mb3", info_with_alias + "INSERT INTO resp_attach VALUES (1001, '\xf0\x9f\x8f\x96.pdf');",
+    {"FileNameBeyondUtf8mb3",
+     info_with_alias + "INSERT INTO resp_attach VALUES (1001, '\xf0\x9f\x8f\x96.pdf');",
      "text-beyond-utf8mb3", "panel", "UPDATE resp_attach SET filename = 'beach.pdf';"},
-    {"HeaderBeyondUtf8mb3", info + sql_headers("{\"X-A\": \"\xf0\x9f\x8f\x96\"}"), "text-beyond-utf8mb3", "panel",
-     sql_headers("{\"X-A\": \"beach\"}")},
-    {"MailboxNameBeyondUtf8mb3", info_with_alias + sql_answering(2, 1, "\xf0\x9f\x8f\x96"), "text-beyond-utf8mb3",
-     "panel", renamed(2, "beach")},
-    {"AliasOfIdnDomain", sql_domain(1, "b\xc3\xbc" "cher.test") + sql_answering(1, 1, "info") + sql_alias(1, "b.test"),
+    {"HeaderBeyondUtf8mb3", info + sql_headers("{\"X-A\": \"\xf0\x9f\x8f\x96\"}"), "text-beyond-utf8mb3",
+     "panel", sql_headers("{\"X-A\": \"beach\"}")},
+    {"MailboxNameBeyondUtf8mb3", info_with_alias + sql_answering(2, 1, "\xf0\x9f\x8f\x96"),
+     "text-beyond-utf8mb3", "panel", renamed(2, "beach")},
+    {"AliasOfIdnDomain",
+     sql_domain(1, "b\xc3\xbc"
+                   "cher.test") +
+         sql_answering(1, 1, "info") + sql_alias(1, "b.test"),
      "alias-of-idn-domain", "panel", "UPDATE domains SET name = 'xn--bcher-kva.test';"},
-    {"AliasNotAscii", info + sql_alias(1, "b\xc3\xbc" "cher.test"), "alias-not-ascii", "panel",
-     "UPDATE domain_aliases SET name = 'xn--bcher-kva.test';"},
+    {"AliasNotAscii",
+     info + sql_alias(1, "b\xc3\xbc"
+                         "cher.test"),
+     "alias-not-ascii", "panel", "UPDATE domain_aliases SET name = 'xn--bcher-kva.test';"},
     {"AliasWithCapitals", info + sql_alias(1, "B.test"), "alias-with-capitals", "panel",
      "UPDATE domain_aliases SET name = 'b.test';"},
     {"AliasOverlapsSubdomain", info_with_alias + sql_domain(2, "sub.a.test") + sql_answering(2, 2, "other"),
      "alias-overlaps-domain", "panel", without_alias},
-    {"AliasOverlapsLongerDomain", info_with_alias + sql_domain(2, "A.test.example") + sql_answering(2, 2, "other"),
+    {"AliasOverlapsLongerDomain",
+     info_with_alias + sql_domain(2, "A.test.example") + sql_answering(2, 2, "other"),
      "alias-overlaps-domain", "panel", without_alias},
     {"AliasOverlapsByWildcard",
-     sql_domain(1, "a_b.test") + sql_answering(1, 1, "info") + sql_alias(1, "b.test") + sql_domain(2, "axb.test") +
-         sql_answering(2, 2, "other"),
+     sql_domain(1, "a_b.test") + sql_answering(1, 1, "info") + sql_alias(1, "b.test") +
+         sql_domain(2, "axb.test") + sql_answering(2, 2, "other"),
      "alias-overlaps-domain", "panel", without_alias},
     {"AliasOverlapsAliasOfAnotherDomain",
      info_with_alias + sql_domain(2, "c.test") + sql_answering(2, 2, "other") + sql_alias(2, "sub.a.test"),
@@ -78,12 +88,13 @@ const LimitRow limit_rows[] = {
      "alias-overlaps-domain", "panel", without_alias},
     {"AliasOverlapsMailboxName", info_with_alias + sql_domain(2, "c.test") + sql_answering(2, 2, "x.a.test"),
      "alias-overlaps-domain", "panel", without_alias},
-    {"AddressTooLong", sql_domain(1, "a.test") + sql_answering(1, 1, std::string(245, 'x')) +
-                           "UPDATE domains SET name = 'abc.test0';",
+    {"AddressTooLong",
+     sql_domain(1, "a.test") + sql_answering(1, 1, std::string(245, 'x')) +
+         "UPDATE domains SET name = 'abc.test0';",
      "address-too-long", "panel", "UPDATE domains SET name = 'ab.test0';"},
     {"AliasIsAnotherDomain",
-     info + sql_alias(1, "c.test") + sql_domain(2, "c.test") + sql_answering(2, 2, "info"), "address-twice", "panel",
-     "DELETE FROM domain_aliases;"},
+     info + sql_alias(1, "c.test") + sql_domain(2, "c.test") + sql_answering(2, 2, "info"), "address-twice",
+     "panel", "DELETE FROM domain_aliases;"},
     {"AliasOfTwoDomains",
      "ALTER TABLE domain_aliases DROP PRIMARY KEY;" + info_with_alias + sql_domain(2, "c.test") +
          sql_answering(2, 2, "info") + sql_alias(2, "b.test"),
@@ -92,23 +103,25 @@ const LimitRow limit_rows[] = {
      "ALTER TABLE mail MODIFY mail_name VARCHAR(245) COLLATE utf8mb4_bin;" + info_with_alias +
          sql_answering(2, 1, "Info"),
      "address-twice", "panel", renamed(2, "other")},
-    {"NameNotConvertible", sql_domain(1, long_label + ".test") + sql_answering(1, 1, "info"), "name-not-convertible",
-     "panel", "UPDATE domains SET name = 'a.test';"},
+    {"NameNotConvertible", sql_domain(1, long_label + ".test") + sql_answering(1, 1, "info"),
+     "name-not-convertible", "panel", "UPDATE domains SET name = 'a.test';"},
     {"DomainNameWithCapitals", sql_domain(1, "A.test") + sql_answering(1, 1, "info") + sql_alias(1, "b.test"),
      "domain-name-with-capitals", "panel", "UPDATE domains SET name = 'a.test';"},
-    {"HeadersTooLong", info + sql_headers("{\"X-A\": \"" + std::string(4100, 'x') + "\"}"), "headers-too-long", "panel",
-     sql_headers("{}")},
+    {"HeadersTooLong", info + sql_headers("{\"X-A\": \"" + std::string(4100, 'x') + "\"}"),
+     "headers-too-long", "panel", sql_headers("{}")},
     {"HeadersNotJson", info + sql_headers("{"), "headers-not-json", "panel", sql_headers("{\"X-A\": 1}")},
-    {"HeadersNotAnObject", info + sql_headers("[\"a\", \"b\"]"), "headers-not-an-object", "panel", sql_headers("{}")},
-    {"NoDefaultReply", info_with_alias + sql_mailbox(2, 1, "none") + sql_domain(2, "later.test") + sql_answering(3, 2, "x"),
+    {"HeadersNotAnObject", info + sql_headers("[\"a\", \"b\"]"), "headers-not-an-object", "panel",
+     sql_headers("{}")},
+    {"NoDefaultReply",
+     info_with_alias + sql_mailbox(2, 1, "none") + sql_domain(2, "later.test") + sql_answering(3, 2, "x"),
      "no-default-reply", "panel", sql_reply(2)},
     {"SeveralDefaultReplies",
      "ALTER TABLE mail_resp DROP KEY mn_id;" + info_with_alias +
          "INSERT INTO mail_resp (id, mn_id, resp_name, subject) VALUES (2001, 1, 'default', 'x');",
      "several-default-replies", "panel", "DELETE FROM mail_resp WHERE id = 2001;"},
     {"SeveralForwards",
-     info_with_alias + "INSERT INTO resp_forward VALUES (1001, 'a@x.test'), (1001, 'b@x.test');", "several-forwards",
-     "panel", "DELETE FROM resp_forward WHERE address = 'a@x.test';"},
+     info_with_alias + "INSERT INTO resp_forward VALUES (1001, 'a@x.test'), (1001, 'b@x.test');",
+     "several-forwards", "panel", "DELETE FROM resp_forward WHERE address = 'a@x.test';"},
 };
 
 class LimitTest : public VerifyTest, public ::testing::WithParamInterface<LimitRow>
@@ -146,7 +159,8 @@ TEST_P(LimitTest, IsFoundBeforeAndAfterARebuildAndIsGoneWhenMended)
         run_shell(command);
 
     const Look last = look();
-    EXPECT_EQ(last.status, 0) << ::testing::PrintToString(last.findings) << ::testing::PrintToString(last.troubles);
+    EXPECT_EQ(last.status, 0) << ::testing::PrintToString(last.findings)
+                              << ::testing::PrintToString(last.troubles);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, LimitTest, ::testing::ValuesIn(limit_rows),

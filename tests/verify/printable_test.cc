@@ -24,8 +24,8 @@ const PrintableRow printable_rows[] = {
     {"\xe2\x80\xae\xe2\x81\xa6", "\\u202e\\u2066"},
     {"\xf3\xa0\x80\x81", "\\u0e0001"},
     {"\xff\xc3", "\\xff\\xc3"},
-    {"\xc0\xaf", "\\xc0\\xaf"},             /* overlong */
-    {"\xed\xa0\x80", "\\xed\\xa0\\x80"},    /* a surrogate */
+    {"\xc0\xaf", "\\xc0\\xaf"},                   /* overlong */
+    {"\xed\xa0\x80", "\\xed\\xa0\\x80"},          /* a surrogate */
     {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, /* beyond Unicode */
     {"\xe2\x82", "\\xe2\\x82"},
     {std::string_view("\0", 1), "\\x00"},

@@ -82,9 +82,13 @@ TEST_F(ProgramTest, StatusSaysWhetherAllIsAsThePanelSays)
 
 TEST_F(ProgramTest, WhatItDoesNotUnderstandIsUsageOnStandardError)
 {
-    for (const std::vector<std::string> &arguments :
-         {std::vector<std::string>{"--nonsense"}, {"a.test"}, {"--domain"}, {"--wait", "soon"}, {"--wait", "-1"},
-          {"--color", "red"}, {"--domain", "a.test", "b.test"}}) {
+    for (const std::vector<std::string> &arguments : {std::vector<std::string>{"--nonsense"},
+                                                      {"a.test"},
+                                                      {"--domain"},
+                                                      {"--wait", "soon"},
+                                                      {"--wait", "-1"},
+                                                      {"--color", "red"},
+                                                      {"--domain", "a.test", "b.test"}}) {
         const ProgramResult result = run(arguments);
 
         EXPECT_EQ(result.status, 2) << arguments.front();
@@ -107,9 +111,10 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput)
 
 TEST_F(ProgramTest, FirstIsSaidWhichDatabaseWasAskedAndWhoSaidSo)
 {
-    EXPECT_NE(unwrapped(run().out).find("panel database   qsx on localhost (/var/run/mysqld/mysqld.sock), as admin host "
-                                        "by default, user by default, database by default, password from "
-                                        "/etc/qsx/.qsx.shadow, socket by default\n"),
+    EXPECT_NE(unwrapped(run().out).find(
+                  "panel database   qsx on localhost (/var/run/mysqld/mysqld.sock), as admin host "
+                  "by default, user by default, database by default, password from "
+                  "/etc/qsx/.qsx.shadow, socket by default\n"),
               std::string::npos);
     write_file(dsn_path, "[kolmo]\nhost = localhost\nusername = admin\ndbname = qsx\npassword = " +
                              sandbox_variable("KOLMO_SANDBOX_PASSWORD") + "\n");
@@ -118,8 +123,9 @@ TEST_F(ProgramTest, FirstIsSaidWhichDatabaseWasAskedAndWhoSaidSo)
     const ProgramResult result = run();
 
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(unwrapped(result.out).find("host from /etc/qsx/private/dsn.ini, user from /etc/qsx/private/dsn.ini"),
-              std::string::npos);
+    EXPECT_NE(
+        unwrapped(result.out).find("host from /etc/qsx/private/dsn.ini, user from /etc/qsx/private/dsn.ini"),
+        std::string::npos);
     EXPECT_NE(unwrapped(result.out).find("socket from /etc/qsx/qsx.conf"), std::string::npos);
     EXPECT_EQ(result.out.find(sandbox_variable("KOLMO_SANDBOX_PASSWORD")), std::string::npos);
 }
@@ -136,7 +142,8 @@ TEST_F(ProgramTest, PanelThatCannotBeAskedIsTrouble)
         {[] { std::filesystem::remove(shadow_path); }, "Unable to open admin password file"},
         {[] { std::filesystem::create_directory(dsn_path); }, "dsn.ini is there, but is no file"},
         {[] { std::filesystem::create_directory(conf_path); }, "qsx.conf is there, but is no file"},
-        {[] { std::filesystem::create_symlink("/nowhere", dsn_path); }, "dsn.ini is there, but cannot be read"},
+        {[] { std::filesystem::create_symlink("/nowhere", dsn_path); },
+         "dsn.ini is there, but cannot be read"},
     };
 
     for (const Row &row : rows) {
@@ -148,8 +155,8 @@ TEST_F(ProgramTest, PanelThatCannotBeAskedIsTrouble)
 
 TEST_F(ProgramTest, EachMissingTableOfThePanelIsTrouble)
 {
-    for (const std::string table : {"domains", "DomainServices", "mail", "mail_resp", "resp_forward", "resp_attach",
-                                    "domain_aliases", "ServiceNodeConfiguration"}) {
+    for (const std::string table : {"domains", "DomainServices", "mail", "mail_resp", "resp_forward",
+                                    "resp_attach", "domain_aliases", "ServiceNodeConfiguration"}) {
         panel->execute("RENAME TABLE " + table + " TO hidden");
         expect_trouble("Table 'qsx." + table + "' doesn't exist");
         panel->execute("RENAME TABLE hidden TO " + table);
@@ -163,7 +170,8 @@ TEST_F(ProgramTest, TableWithoutSnapshotsIsSaid)
     const ProgramResult result = run();
 
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(unwrapped(result.err).find("note: table mail of the panel has no snapshots (Aria)"), std::string::npos);
+    EXPECT_NE(unwrapped(result.err).find("note: table mail of the panel has no snapshots (Aria)"),
+              std::string::npos);
 }
 
 void write_over(const std::string &path, std::streamoff offset, const std::string &bytes)
@@ -182,7 +190,8 @@ TEST_F(ProgramTest, StoreThatCannotBeTrustedIsTroubleAndIsNotJudged)
     };
     const Row rows[] = {
         {[](const std::string &path) { std::filesystem::remove(path); }, "cannot be read: No such file"},
-        {[](const std::string &path) { std::filesystem::resize_file(path, 0); }, "is empty: it has no tables"},
+        {[](const std::string &path) { std::filesystem::resize_file(path, 0); },
+         "is empty: it has no tables"},
         {[](const std::string &path) { write_file(path, "garbage", 0644); }, "is no database"},
         {[](const std::string &path) { write_over(path, 100, std::string(3900, 'x')); }, "is damaged"},
         {[](const std::string &path) { change_store(path, "PRAGMA journal_mode = WAL"); }, "is in WAL mode"},
@@ -196,9 +205,11 @@ TEST_F(ProgramTest, StoreThatCannotBeTrustedIsTroubleAndIsNotJudged)
              change_store(path, "CREATE TABLE other (x)");
          },
          "store: no such table"},
-        {[](const std::string &path) { kill_writer(path, "UPDATE " + std::string(path == handlers_store
-                                                                                ? "handlers SET context = 'x'"
-                                                                                : "autoresponder SET body = 'x'")); },
+        {[](const std::string &path) {
+             kill_writer(path,
+                         "UPDATE " + std::string(path == handlers_store ? "handlers SET context = 'x'"
+                                                                        : "autoresponder SET body = 'x'"));
+         },
          "has a hot journal"},
     };
 
@@ -227,6 +238,50 @@ TEST_F(ProgramTest, LockThatIsLetGoIsWaitedFor)
     EXPECT_EQ(run().status, 0);
 }
 
+/* Commits pairs of headers that are alike, as fast as it can, until it is killed. */
+pid_t start_writer()
+{
+    const pid_t writer = ::fork();
+
+    if (writer != 0)
+        return writer;
+
+    sqlite3 *db = nullptr;
+
+    (void)sqlite3_open(responder_store.c_str(), &db);
+    (void)sqlite3_busy_timeout(db, 10000);
+    while (true)
+        (void)sqlite3_exec(
+            db,
+            "BEGIN; UPDATE extra_headers SET value = value + 1 WHERE name = 'X-A'; UPDATE extra_headers "
+            "SET value = value + 1 WHERE name = 'X-B'; COMMIT",
+            nullptr, nullptr, nullptr);
+}
+
+TEST_F(ProgramTest, StoreThatIsWrittenMeanwhileIsSeenAtOneMoment)
+{
+    panel->execute(sql_headers(R"({"X-A": "0", "X-B": "0"})"));
+    ASSERT_EQ(rebuild().status, 0);
+
+    const pid_t writer = start_writer();
+
+    for (int i = 0; i < 20; i++) {
+        const Look seen = look();
+        Lines values;
+
+        EXPECT_EQ(seen.troubles, Lines{});
+        for (const std::string &line : seen.findings)
+            values.push_back(line.substr(line.rfind(' ')));
+        if (values.size() == 2) {
+            EXPECT_EQ(values[0], values[1]);
+        } else {
+            EXPECT_EQ(values, Lines{}); /* before the writer's first commit */
+        }
+    }
+    EXPECT_EQ(::kill(writer, SIGKILL), 0);
+    EXPECT_EQ(::waitpid(writer, nullptr, 0), writer);
+}
+
 TEST_F(ProgramTest, NamesCannotSteerATerminal)
 {
     panel->execute(sql_mailbox(2, 1, "x\x1b[2J\x7f\xc2\x9b\xe2\x80\xae\\'\"") + sql_reply(2));
@@ -234,19 +289,23 @@ TEST_F(ProgramTest, NamesCannotSteerATerminal)
     const ProgramResult text = run();
 
     EXPECT_EQ(text.status, 1);
-    EXPECT_NE(text.out.find("reply-missing             x\\x1b[2j\\x7f\\x9b\\u202e\\\\'\"@a.test"), std::string::npos)
+    EXPECT_NE(text.out.find("reply-missing             x\\x1b[2j\\x7f\\x9b\\u202e\\\\'\"@a.test"),
+              std::string::npos)
         << text.out;
 
     const ProgramResult json = run({"--json"});
 
-    EXPECT_NE(json.out.find("\"address\":\"x\\u001b[2j\\u007f\\u009b\xe2\x80\xae\\\\'\\\"@a.test\""), std::string::npos)
+    EXPECT_NE(json.out.find("\"address\":\"x\\u001b[2j\\u007f\\u009b\xe2\x80\xae\\\\'\\\"@a.test\""),
+              std::string::npos)
         << json.out;
 }
 
 TEST_F(ProgramTest, NullsOfThePanelAreEmptyTexts)
 {
-    panel->execute("ALTER TABLE mail_resp MODIFY key_where VARCHAR(9) NULL; UPDATE mail_resp SET keystr = NULL, "
-                   "key_where = NULL, subject = NULL, reply_to = NULL, content_type = NULL, charset = NULL, text = NULL");
+    panel->execute(
+        "ALTER TABLE mail_resp MODIFY key_where VARCHAR(9) NULL; UPDATE mail_resp SET keystr = NULL, "
+        "key_where = NULL, subject = NULL, reply_to = NULL, content_type = NULL, charset = NULL, text = "
+        "NULL");
     ASSERT_EQ(rebuild().status, 0);
     EXPECT_EQ(run().status, 0);
 }
@@ -262,9 +321,10 @@ TEST_F(ProgramTest, NothingIsWritten)
     std::vector<Before> files;
     const char *const folder = "/var/lib/kolmo";
 
-    panel->execute("CREATE USER IF NOT EXISTS 'reader'@'localhost' IDENTIFIED BY 'read'; GRANT SELECT ON qsx.* TO "
-                   "'reader'@'localhost'; SET GLOBAL log_output = 'TABLE'; TRUNCATE mysql.general_log; "
-                   "SET GLOBAL general_log = 1");
+    panel->execute(
+        "CREATE USER IF NOT EXISTS 'reader'@'localhost' IDENTIFIED BY 'read'; GRANT SELECT ON qsx.* TO "
+        "'reader'@'localhost'; SET GLOBAL log_output = 'TABLE'; TRUNCATE mysql.general_log; "
+        "SET GLOBAL general_log = 1");
     write_file(dsn_path, "[kolmo]\nusername = reader\npassword = read\n");
     for (const std::string &path : {responder_store, handlers_store}) {
         files.push_back({path, read_file(path), {}});
@@ -360,14 +420,15 @@ protected:
         panel->execute(read_file(KOLMO_SOURCE_DIR "/demo/panel-data.sql"));
         ASSERT_EQ(rebuild().status, 0);
         panel->execute(sql_domain(9, "sub.harbour-books.example") + sql_answering(91, 9, "x y"));
-        change_store(responder_store,
-                     "UPDATE autoresponder SET subject = 'x', body = replace(body, 'tide', 'weather') WHERE mn LIKE "
-                     "'info@harb%'; DELETE FROM attachments WHERE mn = 'info@books.example.com'; DELETE FROM "
-                     "extra_headers WHERE name = 'X-Priority'; INSERT INTO autoresponder (mn) VALUES "
-                     "('old@clinic.example.com')");
-        change_store(handlers_store,
-                     "UPDATE handlers SET enabled = 0 WHERE address LIKE 'lektorat@%'; INSERT INTO handlers VALUES (2, "
-                     "1, 1, 90, 'autoresponder', 'old@clinic.example.com', '/x', 'c', 0)");
+        change_store(
+            responder_store,
+            "UPDATE autoresponder SET subject = 'x', body = replace(body, 'tide', 'weather') WHERE mn LIKE "
+            "'info@harb%'; DELETE FROM attachments WHERE mn = 'info@books.example.com'; DELETE FROM "
+            "extra_headers WHERE name = 'X-Priority'; INSERT INTO autoresponder (mn) VALUES "
+            "('old@clinic.example.com')");
+        change_store(handlers_store, "UPDATE handlers SET enabled = 0 WHERE address LIKE 'lektorat@%'; "
+                                     "INSERT INTO handlers VALUES (2, "
+                                     "1, 1, 90, 'autoresponder', 'old@clinic.example.com', '/x', 'c', 0)");
     }
 
     static void expect_golden(const std::string &name, const std::string &output)

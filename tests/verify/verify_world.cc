@@ -97,9 +97,9 @@ std::string sql_mailbox(int id, int domain, const std::string &name)
 
 std::string sql_reply(int mailbox, const std::string &subject)
 {
-    return "INSERT INTO mail_resp (id, mn_id, resp_name, subject, text) VALUES (" + std::to_string(mailbox + 1000) +
-           ", " + std::to_string(mailbox) + ", 'default', " + sql_literal(subject) + ", 'Reply of " +
-           std::to_string(mailbox) + "');";
+    return "INSERT INTO mail_resp (id, mn_id, resp_name, subject, text) VALUES (" +
+           std::to_string(mailbox + 1000) + ", " + std::to_string(mailbox) + ", 'default', " +
+           sql_literal(subject) + ", 'Reply of " + std::to_string(mailbox) + "');";
 }
 
 std::string sql_answering(int id, int domain, const std::string &name)
@@ -123,9 +123,10 @@ void VerifyTest::SetUp()
 
 void VerifyTest::clear_panel()
 {
-    panel->execute("DELETE FROM domains; DELETE FROM DomainServices; DELETE FROM mail; DELETE FROM mail_resp; "
-                   "DELETE FROM resp_forward; DELETE FROM resp_attach; DELETE FROM domain_aliases; "
-                   "DELETE FROM ServiceNodeConfiguration; DELETE FROM misc");
+    panel->execute(
+        "DELETE FROM domains; DELETE FROM DomainServices; DELETE FROM mail; DELETE FROM mail_resp; "
+        "DELETE FROM resp_forward; DELETE FROM resp_attach; DELETE FROM domain_aliases; "
+        "DELETE FROM ServiceNodeConfiguration; DELETE FROM misc");
 }
 
 } // namespace kolmo::testing

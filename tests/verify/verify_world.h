@@ -54,8 +54,9 @@ void run_shell(const std::string &command);
 std::string sql_domain(int id, const std::string &name);
 std::string sql_alias(int domain, const std::string &name);
 std::string sql_mailbox(int id, int domain, const std::string &name); /* that answers */
-std::string sql_reply(int mailbox, const std::string &subject = "Away"); /* its id is the mailbox's plus 1000 */
-std::string sql_answering(int id, int domain, const std::string &name);  /* both */
+std::string sql_reply(int mailbox,
+                      const std::string &subject = "Away"); /* its id is the mailbox's plus 1000 */
+std::string sql_answering(int id, int domain, const std::string &name); /* both */
 std::string sql_headers(const std::string &json);
 
 class VerifyTest : public ::testing::Test
