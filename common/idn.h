@@ -8,8 +8,7 @@
  * process with status 1, and so does "%s(%s) failed: %s" (function, argument, reason) in the _safe functions,
  * which never return null.
  */
-#ifndef KOLMO_COMMON_IDN_H
-#define KOLMO_COMMON_IDN_H
+#pragma once
 
 namespace kolmo
 {
@@ -59,5 +58,3 @@ extern int idn_last_error;
 [[nodiscard]] const char *idn_strerror(int code);
 
 } // namespace kolmo
-
-#endif

@@ -6,8 +6,7 @@
  * stands, in a value too.  White space around lines, keys and values does not count; case does.  Entries
  * before the first section belong to none and are never found.
  */
-#ifndef KOLMO_COMMON_INI_FILE_H
-#define KOLMO_COMMON_INI_FILE_H
+#pragma once
 
 #include <cstddef>
 
@@ -38,5 +37,3 @@ namespace kolmo
 std::size_t trim_ini_line(char *line);
 
 } // namespace kolmo
-
-#endif

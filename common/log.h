@@ -8,8 +8,7 @@
  * The state is process-wide and unguarded, and all of these libraries log: one thread at a time may be in any
  * of them.  Nothing here preserves errno.
  */
-#ifndef KOLMO_COMMON_LOG_H
-#define KOLMO_COMMON_LOG_H
+#pragma once
 
 #include <cstdarg>
 
@@ -78,5 +77,3 @@ void log_set_level(int level);
 [[nodiscard]] unsigned int log_get_options();
 
 } // namespace kolmo
-
-#endif

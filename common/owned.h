@@ -5,8 +5,7 @@
  * happens on the way out of failures, too, whose errno is still to be reported.  What leaves a function for
  * its caller leaves with release() in the return statement; that line is the transfer.
  */
-#ifndef KOLMO_COMMON_OWNED_H
-#define KOLMO_COMMON_OWNED_H
+#pragma once
 
 #include <cerrno>
 #include <cstdio>
@@ -25,7 +24,6 @@ class KeepErrno
 public:
     KeepErrno() noexcept = default;
     KeepErrno(const KeepErrno &) = delete;
-    KeepErrno &operator=(const KeepErrno &) = delete;
     ~KeepErrno() { errno = kept_; }
 
     [[nodiscard]] int get() const noexcept { return kept_; }
@@ -64,8 +62,7 @@ class OwnedList
 {
 public:
     OwnedList() noexcept { (void)Init(&list_); }
-    OwnedList(const OwnedList &) = delete;
-    OwnedList &operator=(const OwnedList &) = delete;
+    OwnedList(OwnedList &&) = delete;
     ~OwnedList() { Free(&list_); }
 
     [[nodiscard]] List *get() noexcept { return &list_; }
@@ -86,29 +83,22 @@ public:
         reset(other.release());
         return *this;
     }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
     ~Fd() { reset(); }
 
     [[nodiscard]] int get() const noexcept { return fd_; }
     [[nodiscard]] bool is_open() const noexcept { return fd_ >= 0; }
     [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
-    void reset(int fd = -1) noexcept;
+    void reset(int fd = -1) noexcept
+    {
+        const KeepErrno errno_kept;
+
+        if (fd_ >= 0)
+            (void)::close(fd_);
+        fd_ = fd;
+    }
 
 private:
     int fd_ = -1;
 };
 
-inline void Fd::reset(int fd) noexcept
-{
-    const int closing = std::exchange(fd_, fd);
-
-    if (closing >= 0) {
-        const KeepErrno errno_kept;
-        (void)::close(closing);
-    }
-}
-
 } // namespace kolmo
-
-#endif

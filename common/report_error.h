@@ -4,8 +4,7 @@
  * A report goes to standard error and then to standard output, so a terminal shows it twice.  It is
  * independent of log_message: nothing here reaches syslog.
  */
-#ifndef KOLMO_COMMON_REPORT_ERROR_H
-#define KOLMO_COMMON_REPORT_ERROR_H
+#pragma once
 
 #include <cstdarg>
 
@@ -47,5 +46,3 @@ extern const char *error_program_path;
 int print_error_message(const char *text, int exit_code, int flag);
 
 } // namespace kolmo
-
-#endif

@@ -3,8 +3,7 @@
  *
  * The array owns its texts.  It is never empty: null stands for nothing.
  */
-#ifndef KOLMO_COMMON_STRING_ARRAY_H
-#define KOLMO_COMMON_STRING_ARRAY_H
+#pragma once
 
 #include <memory>
 
@@ -46,5 +45,3 @@ struct FreeStringArray {
 using OwnedStringArray = std::unique_ptr<char *[], FreeStringArray>;
 
 } // namespace kolmo
-
-#endif

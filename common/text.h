@@ -1,8 +1,7 @@
 /*
  * text: formatting into new memory, lower-casing, reading lines.
  */
-#ifndef KOLMO_COMMON_TEXT_H
-#define KOLMO_COMMON_TEXT_H
+#pragma once
 
 #include <cctype>
 #include <cstddef>
@@ -44,5 +43,3 @@ void str_tolower(char *text);
 [[nodiscard]] bool read_line(std::FILE *file, OwnedText &buffer, std::size_t &size);
 
 } // namespace kolmo
-
-#endif

@@ -5,8 +5,7 @@
  * gives -1.  The capturing runners ask for output with a time-out of a second: of a program that is gone
  * while something it started holds its output open, what has not been read by then is lost.
  */
-#ifndef KOLMO_EXEC_CHILD_OUTPUT_H
-#define KOLMO_EXEC_CHILD_OUTPUT_H
+#pragma once
 
 namespace kolmo
 {
@@ -54,5 +53,3 @@ namespace kolmo
 [[nodiscard]] int fork_exec_fd(int fd_in, int fd_out, const char *path, const char *const argv[]);
 
 } // namespace kolmo
-
-#endif

@@ -4,8 +4,7 @@
  * A result is the exit code, 0 to 255, or -1 for everything that is not a normal end.  255 is also this
  * family's own word for a program that could not be executed.
  */
-#ifndef KOLMO_EXEC_CHILD_PROCESS_H
-#define KOLMO_EXEC_CHILD_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -58,5 +57,3 @@ namespace kolmo
 [[nodiscard]] int exec_with_input(const char *command, const char *input);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * closefrom: what a child process must not inherit.
  */
-#ifndef KOLMO_EXEC_CLOSEFROM_H
-#define KOLMO_EXEC_CLOSEFROM_H
+#pragma once
 
 namespace kolmo
 {
@@ -20,5 +19,3 @@ namespace kolmo
 void closefrom(int lowest);
 
 } // namespace kolmo
-
-#endif

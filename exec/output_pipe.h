@@ -1,8 +1,7 @@
 /*
  * output_pipe: the pipe that a child writes to, and the text that is collected from it.
  */
-#ifndef KOLMO_EXEC_OUTPUT_PIPE_H
-#define KOLMO_EXEC_OUTPUT_PIPE_H
+#pragma once
 
 #include <cstddef>
 
@@ -58,5 +57,3 @@ void read_chunk(CaptureBuffer *buffer);
 [[nodiscard]] char *release_text(CaptureBuffer *buffer);
 
 } // namespace kolmo
-
-#endif

@@ -12,8 +12,7 @@
  * word.  A path that exceeds the kernel's 4096 bytes is not cut to another one but fails like a utility that
  * cannot be executed, with ENAMETOOLONG (execve(2)).
  */
-#ifndef KOLMO_EXEC_PANEL_UTILITY_H
-#define KOLMO_EXEC_PANEL_UTILITY_H
+#pragma once
 
 #include <cstdarg>
 
@@ -43,5 +42,3 @@ namespace kolmo
 [[nodiscard]] int exec_utility(const char *path, const char *const argv[], bool quiet);
 
 } // namespace kolmo
-
-#endif

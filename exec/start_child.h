@@ -1,8 +1,7 @@
 /*
  * start_child: the one place where this program forks, and the child's side of it.
  */
-#ifndef KOLMO_EXEC_START_CHILD_H
-#define KOLMO_EXEC_START_CHILD_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -20,5 +19,3 @@ using ExecvComplaint = void (*)(const char *path, int error);
                                 ExecvComplaint complain);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * global_address: the words that stand for the address of a handler for no single recipient.
  */
-#ifndef KOLMO_HANDLERS_STORE_GLOBAL_ADDRESS_H
-#define KOLMO_HANDLERS_STORE_GLOBAL_ADDRESS_H
+#pragma once
 
 #include <cstring>
 
@@ -20,5 +19,3 @@ constexpr char address_all_recipients[] = "all-recipients";
 }
 
 } // namespace kolmo
-
-#endif

@@ -6,8 +6,7 @@
  *
  * Everything here logs, at priority 3, where it says so, and nothing else.
  */
-#ifndef KOLMO_HANDLERS_STORE_HANDLER_RECORD_H
-#define KOLMO_HANDLERS_STORE_HANDLER_RECORD_H
+#pragma once
 
 #include <cstdint>
 
@@ -92,5 +91,3 @@ int handler_list_init(HandlerList *list);
 void handler_list_free(HandlerList *list);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * handler_rows: the rows of a select on the handlers store, as records of a list.
  */
-#ifndef KOLMO_HANDLERS_STORE_HANDLER_ROWS_H
-#define KOLMO_HANDLERS_STORE_HANDLER_ROWS_H
+#pragma once
 
 #include <cstddef>
 
@@ -26,5 +25,3 @@ constexpr std::size_t address_key_size = 502;
 [[nodiscard]] int keep_row(HandlerList *list, const HandlerRecord *record);
 
 } // namespace kolmo
-
-#endif

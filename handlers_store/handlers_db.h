@@ -24,8 +24,7 @@
  * - leave the caller's texts alone, but for handlers_db_delete_action.  Texts may not be null where
  *   nothing else is said.
  */
-#ifndef KOLMO_HANDLERS_STORE_HANDLERS_DB_H
-#define KOLMO_HANDLERS_STORE_HANDLERS_DB_H
+#pragma once
 
 #include "handlers_store/handler_record.h"
 #include "responder_store/kit/store_connection.h"
@@ -200,5 +199,3 @@ using HandlerAction = int (*)(StoreConnection *connection, HandlerRecord *record
 [[nodiscard]] int handlers_db_remove_domain(StoreConnection *connection, const char *domain);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * handlers_store_op: operations on the handlers store, within one that has a connection already.
  */
-#ifndef KOLMO_HANDLERS_STORE_HANDLERS_STORE_OP_H
-#define KOLMO_HANDLERS_STORE_HANDLERS_STORE_OP_H
+#pragma once
 
 #include <utility>
 
@@ -41,5 +40,3 @@ template <std::size_t Parameters>
 [[nodiscard]] Ending select_by_address(StoreOp &op, HandlerList *list, const char *address, bool exact);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * sqlite_file: making an SQLite file from a script, and the folders above it.
  */
-#ifndef KOLMO_HANDLERS_STORE_SQLITE_FILE_H
-#define KOLMO_HANDLERS_STORE_SQLITE_FILE_H
+#pragma once
 
 namespace kolmo
 {
@@ -38,5 +37,3 @@ namespace kolmo
 [[nodiscard]] int make_dirs(const char *directory);
 
 } // namespace kolmo
-
-#endif

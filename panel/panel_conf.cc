@@ -79,11 +79,12 @@ bool has_lower_name(const QsxConfEntry &left, const QsxConfEntry &right)
 /* The variable by linear search, null when the store does not have it. */
 QsxConfEntry *find_unsorted(const QsxConfStore *store, const char *name)
 {
-    for (QsxConfEntry &entry : entries_of(store)) {
-        if (std::strcmp(entry.name, name) == 0)
-            return &entry;
-    }
-    return nullptr;
+    const std::span<QsxConfEntry> entries = entries_of(store);
+    const auto found = std::find_if(entries.begin(), entries.end(), [name](const QsxConfEntry &entry) {
+        return std::strcmp(entry.name, name) == 0;
+    });
+
+    return found != entries.end() ? &*found : nullptr;
 }
 
 QsxConfEntry *find_sorted(const QsxConfStore *store, const char *name)

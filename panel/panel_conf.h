@@ -18,8 +18,7 @@
  *
  * A lookup leaves the errno of a failed loading (ENOENT without a file) behind, even if it has a value.
  */
-#ifndef KOLMO_PANEL_PANEL_CONF_H
-#define KOLMO_PANEL_PANEL_CONF_H
+#pragma once
 
 #include <cstddef>
 #include <cstdio>
@@ -119,5 +118,3 @@ void conf_store_sort(QsxConfStore *store);
 void conf_store_free(QsxConfStore *store);
 
 } // namespace kolmo
-
-#endif

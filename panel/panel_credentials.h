@@ -4,8 +4,7 @@
  * The DSN file may give every value; one that it lacks has a default, but for the password, which is
  * then the first line of the administrator's password file.
  */
-#ifndef KOLMO_PANEL_PANEL_CREDENTIALS_H
-#define KOLMO_PANEL_PANEL_CREDENTIALS_H
+#pragma once
 
 #include <cstddef>
 #include <cstdlib>
@@ -64,5 +63,3 @@ struct PanelCredentials {
                                          std::size_t buffer_size);
 
 } // namespace kolmo
-
-#endif

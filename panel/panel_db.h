@@ -4,8 +4,7 @@
  * The server is found and entered with what the panel keeps on disk: the DSN file, the administrator's
  * password file and the panel configuration's socket.
  */
-#ifndef KOLMO_PANEL_PANEL_DB_H
-#define KOLMO_PANEL_PANEL_DB_H
+#pragma once
 
 #include <cstddef>
 #include <memory>
@@ -81,5 +80,3 @@ using PanelResult = std::unique_ptr<MYSQL_RES, FreePanelResult>;
 }
 
 } // namespace kolmo
-
-#endif

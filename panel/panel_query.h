@@ -17,8 +17,7 @@
  * has one to itself).  Values and the queries that are built here are cut at 4095 bytes.  Texts go into the
  * queries without escaping: pass only names and keys that are safe between single quotes.
  */
-#ifndef KOLMO_PANEL_PANEL_QUERY_H
-#define KOLMO_PANEL_PANEL_QUERY_H
+#pragma once
 
 #include <mysql.h>
 
@@ -42,5 +41,3 @@ namespace kolmo
 [[nodiscard]] const char *panel_mail_server_setting(const char *name, MYSQL *connection);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * reply_headers: the pairs of the panel's "auto_reply_headers" setting.
  */
-#ifndef KOLMO_PANEL_REPLY_HEADERS_H
-#define KOLMO_PANEL_REPLY_HEADERS_H
+#pragma once
 
 #include <cstddef>
 #include <memory>
@@ -32,5 +31,3 @@ struct ReplyHeaders {
                                      std::size_t buffer_size);
 
 } // namespace kolmo
-
-#endif

@@ -27,8 +27,7 @@
  * The mailname, the key of the two tables, is the mailbox, "@" and the domain, lower-cased byte by byte by
  * the C library's tolower.
  */
-#ifndef KOLMO_RESPONDER_STORE_RESPONDER_DB_H
-#define KOLMO_RESPONDER_STORE_RESPONDER_DB_H
+#pragma once
 
 #include "responder_store/kit/store_connection.h"
 #include "responder_store/responder_record.h"
@@ -98,5 +97,3 @@ extern const char *responder_db_path;
 [[nodiscard]] int responder_db_remove_extra_headers(StoreConnection *connection);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * responder_record: one default autoresponder of a mailbox, as the panel database has it.
  */
-#ifndef KOLMO_RESPONDER_STORE_RESPONDER_RECORD_H
-#define KOLMO_RESPONDER_STORE_RESPONDER_RECORD_H
+#pragma once
 
 #include <cstdint>
 
@@ -32,5 +31,3 @@ struct ResponderRecord {
 };
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * responder_store_op: what only the responder store's operations share.
  */
-#ifndef KOLMO_RESPONDER_STORE_RESPONDER_STORE_OP_H
-#define KOLMO_RESPONDER_STORE_RESPONDER_STORE_OP_H
+#pragma once
 
 #include <utility>
 
@@ -31,5 +30,3 @@ template <typename Body>
                                       Sql<1> sql, TextFormat<2> refused);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * alias_propagation: mail for a domain alias is answered like mail for the domain itself.
  */
-#ifndef KOLMO_RESTORE_ALIAS_PROPAGATION_H
-#define KOLMO_RESTORE_ALIAS_PROPAGATION_H
+#pragma once
 
 #include "responder_store/kit/store_connection.h"
 
@@ -34,5 +33,3 @@ namespace kolmo
                                            const char *alias);
 
 } // namespace kolmo
-
-#endif

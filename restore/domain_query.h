@@ -1,8 +1,7 @@
 /*
  * domain_query: the queries that a run asks about one domain.
  */
-#ifndef KOLMO_RESTORE_DOMAIN_QUERY_H
-#define KOLMO_RESTORE_DOMAIN_QUERY_H
+#pragma once
 
 #include <cstddef>
 
@@ -25,5 +24,3 @@ constexpr std::size_t query_size = 4096;
                                        TextFormat<1> not_answered);
 
 } // namespace kolmo
-
-#endif

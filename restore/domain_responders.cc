@@ -28,9 +28,6 @@ using OwnedResponderList = OwnedList<ResponderList, responder_list_init, respond
 class FileNames
 {
 public:
-    FileNames() = default;
-    FileNames(const FileNames &) = delete;
-    FileNames &operator=(const FileNames &) = delete;
     ~FileNames()
     {
         for (int i = 0; i < count_; i++)
@@ -51,7 +48,8 @@ private:
 
 int FileNames::reserve(int capacity)
 {
-    void *const names = std::realloc(names_.get(), static_cast<std::size_t>(capacity) * sizeof(char *));
+    void *const names =
+        std::realloc(static_cast<void *>(names_.get()), static_cast<std::size_t>(capacity) * sizeof(char *));
 
     if (names == nullptr)
         return -1;

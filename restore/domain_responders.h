@@ -10,8 +10,7 @@
  *
  * Everything is logged at priority 3.
  */
-#ifndef KOLMO_RESTORE_DOMAIN_RESPONDERS_H
-#define KOLMO_RESTORE_DOMAIN_RESPONDERS_H
+#pragma once
 
 #include <mysql.h>
 
@@ -59,5 +58,3 @@ namespace kolmo
                                                 const ResponderRecord *record);
 
 } // namespace kolmo
-
-#endif

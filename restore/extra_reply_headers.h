@@ -1,8 +1,7 @@
 /*
  * extra_reply_headers: the panel's "auto_reply_headers" setting.
  */
-#ifndef KOLMO_RESTORE_EXTRA_REPLY_HEADERS_H
-#define KOLMO_RESTORE_EXTRA_REPLY_HEADERS_H
+#pragma once
 
 #include "responder_store/kit/store_connection.h"
 
@@ -23,5 +22,3 @@ namespace kolmo
 [[nodiscard]] int store_extra_headers(StoreConnection *connection, const char *json);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * handler_registration: the `autoresponder` handler of every mailbox that answers automatically.
  */
-#ifndef KOLMO_RESTORE_HANDLER_REGISTRATION_H
-#define KOLMO_RESTORE_HANDLER_REGISTRATION_H
+#pragma once
 
 namespace kolmo
 {
@@ -25,5 +24,3 @@ constexpr int HANDLER_ACTION_DELETE = 3;
 [[nodiscard]] int set_autoresponder_handlers(const char *mail_names, const char *domains, int action);
 
 } // namespace kolmo
-
-#endif

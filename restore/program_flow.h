@@ -5,8 +5,7 @@
  * from the panel database, domain by domain and alias by alias, writes the extra reply headers and closes
  * both databases.  Whatever fails is reported and ends it; what was committed before stays.
  */
-#ifndef KOLMO_RESTORE_PROGRAM_FLOW_H
-#define KOLMO_RESTORE_PROGRAM_FLOW_H
+#pragma once
 
 namespace kolmo
 {
@@ -25,5 +24,3 @@ namespace kolmo
 [[nodiscard]] int rebuild_responders(const char *program);
 
 } // namespace kolmo
-
-#endif

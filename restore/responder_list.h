@@ -3,8 +3,7 @@
  *
  * Silent: callers report what fails.
  */
-#ifndef KOLMO_RESTORE_RESPONDER_LIST_H
-#define KOLMO_RESTORE_RESPONDER_LIST_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -56,5 +55,3 @@ ResponderRecord *responder_list_add(ResponderList *list, ResponderRecord *record
 void responder_list_free(ResponderList *list);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * run_handles: the two connections of a run, which its steps share.
  */
-#ifndef KOLMO_RESTORE_RUN_HANDLES_H
-#define KOLMO_RESTORE_RUN_HANDLES_H
+#pragma once
 
 #include <mysql.h>
 
@@ -22,5 +21,3 @@ inline StoreConnection responder_db;
 inline MYSQL *panel_db;
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * addresses: how the stores spell the addresses of the panel's mailboxes, and what a rebuild cannot spell.
  */
-#ifndef KOLMO_VERIFY_ADDRESSES_H
-#define KOLMO_VERIFY_ADDRESSES_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -29,5 +28,3 @@ namespace kolmo
 [[nodiscard]] std::string_view domain_of(std::string_view address);
 
 } // namespace kolmo
-
-#endif

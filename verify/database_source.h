@@ -1,8 +1,7 @@
 /*
  * database_source: which panel database is asked, as whom, and from which files that comes.
  */
-#ifndef KOLMO_VERIFY_DATABASE_SOURCE_H
-#define KOLMO_VERIFY_DATABASE_SOURCE_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -29,5 +28,3 @@ struct DatabaseSource {
 [[nodiscard]] int read_database_source(DatabaseSource *source, const TroubleSink &trouble);
 
 } // namespace kolmo
-
-#endif

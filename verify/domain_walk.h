@@ -1,8 +1,7 @@
 /*
  * domain_walk: the panel's domains one after the other, with all that their mailboxes should have.
  */
-#ifndef KOLMO_VERIFY_DOMAIN_WALK_H
-#define KOLMO_VERIFY_DOMAIN_WALK_H
+#pragma once
 
 #include <span>
 #include <string>
@@ -59,5 +58,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * finding: one difference between the panel and the stores, or one thing that would become one.
  */
-#ifndef KOLMO_VERIFY_FINDING_H
-#define KOLMO_VERIFY_FINDING_H
+#pragma once
 
 #include <optional>
 #include <span>
@@ -52,5 +51,3 @@ struct Finding {
 };
 
 } // namespace kolmo
-
-#endif

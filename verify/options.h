@@ -1,8 +1,7 @@
 /*
  * options: the command line of mail_responders_verify.
  */
-#ifndef KOLMO_VERIFY_OPTIONS_H
-#define KOLMO_VERIFY_OPTIONS_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -31,5 +30,3 @@ struct ProgramOptions {
 [[nodiscard]] std::optional<int> parse_options(int argc, char **argv, ProgramOptions *options);
 
 } // namespace kolmo
-
-#endif

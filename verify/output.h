@@ -1,8 +1,7 @@
 /*
  * output: what a run says on standard output, for people or for programs.
  */
-#ifndef KOLMO_VERIFY_OUTPUT_H
-#define KOLMO_VERIFY_OUTPUT_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -42,5 +41,3 @@ public:
 [[nodiscard]] std::unique_ptr<Output> make_json_output(bool quiet);
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * panel_limits: which mailboxes, domains and aliases a rebuild of this panel would not get right, and why.
  */
-#ifndef KOLMO_VERIFY_PANEL_LIMITS_H
-#define KOLMO_VERIFY_PANEL_LIMITS_H
+#pragma once
 
 #include <map>
 #include <optional>
@@ -73,5 +72,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

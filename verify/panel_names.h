@@ -2,8 +2,7 @@
  * panel_names: the domains with mail service and their aliases, and what their names alone give away of what
  * a rebuild will do to them.
  */
-#ifndef KOLMO_VERIFY_PANEL_NAMES_H
-#define KOLMO_VERIFY_PANEL_NAMES_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -86,5 +85,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

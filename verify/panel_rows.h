@@ -1,8 +1,7 @@
 /*
  * panel_rows: the panel's database read as it was at one moment, row by row.
  */
-#ifndef KOLMO_VERIFY_PANEL_ROWS_H
-#define KOLMO_VERIFY_PANEL_ROWS_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -67,5 +66,3 @@ struct PanelServer {
 void end_panel_snapshot(MYSQL *panel);
 
 } // namespace kolmo
-
-#endif

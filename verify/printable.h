@@ -1,8 +1,7 @@
 /*
  * printable: texts that others wrote, made fit for a terminal.
  */
-#ifndef KOLMO_VERIFY_PRINTABLE_H
-#define KOLMO_VERIFY_PRINTABLE_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -35,5 +34,3 @@ struct TwoTexts {
 [[nodiscard]] std::vector<std::string> wrap(std::string_view text, std::size_t columns);
 
 } // namespace kolmo
-
-#endif

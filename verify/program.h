@@ -1,8 +1,7 @@
 /*
  * program: a run of mail_responders_verify.
  */
-#ifndef KOLMO_VERIFY_PROGRAM_H
-#define KOLMO_VERIFY_PROGRAM_H
+#pragma once
 
 namespace kolmo
 {
@@ -11,5 +10,3 @@ namespace kolmo
 [[nodiscard]] int verify_program(int argc, char **argv);
 
 } // namespace kolmo
-
-#endif

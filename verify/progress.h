@@ -1,8 +1,7 @@
 /*
  * progress: a line on standard error that says how far a run is, and when it may end.
  */
-#ifndef KOLMO_VERIFY_PROGRESS_H
-#define KOLMO_VERIFY_PROGRESS_H
+#pragma once
 
 #include <chrono>
 
@@ -33,5 +32,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

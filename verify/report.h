@@ -1,8 +1,7 @@
 /*
  * report: what verify says, counted on its way to the sink.
  */
-#ifndef KOLMO_VERIFY_REPORT_H
-#define KOLMO_VERIFY_REPORT_H
+#pragma once
 
 #include <string>
 
@@ -31,5 +30,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * row_set: which rows of a table were seen, a bit each.
  */
-#ifndef KOLMO_VERIFY_ROW_SET_H
-#define KOLMO_VERIFY_ROW_SET_H
+#pragma once
 
 #include <bitset>
 #include <cstddef>
@@ -35,5 +34,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

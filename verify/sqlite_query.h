@@ -1,8 +1,7 @@
 /*
  * sqlite_query: owners of a connection and of a prepared statement, for reading.
  */
-#ifndef KOLMO_VERIFY_SQLITE_QUERY_H
-#define KOLMO_VERIFY_SQLITE_QUERY_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -55,5 +54,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

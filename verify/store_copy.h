@@ -1,8 +1,7 @@
 /*
  * store_copy: a store looked at without touching it, and a private copy of it.
  */
-#ifndef KOLMO_VERIFY_STORE_COPY_H
-#define KOLMO_VERIFY_STORE_COPY_H
+#pragma once
 
 #include <chrono>
 #include <functional>
@@ -41,5 +40,3 @@ void check_responder_reader(const std::string &path, const TroubleSink &trouble)
                                           const TroubleSink &trouble);
 
 } // namespace kolmo
-
-#endif

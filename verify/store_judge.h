@@ -1,8 +1,7 @@
 /*
  * store_judge: what the stores have for one address, against what the panel wants there.
  */
-#ifndef KOLMO_VERIFY_STORE_JUDGE_H
-#define KOLMO_VERIFY_STORE_JUDGE_H
+#pragma once
 
 #include <array>
 #include <functional>
@@ -92,5 +91,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

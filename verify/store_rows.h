@@ -2,8 +2,7 @@
  * store_rows: the rows of both stores, looked up by address in their private copies; what nobody asked for is
  * what the stores have too much.
  */
-#ifndef KOLMO_VERIFY_STORE_ROWS_H
-#define KOLMO_VERIFY_STORE_ROWS_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -58,5 +57,3 @@ private:
 };
 
 } // namespace kolmo
-
-#endif

@@ -4,8 +4,7 @@
  * Reads only: the panel's tables in one consistent snapshot, each store through a private copy that SQLite's
  * backup interface makes.  Nothing is written but these copies, which have no name.
  */
-#ifndef KOLMO_VERIFY_VERIFY_H
-#define KOLMO_VERIFY_VERIFY_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -62,5 +61,3 @@ struct VerifySummary {
                                 VerifySummary *summary);
 
 } // namespace kolmo
-
-#endif

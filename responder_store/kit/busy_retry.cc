@@ -18,12 +18,8 @@ int busy_pause(long nanoseconds)
 
 Ending close_with_retry(StoreConnection *connection)
 {
-    if (connection == nullptr)
-        return Ending::done;
-    if (connection->is_abandoned())
-        return Ending::abandoned;
-    if (!connection->is_open())
-        return Ending::done;
+    if (connection == nullptr || !connection->is_open())
+        return connection != nullptr && connection->is_abandoned() ? Ending::abandoned : Ending::done;
 
     int rc = SQLITE_OK;
     const Ending ending = retry_while_busy(&rc, [&] { return sqlite3_close(connection->get()); });

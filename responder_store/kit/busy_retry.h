@@ -11,8 +11,7 @@
  * connection is abandoned then (responder_store/kit/store_connection.h), and the end of the process lets go
  * of it and of a lock that it holds.
  */
-#ifndef KOLMO_RESPONDER_STORE_KIT_BUSY_RETRY_H
-#define KOLMO_RESPONDER_STORE_KIT_BUSY_RETRY_H
+#pragma once
 
 #include <sqlite3.h>
 
@@ -58,5 +57,3 @@ template <typename Call>
 [[nodiscard]] Ending close_with_retry(StoreConnection *connection);
 
 } // namespace kolmo
-
-#endif

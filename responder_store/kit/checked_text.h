@@ -5,8 +5,7 @@
  * such a format against its arguments, nor a statement against its binds, where they are used; here the
  * "%s" and the "?" are counted when the literal is compiled, and its users take exactly that many.
  */
-#ifndef KOLMO_RESPONDER_STORE_KIT_CHECKED_TEXT_H
-#define KOLMO_RESPONDER_STORE_KIT_CHECKED_TEXT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdio>
@@ -22,11 +21,9 @@ constexpr std::size_t count_texts(const char *format)
 {
     std::size_t texts = 0;
 
-    for (const char *at = format; *at != '\0'; at++) {
-        if (*at == '%')
-            texts += *++at == 's' ? 1 : 1000;
-        if (*at == '\0')
-            break;
+    for (; *format != '\0'; format++) {
+        if (*format == '%')
+            texts += *(format[1] != '\0' ? ++format : format) == 's' ? 1 : 1000;
     }
     return texts;
 }
@@ -36,8 +33,8 @@ constexpr std::size_t count_parameters(const char *sql)
 {
     std::size_t parameters = 0;
 
-    for (const char *at = sql; *at != '\0'; at++)
-        parameters += *at == '?' ? 1 : 0;
+    for (; *sql != '\0'; sql++)
+        parameters += *sql == '?' ? 1 : 0;
     return parameters;
 }
 
@@ -53,14 +50,12 @@ public:
     }
 
     /* A text that is only known, or made, when the program runs: not counted. */
-    [[nodiscard]] static CheckedText made(const char *text) { return CheckedText(text, Made{}); }
+    [[nodiscard]] static CheckedText made(const char *text) { return CheckedText(text, true); }
 
     [[nodiscard]] constexpr const char *get() const { return text_; }
 
 private:
-    struct Made {
-    };
-    CheckedText(const char *text, Made) : text_(text) {}
+    CheckedText(const char *text, bool) : text_(text) {}
 
     /* Not constexpr: calling it is the compile-time error. */
     static void wrong_number() {}
@@ -100,5 +95,3 @@ int format_text(char *buffer, std::size_t size, std::type_identity_t<TextFormat<
 #pragma GCC diagnostic pop
 
 } // namespace kolmo
-
-#endif

@@ -8,9 +8,8 @@ namespace kolmo
 
 StoreConnection &StoreConnection::operator=(StoreConnection &&other) noexcept
 {
-    if (this == &other)
-        return *this;
-    drop();
+    const StoreConnection old(std::move(*this)); /* closed at the end of the scope */
+
     abandoned_ = other.abandoned_;
     handle_ = other.release();
     return *this;
@@ -26,12 +25,6 @@ sqlite3 *StoreConnection::release() noexcept
 {
     abandoned_ = false;
     return std::exchange(handle_, nullptr);
-}
-
-void StoreConnection::drop() noexcept
-{
-    if (is_open())
-        (void)sqlite3_close(handle_);
 }
 
 Ending open_store(StoreConnection *connection, const char *path, OpenMode mode)

@@ -13,8 +13,7 @@
  *
  * An object, like all of SQLite here, is used by one thread at a time.
  */
-#ifndef KOLMO_RESPONDER_STORE_KIT_STORE_CONNECTION_H
-#define KOLMO_RESPONDER_STORE_KIT_STORE_CONNECTION_H
+#pragma once
 
 #include <utility>
 
@@ -49,14 +48,16 @@ public:
     {
     }
     StoreConnection &operator=(StoreConnection &&other) noexcept;
-    StoreConnection(const StoreConnection &) = delete;
-    StoreConnection &operator=(const StoreConnection &) = delete;
 
     /*
      * Closes what is still open, once and without retries: the safety net for a forgotten close.
      * Ending the work on a store is close_with_retry's.
      */
-    ~StoreConnection() { drop(); }
+    ~StoreConnection()
+    {
+        if (is_open())
+            (void)sqlite3_close(handle_);
+    }
 
     /* The handle, null when it is closed.  It stays this object's; that of an abandoned one is not for use.
      */
@@ -75,8 +76,6 @@ public:
     sqlite3 *release() noexcept;
 
 private:
-    void drop() noexcept;
-
     bool abandoned_ = false;
     sqlite3 *handle_ = nullptr;
 };
@@ -101,5 +100,3 @@ enum class OpenMode {
 [[nodiscard]] Ending open_store(StoreConnection *connection, const char *path, OpenMode mode);
 
 } // namespace kolmo
-
-#endif

@@ -18,16 +18,15 @@ int bind_one(sqlite3_stmt *statement, int index, const Bind &bind)
     return sqlite3_bind_text(statement, index, bind.text, length, SQLITE_STATIC);
 }
 
-/* The first that could not be bound, or null. */
-const Bind *bind_all(sqlite3_stmt *statement, std::span<const Bind> binds)
+/* The number of those that could be bound, from the first on. */
+std::size_t bind_all(sqlite3_stmt *statement, std::span<const Bind> binds)
 {
-    int index = 0;
+    std::size_t bound = 0;
 
-    for (const Bind &bind : binds) {
-        if (bind_one(statement, ++index, bind) != SQLITE_OK)
-            return &bind;
-    }
-    return nullptr;
+    while (bound < binds.size() &&
+           bind_one(statement, static_cast<int>(bound) + 1, binds[bound]) == SQLITE_OK)
+        bound++;
+    return bound;
 }
 
 } // namespace
@@ -96,8 +95,8 @@ bool StoreOp::prepare(const char *sql, std::span<const Bind> binds, Statement *s
     }
     if (rc != SQLITE_OK)
         log_failure("Unable to prepare SQL statement for query '%s': %s", sql, detail());
-    else if (const Bind *const unbound = bind_all(statement->get(), binds))
-        log_failure(unbound->message, detail());
+    else if (const std::size_t bound = bind_all(statement->get(), binds); bound < binds.size())
+        log_failure(binds[bound].message, detail());
     else
         return true;
     statement->finalize();

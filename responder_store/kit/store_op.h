@@ -9,8 +9,7 @@
  *
  * Texts are bound without a copy: their owners live until the step is done.
  */
-#ifndef KOLMO_RESPONDER_STORE_KIT_STORE_OP_H
-#define KOLMO_RESPONDER_STORE_KIT_STORE_OP_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -56,8 +55,7 @@ class Statement
 {
 public:
     explicit Statement(const StoreConnection *connection) noexcept : connection_(connection) {}
-    Statement(const Statement &) = delete;
-    Statement &operator=(const Statement &) = delete;
+    Statement(Statement &&) = delete;
     ~Statement()
     {
         if (!connection_->is_abandoned())
@@ -193,5 +191,3 @@ void run_rows(StoreOp &op, Sql<Parameters> sql, int rows, BindsOf &&binds_of, Re
 }
 
 } // namespace kolmo
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * log_list: the log's form for an argument list, called with arguments.
  */
-#ifndef KOLMO_TESTS_COMMON_LOG_LIST_H
-#define KOLMO_TESTS_COMMON_LOG_LIST_H
+#pragma once
 
 #include <cstdarg>
 
@@ -21,5 +20,3 @@ namespace kolmo::testing
 }
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * exec_support: what the tests of child processes have in common.
  */
-#ifndef KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
-#define KOLMO_TESTS_EXEC_EXEC_SUPPORT_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -81,5 +80,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

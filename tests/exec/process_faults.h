@@ -4,8 +4,7 @@
  * For the test program that links with -Wl,--wrap= for these calls.  Without an object of these types
  * each call does what it always does.  The objects act in processes that are forked while they live, too.
  */
-#ifndef KOLMO_TESTS_EXEC_PROCESS_FAULTS_H
-#define KOLMO_TESTS_EXEC_PROCESS_FAULTS_H
+#pragma once
 
 #include <functional>
 #include <optional>
@@ -110,5 +109,3 @@ public:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -4,8 +4,7 @@
  * A program that links this starts no child: whenever its parent looks for output the fake takes its next
  * step, on the real pipe, and it ends when there is none left.
  */
-#ifndef KOLMO_TESTS_FUZZ_FAKE_CHILD_H
-#define KOLMO_TESTS_FUZZ_FAKE_CHILD_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -36,5 +35,3 @@ void plan_child(const ChildPlan &plan);
 void end_child();
 
 } // namespace kolmo::testing
-
-#endif

@@ -4,8 +4,7 @@
  * A fuzzer compares the code with a second, simple implementation of the same contract, its model; a
  * difference ends the process, which libFuzzer reports with the input that led to it.
  */
-#ifndef KOLMO_TESTS_FUZZ_FUZZ_SUPPORT_H
-#define KOLMO_TESTS_FUZZ_FUZZ_SUPPORT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -97,5 +96,3 @@ private:
 [[nodiscard]] long leading_number(const std::string &text);
 
 } // namespace kolmo::testing
-
-#endif

@@ -5,8 +5,7 @@
  * (-Wl,--wrap=).  The group "popuser" always exists, with the number 4242, and nothing is ever given to
  * anybody; all else is real unless it has to fail.
  */
-#ifndef KOLMO_TESTS_HANDLERS_STORE_FILE_FAULTS_H
-#define KOLMO_TESTS_HANDLERS_STORE_FILE_FAULTS_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -44,5 +43,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

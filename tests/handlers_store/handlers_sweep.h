@@ -1,8 +1,7 @@
 /*
  * handlers_sweep: a sweep over an operation on the handlers store, and the rows of its statements.
  */
-#ifndef KOLMO_TESTS_HANDLERS_STORE_HANDLERS_SWEEP_H
-#define KOLMO_TESTS_HANDLERS_STORE_HANDLERS_SWEEP_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -38,5 +37,3 @@ handlers_statement(const std::string &sql, const std::vector<std::pair<std::stri
 }
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * handlers_texts: the statements of the handlers store, and what is said when one of them fails.
  */
-#ifndef KOLMO_TESTS_HANDLERS_STORE_HANDLERS_TEXTS_H
-#define KOLMO_TESTS_HANDLERS_STORE_HANDLERS_TEXTS_H
+#pragma once
 
 #include <string>
 
@@ -45,5 +44,3 @@ inline constexpr char no_list[] = "3 Get handlers list";
 }
 
 } // namespace kolmo::testing
-
-#endif

@@ -5,8 +5,7 @@
  * the test has set it; while no FakeMysql lives, no call is expected.  One server, one connection, one
  * result.
  */
-#ifndef KOLMO_TESTS_PANEL_FAKE_MYSQL_H
-#define KOLMO_TESTS_PANEL_FAKE_MYSQL_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -56,5 +55,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

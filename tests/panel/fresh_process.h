@@ -5,8 +5,7 @@
  * runs its body here, so that every such test, and every test after it, starts without a loaded file.
  * What the body expects and does not get fails the test.
  */
-#ifndef KOLMO_TESTS_PANEL_FRESH_PROCESS_H
-#define KOLMO_TESTS_PANEL_FRESH_PROCESS_H
+#pragma once
 
 #include <functional>
 
@@ -16,5 +15,3 @@ namespace kolmo::testing
 void in_fresh_process(const std::function<void()> &body);
 
 } // namespace kolmo::testing
-
-#endif

@@ -3,8 +3,7 @@
  *
  * While one lives, the panel's paths lead into its folder, which is empty at first.
  */
-#ifndef KOLMO_TESTS_PANEL_PANEL_FILES_H
-#define KOLMO_TESTS_PANEL_PANEL_FILES_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -44,5 +43,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * responder_operations: the six operations on the responder store, for tests of what they share.
  */
-#ifndef KOLMO_TESTS_RESPONDER_STORE_RESPONDER_OPERATIONS_H
-#define KOLMO_TESTS_RESPONDER_STORE_RESPONDER_OPERATIONS_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -65,5 +64,3 @@ constexpr char no_memory_for_a_name[] = "^Cannot allocate memory: Cannot allocat
 constexpr char cannot_prepare_begin[] = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': ";
 
 } // namespace kolmo::testing
-
-#endif

@@ -6,8 +6,7 @@
  * The real library and the real server are always underneath.  PanelDatabase's own statements come through
  * here too: fill the tables first.
  */
-#ifndef KOLMO_TESTS_RESTORE_PANEL_WATCH_H
-#define KOLMO_TESTS_RESTORE_PANEL_WATCH_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -42,5 +41,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -2,8 +2,7 @@
  * restore_fixture: the run's two connections, open on a responder store of the test's own and on the panel's
  * database in the sandbox, and a handlers store of the test's own.
  */
-#ifndef KOLMO_TESTS_RESTORE_RESTORE_FIXTURE_H
-#define KOLMO_TESTS_RESTORE_RESTORE_FIXTURE_H
+#pragma once
 
 #include <string>
 
@@ -38,5 +37,3 @@ protected:
 };
 
 } // namespace kolmo::testing
-
-#endif

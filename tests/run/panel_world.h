@@ -3,8 +3,7 @@
  *
  * Only for tests in the sandbox: the functions write where the panel's own files would be.
  */
-#ifndef KOLMO_TESTS_RUN_PANEL_WORLD_H
-#define KOLMO_TESTS_RUN_PANEL_WORLD_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -85,5 +84,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

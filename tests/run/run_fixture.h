@@ -5,8 +5,7 @@
  * A test prepares its situation, calls run() and says what should have come of it; a line on a stream or
  * to syslog that it does not name fails it.
  */
-#ifndef KOLMO_TESTS_RUN_RUN_FIXTURE_H
-#define KOLMO_TESTS_RUN_RUN_FIXTURE_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -90,5 +89,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -13,8 +13,7 @@
  * Where that is not enough, there is an AllocFaults for a scope; keep it to the calls under test, for
  * googletest's own calls would be counted too.
  */
-#ifndef KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
-#define KOLMO_TESTS_SUPPORT_ALLOC_FAULTS_H
+#pragma once
 
 namespace kolmo::testing
 {
@@ -42,5 +41,3 @@ template <typename Operation>
 }
 
 } // namespace kolmo::testing
-
-#endif

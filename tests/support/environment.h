@@ -1,8 +1,7 @@
 /*
  * environment: an environment variable as a test wants it, and afterwards as it was.
  */
-#ifndef KOLMO_TESTS_SUPPORT_ENVIRONMENT_H
-#define KOLMO_TESTS_SUPPORT_ENVIRONMENT_H
+#pragma once
 
 #include <cstdlib>
 #include <optional>
@@ -42,5 +41,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -4,8 +4,7 @@
  * For test programs that use the target kolmo_fake_syslog, in which openlog, closelog, setlogmask, syslog and
  * vsyslog lead here (-Wl,--wrap=).  The mask works as in the C library: what it leaves out is not sent.
  */
-#ifndef KOLMO_TESTS_SUPPORT_FAKE_SYSLOG_H
-#define KOLMO_TESTS_SUPPORT_FAKE_SYSLOG_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -34,5 +33,3 @@ public:
 };
 
 } // namespace kolmo::testing
-
-#endif

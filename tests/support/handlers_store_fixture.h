@@ -5,8 +5,7 @@
  *
  *     queue|type|enabled|priority|name|address|executable|context|protected
  */
-#ifndef KOLMO_TESTS_SUPPORT_HANDLERS_STORE_FIXTURE_H
-#define KOLMO_TESTS_SUPPORT_HANDLERS_STORE_FIXTURE_H
+#pragma once
 
 #include <string>
 
@@ -65,5 +64,3 @@ protected:
 [[nodiscard]] Lines texts_of(const HandlerList &list);
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * killed_writer: what a process leaves of a store that was killed in the middle of a transaction.
  */
-#ifndef KOLMO_TESTS_SUPPORT_KILLED_WRITER_H
-#define KOLMO_TESTS_SUPPORT_KILLED_WRITER_H
+#pragma once
 
 #include <string>
 
@@ -17,5 +16,3 @@ namespace kolmo::testing
 void kill_writer(const std::string &path, const std::string &sql);
 
 } // namespace kolmo::testing
-
-#endif

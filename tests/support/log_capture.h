@@ -4,8 +4,7 @@
  * From its construction on log_message leads here; lines are kept as "priority text".  take() hands out
  * what was logged so far; what nobody took by the end of the test is a failure.
  */
-#ifndef KOLMO_TESTS_SUPPORT_LOG_CAPTURE_H
-#define KOLMO_TESTS_SUPPORT_LOG_CAPTURE_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -35,5 +34,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * other_process_lock: a second process that locks a store's file.
  */
-#ifndef KOLMO_TESTS_SUPPORT_OTHER_PROCESS_LOCK_H
-#define KOLMO_TESTS_SUPPORT_OTHER_PROCESS_LOCK_H
+#pragma once
 
 #include <string>
 
@@ -32,5 +31,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -4,8 +4,7 @@
  * Nothing is flushed on the code's behalf: what it leaves in a stdio buffer is missing.  EXPECT and ASSERT
  * belong outside, for googletest complains on standard output as well.
  */
-#ifndef KOLMO_TESTS_SUPPORT_OUTPUT_CAPTURE_H
-#define KOLMO_TESTS_SUPPORT_OUTPUT_CAPTURE_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -28,5 +27,3 @@ Output output_of(const std::function<void()> &code);
 void break_standard_output();
 
 } // namespace kolmo::testing
-
-#endif

@@ -5,8 +5,7 @@
  * demo/panel-schema.sql.  Everything that the server refuses fails the test.  A test program that replaces
  * calls of the client library at link time replaces them here too.
  */
-#ifndef KOLMO_TESTS_SUPPORT_PANEL_DATABASE_H
-#define KOLMO_TESTS_SUPPORT_PANEL_DATABASE_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -79,5 +78,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * program_run: a program in a process of its own, with pipes for what it prints and a deadline.
  */
-#ifndef KOLMO_TESTS_SUPPORT_PROGRAM_RUN_H
-#define KOLMO_TESTS_SUPPORT_PROGRAM_RUN_H
+#pragma once
 
 #include <chrono>
 #include <string>
@@ -69,5 +68,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

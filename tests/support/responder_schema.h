@@ -2,8 +2,7 @@
  * responder_schema: the responder store's tables as the stand-in for the panel's utility declares them
  * (tools/stand-in/mail_responders_control).  The columns and their order are binding, the keys are not.
  */
-#ifndef KOLMO_TESTS_SUPPORT_RESPONDER_SCHEMA_H
-#define KOLMO_TESTS_SUPPORT_RESPONDER_SCHEMA_H
+#pragma once
 
 namespace kolmo::testing
 {
@@ -30,5 +29,3 @@ COMMIT;
 )";
 
 } // namespace kolmo::testing
-
-#endif

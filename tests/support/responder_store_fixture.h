@@ -1,8 +1,7 @@
 /*
  * responder_store_fixture: a responder store of a test's own.
  */
-#ifndef KOLMO_TESTS_SUPPORT_RESPONDER_STORE_FIXTURE_H
-#define KOLMO_TESTS_SUPPORT_RESPONDER_STORE_FIXTURE_H
+#pragma once
 
 #include <string>
 
@@ -60,5 +59,3 @@ protected:
 [[nodiscard]] bool in_transaction(const StoreConnection &connection);
 
 } // namespace kolmo::testing
-
-#endif

@@ -4,8 +4,7 @@
  * Tests of whole runs do, and outside of tools/sandbox that would be the host's own mail server: every such
  * test starts with ASSERT_TRUE(in_sandbox()).
  */
-#ifndef KOLMO_TESTS_SUPPORT_SANDBOX_H
-#define KOLMO_TESTS_SUPPORT_SANDBOX_H
+#pragma once
 
 #include <cstdlib>
 #include <string>
@@ -27,5 +26,3 @@ inline bool in_sandbox()
 }
 
 } // namespace kolmo::testing
-
-#endif

@@ -17,8 +17,7 @@
  * scope, so that the leak checker reports the real leaks only.  So the object has to be declared before any
  * StoreConnection that is opened while it lives; one that was open before is left to its owner.
  */
-#ifndef KOLMO_TESTS_SUPPORT_SQLITE_FAULTS_H
-#define KOLMO_TESTS_SUPPORT_SQLITE_FAULTS_H
+#pragma once
 
 #include <functional>
 #include <memory>
@@ -124,5 +123,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

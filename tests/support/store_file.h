@@ -3,8 +3,7 @@
  *
  * A row is compared as text: its columns joined by "|", null as "NULL".
  */
-#ifndef KOLMO_TESTS_SUPPORT_STORE_FILE_H
-#define KOLMO_TESTS_SUPPORT_STORE_FILE_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -73,5 +72,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

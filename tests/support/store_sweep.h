@@ -11,8 +11,7 @@
  *
  *     class InsertFaults : public HandlersStoreTest, protected StoreSweep
  */
-#ifndef KOLMO_TESTS_SUPPORT_STORE_SWEEP_H
-#define KOLMO_TESTS_SUPPORT_STORE_SWEEP_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -144,5 +143,3 @@ using Bound = std::vector<std::pair<std::string, std::string>>;
 [[nodiscard]] FaultTable operator+(FaultTable first, const FaultTable &second);
 
 } // namespace kolmo::testing
-
-#endif

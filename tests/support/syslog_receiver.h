@@ -4,8 +4,7 @@
  * The socket is there from construction to destruction.  Somebody has to read it all the time: the kernel
  * keeps a few datagrams only, and a program that logs more would wait for the test that waits for it.
  */
-#ifndef KOLMO_TESTS_SUPPORT_SYSLOG_RECEIVER_H
-#define KOLMO_TESTS_SUPPORT_SYSLOG_RECEIVER_H
+#pragma once
 
 #include <mutex>
 #include <string>
@@ -43,5 +42,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

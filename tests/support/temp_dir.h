@@ -2,8 +2,7 @@
  * temp_dir: a folder of a test's own, removed with all that is in it.  It lies in memory (/dev/shm) unless
  * TMPDIR says where.
  */
-#ifndef KOLMO_TESTS_SUPPORT_TEMP_DIR_H
-#define KOLMO_TESTS_SUPPORT_TEMP_DIR_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -32,5 +31,3 @@ private:
 };
 
 } // namespace kolmo::testing
-
-#endif

@@ -1,8 +1,7 @@
 /*
  * verify_world: a panel, both stores on their real paths, rebuilds of them and looks at them.
  */
-#ifndef KOLMO_TESTS_VERIFY_VERIFY_WORLD_H
-#define KOLMO_TESTS_VERIFY_VERIFY_WORLD_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -71,5 +70,3 @@ protected:
 };
 
 } // namespace kolmo::testing
-
-#endif
