@@ -4,25 +4,11 @@
  * An SQLite file with one table, `handlers`; its key is (queue, type, name, address), so writing a handler
  * again replaces it.  Addresses are stored in lower case.
  *
- * All operations on the table:
- * - take the connection to work on, or null to open the store at handlers_db_path, with a busy time-out of
- *   50 ms, and close it again.  What changes the store opens it for reading and writing and creates a
- *   missing file; the selects open it read-only and never create it.  A connection that was closed fails
- *   cleanly, an abandoned one silently.
- * - repeat what another process's lock keeps from them, without a limit (responder_store/busy_retry.h).
- * - log at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror" without
- *   a connection, as the detail.
- * - report a failed open and return -1:
- *     "Unable to open database %s: %s"                         path, detail
- *     "Unable to open database(readonly) %s: %s"               path, detail
- * - report a failed prepare or bind, close the connection, the caller's too, and return -1:
- *     "Unable to prepare SQL statement for query '%s': %s"     statement, detail
+ * The operations on the table go by what responder_store/kit/store_connection.h says of all operations.  What
+ * changes the store opens it for reading and writing and creates a missing file; the selects open it
+ * read-only and never create it.  Two more messages are theirs:
+ *     "Unable to open database(readonly) %s: %s"                 path, detail
  *     "Unable to bind parameter 'NAME' to the 'KIND' query: %s"  detail
- * - return -1 without a word when a pause between two attempts failed (nanosleep(2)): the statement at hand,
- *   the transaction and the connection stay as they are, and the connection is abandoned
- *   (responder_store/kit/store_connection.h).
- * - leave the caller's texts alone, but for handlers_db_delete_action.  Texts may not be null where
- *   nothing else is said.
  */
 #pragma once
 

@@ -5,24 +5,9 @@
  * (the files that go out with a mailbox's replies) and `extra_headers` (the header lines of every reply).
  * Another utility of the panel creates it and declares its keys; here rows are only written and removed.
  *
- * All operations:
- * - take the connection to work on, or null to open the store at responder_db_path, with a busy time-out
- *   of 50 ms, and close it again.  One that was closed fails cleanly, an abandoned one silently.
- * - repeat what another process's lock keeps from them, without a limit (responder_store/busy_retry.h).
- * - log at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror"
- *   without a connection, as the detail.
- * - are one transaction each (but for the removal of the extra headers, which is one statement).  A failed
- *   prepare, bind, begin or end is reported, closes the connection, the caller's too, and gives -1; SQLite
- *   then discards the transaction.  The messages of all of them:
- *     "Unable to open database %s: %s"                      path, detail
- *     "Unable to prepare SQL statement for query '%s': %s"  statement, detail
- *     "Unable to begin sqlite transaction: %s"              detail
- *     "Unable to end sqlite transaction: %s"                detail
- *     "Unable to bind parameter NAME: %s"                   detail
- * - return -1 without a word when a pause between two attempts failed (nanosleep(2)): the statement at hand,
- *   the transaction and the connection stay as they are, and the connection is abandoned
- *   (responder_store/kit/store_connection.h).
- * - leave the caller's texts alone; none of them may be null.
+ * The operations go by what responder_store/kit/store_connection.h says of all operations.  Each is one
+ * transaction, but for the removal of the extra headers, which is one statement.  One more message is theirs:
+ *     "Unable to bind parameter NAME: %s"  detail
  *
  * The mailname, the key of the two tables, is the mailbox, "@" and the domain, lower-cased byte by byte by
  * the C library's tolower.

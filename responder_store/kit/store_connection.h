@@ -12,6 +12,20 @@
  *            destructor leave it alone and say nothing; the end of the process lets go of it
  *
  * An object, like all of SQLite here, is used by one thread at a time.
+ *
+ * Every operation on the stores (responder_store/responder_db.h, handlers_store/handlers_db.h):
+ * - takes a connection to work on, or null to open the store, with a busy time-out of 50 ms, and close it;
+ * - repeats what another process's lock keeps from it, without a limit;
+ * - logs at priority 3 through log_message (common/log.h), with SQLite's text, or "general DB errror" without
+ *   a connection, as the detail;
+ * - reports what follows, or a parameter that cannot be bound, closes the connection, the caller's too, so
+ *   that SQLite discards the transaction, and returns -1:
+ *     "Unable to open database %s: %s"                      path, detail
+ *     "Unable to prepare SQL statement for query '%s': %s"  statement, detail
+ *     "Unable to begin sqlite transaction: %s"              detail
+ *     "Unable to end sqlite transaction: %s"                detail
+ * - returns -1 without a word when a pause failed: the connection is abandoned then, as it stands;
+ * - leaves the caller's texts alone.  Texts may not be null where nothing else is said.
  */
 #pragma once
 
