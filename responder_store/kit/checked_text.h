@@ -23,7 +23,7 @@ constexpr std::size_t count_texts(const char *format)
 
     for (; *format != '\0'; format++) {
         if (*format == '%')
-            texts += *(format[1] != '\0' ? ++format : format) == 's' ? 1 : 1000;
+            texts += format[1] == 's' ? 1 : 1000;
     }
     return texts;
 }
