@@ -262,17 +262,18 @@ int conf_parse_file(const char *path, QsxConfStore *store)
 
 int conf_parse_stream(std::FILE *stream, QsxConfStore *store)
 {
-    const OwnedFile file(stream);
+    OwnedFile file(stream);
 
     if (parse_lines(stream, store) != 0)
         return -1;
 
-    const KeepErrno errno_kept;
+    const KeepErrno kept;
+    const bool was_read_whole = std::feof(stream) != 0 && std::ferror(stream) == 0;
+    file.reset();
     conf_store_sort(store);
-    if (std::feof(stream) != 0 && std::ferror(stream) == 0)
+    if (was_read_whole)
         return 0;
-    log_message(CONF_READER_PRIORITY, "Unable to read configuration file: %s",
-                std::strerror(errno_kept.get()));
+    log_message(CONF_READER_PRIORITY, "Unable to read configuration file: %s", std::strerror(kept.get()));
     return -1;
 }
 

@@ -48,9 +48,10 @@ using PanelResult = std::unique_ptr<MYSQL_RES, FreePanelResult>;
  * Connect to the panel database, character set UTF-8.
  *
  * error_buffer  gets the text of a failure, cut to buffer_size bytes with the terminator.  It is left as it
- * is when the handle carries an error number right after connecting, so start it empty. Returns the handle,
- * the caller's to end with mysql_close (a PanelConnection does); null after a failure.  When "SET NAMES utf8"
- * fails but the error number reads 0, there is a text and the handle is good all the same.
+ *               is when the handle carries an error number right after connecting, so start it empty.
+ * Returns the handle, the caller's to end with mysql_close (a PanelConnection does); null after a failure.
+ * When "SET NAMES utf8" fails but the error number reads 0, there is a text and the handle is good all the
+ * same.
  *
  * The texts: those of panel_read_credentials, and
  *   "Unable to initialize MySQL connection structure: %s"  system error text

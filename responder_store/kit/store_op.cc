@@ -128,7 +128,7 @@ void StoreOp::fail_and_close()
 
 bool Rows::next()
 {
-    if (!prepared_ || op_.ending() != Ending::done)
+    if (op_.ending() != Ending::done)
         return false;
     code_ = op_.step(statement_);
     return code_ == SQLITE_ROW && op_.ending() == Ending::done;

@@ -131,7 +131,7 @@ public:
     Rows(StoreOp &op, Sql<Parameters> sql, const std::array<Bind, Parameters> &binds)
         : op_(op), statement_(op.connection())
     {
-        prepared_ = op_.prepare(sql.get(), binds, &statement_);
+        (void)op_.prepare(sql.get(), binds, &statement_); /* the operation remembers what it came to */
     }
 
     /* Goes to the next row, or to the first.  False after the last, and when the operation has failed. */
@@ -147,7 +147,6 @@ public:
 private:
     StoreOp &op_;
     Statement statement_;
-    bool prepared_;
     int code_ = SQLITE_OK; /* of the latest step */
 };
 

@@ -482,6 +482,25 @@ TEST_F(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
     EXPECT_STREQ(conf_store_find(store.get(), "A"), "2");
 }
 
+const BrokenStream *watched;
+bool was_closed_when_logged;
+
+[[gnu::format(printf, 2, 3)]] void note_closing(int, const char *, ...)
+{
+    was_closed_when_logged = watched->is_closed;
+}
+
+TEST_F(ConfParseStream, TheStreamIsClosedBeforeAReadErrorIsLogged)
+{
+    BrokenStream broken{.text = "A 1\n"};
+
+    watched = &broken;
+    was_closed_when_logged = false;
+    log_message = note_closing; /* `log` puts back what was before */
+    EXPECT_EQ(conf_parse_stream(broken.open(), store.get()), -1);
+    EXPECT_TRUE(was_closed_when_logged);
+}
+
 TEST_F(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
 {
     BrokenStream broken{.text = "A 1\n"};
