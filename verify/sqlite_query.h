@@ -42,7 +42,8 @@ public:
 
     /* Columns of the row, good until the next call of next or ask. */
     [[nodiscard]] std::optional<std::string_view> text(int column) const; /* nothing for NULL */
-    [[nodiscard]] std::int64_t number(int column) const;
+    [[nodiscard]] std::int64_t number(int column) const;                  /* 0 for NULL */
+    [[nodiscard]] std::optional<std::int64_t> optional_number(int column) const;
 
 private:
     struct Finalize {
