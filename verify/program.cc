@@ -1,10 +1,7 @@
 #include "verify/program.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <exception>
-
-#include <unistd.h>
 
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"
@@ -21,19 +18,10 @@ namespace
 
 constexpr int trouble_status = 2;
 
-bool wants_color(Color color)
-{
-    const char *const no_color = std::getenv("NO_COLOR"); /* https://no-color.org */
-
-    if (color != Color::when_terminal)
-        return color == Color::always;
-    return ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
-}
-
 /* Connects and compares; what cannot be done is trouble. */
 int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
 {
-    Progress progress(options.progress.value_or(::isatty(STDERR_FILENO) == 1));
+    Progress progress(wants_progress(options));
     const VerifySink sink = {
         .finding = [&](const Finding &finding) { output->finding(finding); },
         .trouble =
@@ -76,9 +64,9 @@ int verify_program(int argc, char **argv)
     if (const std::optional<int> status = parse_options(argc, argv, &options))
         return *status;
 
-    const std::unique_ptr<Output> output = options.json
-                                               ? make_json_output(options.quiet)
-                                               : make_text_output(options.quiet, wants_color(options.color));
+    const std::unique_ptr<Output> output =
+        options.json ? make_json_output(options.quiet)
+                     : make_text_output("mail_responders_verify", options.quiet, wants_color(options));
     const int status = look(options, output.get(), &summary);
     const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
 

@@ -308,8 +308,12 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     }
     if (handlers_ != nullptr) {
         complete &= handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
-            Finding finding{
-                .code = &code_handler_stale, .limit = limits.of_junk(address), .place = Place::handlers};
+            /* Read as numbers before anything makes texts of them. */
+            const HandlerKind handler = {row.optional_number(2), row.optional_number(3)};
+            Finding finding{.code = &code_handler_stale,
+                            .limit = limits.of_junk(address),
+                            .place = Place::handlers,
+                            .handler = handler};
 
             for (int i = type_column; i >= queue_column; i--) {
                 if (row.text(i + 2) != handler_columns[i].wanted) {

@@ -50,7 +50,10 @@ struct Group {
 class TextOutput : public Output
 {
 public:
-    TextOutput(bool quiet, bool color) : quiet_(quiet), color_(color) {}
+    TextOutput(const char *program, bool quiet, bool color)
+        : head_(std::string(program) + ": "), quiet_(quiet), color_(color)
+    {
+    }
 
     void begin(const DatabaseSource &source, const std::string &responder_store,
                const std::string &handlers_store) override;
@@ -64,8 +67,10 @@ private:
     [[nodiscard]] std::string details(const Finding &finding) const;
     void print_help() const;
 
+    std::string head_; /* of what goes to standard error */
     bool quiet_;
     bool color_;
+    bool begun_ = false;        /* something stands above the findings */
     std::vector<Group> groups_; /* in the order of their first finding */
     std::map<std::string, std::size_t> places_;
     std::map<std::pair<int, std::string>, std::vector<std::string>> helps_; /* by remedy: codes */
@@ -89,6 +94,7 @@ void TextOutput::begin(const DatabaseSource &source, const std::string &responde
 
     if (quiet_)
         return;
+    begun_ = true;
     for (const std::string &origin : source.origins)
         origins += (origins.empty() ? "" : ", ") + origin;
     print_wrapped(stdout, "panel database   ",
@@ -162,13 +168,13 @@ void TextOutput::finding(const Finding &finding)
 
 void TextOutput::trouble(const std::string &text)
 {
-    print_wrapped(stderr, "mail_responders_verify: ", text);
+    print_wrapped(stderr, head_, text);
 }
 
 void TextOutput::note(const std::string &text)
 {
     if (!quiet_)
-        print_wrapped(stderr, "mail_responders_verify: note: ", text);
+        print_wrapped(stderr, head_ + "note: ", text);
 }
 
 void TextOutput::print_help() const
@@ -195,7 +201,7 @@ void TextOutput::end(const VerifySummary &summary, double)
     };
 
     for (const Group &group : groups_)
-        fmt::print("{}{}\n{}", quiet_ && &group == groups_.data() ? "" : "\n",
+        fmt::print("{}{}\n{}", begun_ || &group != groups_.data() ? "\n" : "",
                    group.name.empty() ? "all replies" : printable(group.name), group.lines);
     if (!quiet_) {
         print_help();
@@ -212,9 +218,9 @@ void TextOutput::end(const VerifySummary &summary, double)
 
 } // namespace
 
-std::unique_ptr<Output> make_text_output(bool quiet, bool color)
+std::unique_ptr<Output> make_text_output(const char *program, bool quiet, bool color)
 {
-    return std::make_unique<TextOutput>(quiet, color);
+    return std::make_unique<TextOutput>(program, quiet, color);
 }
 
 } // namespace kolmo
