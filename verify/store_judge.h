@@ -79,6 +79,8 @@ private:
     void judge_header(std::string_view name, std::string_view value, bool loses_texts,
                       const FindingCode *limit);
 
+    bool unreadable(const KeyedTable &table, const std::string &path, SqliteConnection *copy);
+
     const Report &report_;
     std::string responder_path_;
     std::string handlers_path_;

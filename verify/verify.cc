@@ -95,10 +95,8 @@ void Verification::open_stores()
         return check_store_file(path, trouble) == 0 ? copy_store(path, wait, trouble) : nullptr;
     };
 
-    if (options_.check_owners) {
-        check_responder_reader(responders, trouble);
-        check_handlers_owner(handlers, trouble);
-    }
+    if (options_.check_owners)
+        check_owners(responders, handlers, trouble);
     judge_.open_responders(responders, copy(responders));
     judge_.open_handlers(handlers, copy(handlers));
 }
