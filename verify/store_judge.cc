@@ -37,11 +37,6 @@ constexpr int queue_column = 0;
 constexpr int type_column = 1;
 constexpr int enabled_column = 2;
 
-const FindingCode *first_of(const FindingCode *a, const FindingCode *b)
-{
-    return a != nullptr ? a : b;
-}
-
 std::string shown(std::optional<std::string_view> text)
 {
     return std::string(text.value_or("NULL"));

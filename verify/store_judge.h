@@ -53,8 +53,6 @@ public:
     void open_responders(const std::string &path, SqliteConnection copy);
     void open_handlers(const std::string &path, SqliteConnection copy);
 
-    [[nodiscard]] bool has_responders() const { return responders_ != nullptr; }
-
     /* The reply with its attachments, and the handler, at one name of the mailbox's domain. */
     void judge(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
 
