@@ -441,8 +441,9 @@ public:
     ~Terminal()
     {
         (void)::close(terminal_);
-        if (!ended_)
-            (void)::kill(pid_, SIGKILL);
+        if (ended_)
+            return;
+        (void)::kill(pid_, SIGKILL);
         (void)::waitpid(pid_, nullptr, 0);
     }
     Terminal(const Terminal &) = delete;
@@ -507,10 +508,13 @@ protected:
     {
         StoreLock lock(StoreLock::Kind::exclusive);
         auto terminal = std::make_unique<Terminal>(arguments);
+        bool has_begun = false;
 
-        for (int tries = 0; tries < 6000 && !terminal->has_open(responder_store); tries++)
+        for (int tries = 0; tries < 6000 && !has_begun; tries++) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        EXPECT_TRUE(terminal->has_open(responder_store));
+            has_begun = terminal->has_open(responder_store);
+        }
+        EXPECT_TRUE(has_begun);
         std::this_thread::sleep_for(std::chrono::milliseconds(110));
         return terminal;
     }
