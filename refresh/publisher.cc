@@ -228,6 +228,8 @@ PublishResult Publisher::Live::publish()
         return PublishResult::failed;
     if (stores.lock() != 0)
         return PublishResult::failed;
+    if (sink_.locked)
+        sink_.locked();
 
     const PublishResult result = publish_locked(&replacement);
 

@@ -18,6 +18,7 @@
 #include "refresh/interruption.h"
 #include "refresh/staging_size.h"
 #include "responder_store/responder_db.h"
+#include "verify/sqlite_query.h"
 
 namespace kolmo
 {
@@ -162,6 +163,20 @@ int Staging::adopt_handlers(const SayTrouble &trouble)
         return 0;
     trouble("the staged handlers store cannot be given the live one's owner and mode: " + reason());
     return -1;
+}
+
+void Staging::roll_back() const
+{
+    for (const std::string &path : {paths().staged_responder, paths().staged_handlers}) {
+        sqlite3 *db = nullptr;
+        SqliteQuery any;
+
+        (void)sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+
+        const SqliteConnection connection(db);
+
+        (void)(any.prepare(db, "SELECT count(*) FROM sqlite_master") == 0 && any.next());
+    }
 }
 
 PublishPaths Staging::paths() const
