@@ -152,12 +152,12 @@ int LiveStores::open_responder()
     if (is_unusable(rc)) {
         flaw_ = "is no database, or is damaged";
         (void)execute("DETACH responder");
-        responder_file_ = FileIdentity::of(responder_);
-        return 0;
-    }
-    if (accept(responder_, "responder", rc, is_hot) != 0)
+    } else if (accept(responder_, "responder", rc, is_hot) != 0) {
         return -1;
-    data_version_ = data_version().value_or(-1);
+    }
+    responder_file_ = FileIdentity::of(responder_); /* what was rolled back is written */
+    if (flaw_.empty())
+        data_version_ = data_version().value_or(-1);
     return 0;
 }
 
@@ -243,25 +243,19 @@ std::optional<std::int64_t> LiveStores::data_version()
     return version.number(0);
 }
 
-bool LiveStores::is_moved(const char *schema) const
+/* Commits of one moment look alike to the file's times, and files that were copied over each other to SQLite.
+ */
+bool LiveStores::responder_changed()
+{
+    return db_ == nullptr || FileIdentity::of(responder_) != responder_file_ ||
+           (flaw_.empty() && data_version() != data_version_);
+}
+
+bool LiveStores::handlers_replaced() const
 {
     int moved = 0;
 
-    return sqlite3_file_control(db_.get(), schema, SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK || moved != 0;
-}
-
-bool LiveStores::responder_changed()
-{
-    if (db_ == nullptr)
-        return true;
-    if (!flaw_.empty())
-        return FileIdentity::of(responder_) != responder_file_;
-    return is_moved("responder") || data_version() != data_version_;
-}
-
-bool LiveStores::handlers_replaced()
-{
-    return is_moved("main");
+    return sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK || moved != 0;
 }
 
 int LiveStores::try_to(const char *begin)

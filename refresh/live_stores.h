@@ -57,7 +57,7 @@ public:
 
     /* Whether somebody wrote or replaced the responder store since open; also when it cannot be told. */
     [[nodiscard]] bool responder_changed();
-    [[nodiscard]] bool handlers_replaced();
+    [[nodiscard]] bool handlers_replaced() const;
 
     /*
      * Locks both stores against readers, too: nothing can hinder the commit any more.  While somebody else
@@ -81,7 +81,6 @@ private:
     [[nodiscard]] int execute(const char *sql);
     [[nodiscard]] int try_to(const char *begin);
     [[nodiscard]] std::optional<std::int64_t> data_version();
-    [[nodiscard]] bool is_moved(const char *schema) const;
     void remove_stale_lists();
     int tell(const std::string &what);
 

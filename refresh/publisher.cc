@@ -40,22 +40,31 @@ RowKey key_of(const HandlerKey &handler)
     return {handler.address, "autoresponder", text(handler.queue), text(handler.type)};
 }
 
-/* What a store's tables, indices, triggers and views are, but for what ANALYZE keeps; empty when it cannot be
-   asked. */
-std::string schema_of(sqlite3 *db, const std::string &schema)
+/* Adds all rows that a statement gives; returns 0 or -1. */
+int append_rows(sqlite3 *db, const std::string &sql, std::string *all)
 {
-    const std::string sql = "SELECT type, name, tbl_name, sql FROM " + schema +
-                            ".sqlite_schema WHERE name NOT LIKE 'sqlite\\_stat%' ESCAPE '\\' "
-                            "UNION ALL SELECT 'version', user_version, '', '' FROM pragma_user_version('" +
-                            schema + "') ORDER BY 1, 2, 3";
     SqliteQuery rows;
-    std::string all;
 
     if (rows.prepare(db, sql.c_str()) != 0)
-        return "";
+        return -1;
     while (rows.next())
-        all += rows.values() + '\n';
-    return rows.failed() ? "" : all;
+        *all += rows.values() + '\n';
+    return rows.failed() ? -1 : 0;
+}
+
+/* What a store's tables, indices, triggers and views are, but for what ANALYZE keeps, and its version;
+   nothing when it cannot be asked. */
+std::optional<std::string> schema_of(sqlite3 *db, const std::string &schema)
+{
+    std::string all;
+
+    if (append_rows(db,
+                    "SELECT type, name, tbl_name, sql FROM " + schema +
+                        ".sqlite_schema WHERE name NOT LIKE 'sqlite\\_stat%' ESCAPE '\\' ORDER BY 1, 2, 3",
+                    &all) != 0 ||
+        append_rows(db, "PRAGMA " + schema + ".user_version", &all) != 0)
+        return std::nullopt;
+    return all;
 }
 
 } // namespace
@@ -78,7 +87,7 @@ public:
 private:
     [[nodiscard]] int copy_to(const std::string &from, const std::string &to);
     [[nodiscard]] int copy_responder();
-    void judge_responder();
+    [[nodiscard]] int judge_responder();
     [[nodiscard]] bool something_to_write() const;
     [[nodiscard]] PublishResult publish_locked(FileReplacement *replacement);
     [[nodiscard]] std::optional<PublishResult> look_again();
@@ -154,13 +163,20 @@ int Publisher::Live::copy_responder()
     return ending == CopyEnding::failed ? -1 : 0;
 }
 
-void Publisher::Live::judge_responder()
+int Publisher::Live::judge_responder()
 {
-    if (responder_copy_ != nullptr &&
-        schema_of(responder_copy_.get(), "main") != schema_of(stores.db(), staged_responder))
-        why_replaced_ = paths_.live_responder + " has other tables than a rebuild makes";
+    if (responder_copy_ != nullptr) {
+        const std::optional<std::string> live = schema_of(responder_copy_.get(), "main");
+        const std::optional<std::string> staged = schema_of(stores.db(), staged_responder);
+
+        if (!live || !staged)
+            return tell("the tables of the responder store cannot be compared");
+        if (live != staged)
+            why_replaced_ = paths_.live_responder + " has other tables than a rebuild makes";
+    }
     if (replaces_responder())
         sink_.note(why_replaced_ + ": it is replaced whole");
+    return 0;
 }
 
 int Publisher::Live::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
@@ -176,9 +192,8 @@ int Publisher::Live::compare(const PublishOptions &options, const std::function<
     if (stores.attach(paths_.staged_responder, staged_responder) != 0 ||
         stores.attach(paths_.staged_handlers, staged_handlers) != 0 ||
         stores.attach(paths_.handlers_before, handlers_before) != 0 ||
-        (!replaces_responder() && copy_responder() != 0))
+        (!replaces_responder() && copy_responder() != 0) || judge_responder() != 0)
         return -1;
-    judge_responder();
 
     const auto compare_one = [&](ChangedTable table, const RowSource &live, const char *staged,
                                  bool removes) {
