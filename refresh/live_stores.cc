@@ -156,9 +156,19 @@ int LiveStores::open_responder()
         return -1;
     }
     responder_file_ = FileIdentity::of(responder_); /* what was rolled back is written */
-    if (flaw_.empty())
-        data_version_ = data_version().value_or(-1);
-    return 0;
+    return flaw_.empty() ? get_ready() : 0;
+}
+
+/* Of the pages that are written, those that the cache cannot hold cost a sync of the journal each time. */
+int LiveStores::get_ready()
+{
+    const std::optional<std::int64_t> version = data_version();
+
+    data_version_ = version.value_or(0);
+    if (version &&
+        execute("PRAGMA responder.synchronous = EXTRA; PRAGMA responder.cache_size = -6144") == SQLITE_OK)
+        return 0;
+    return tell(responder_ + " cannot be opened");
 }
 
 /* Tells what stands against opening a file. */
@@ -200,7 +210,7 @@ int LiveStores::connect()
     (void)sqlite3_busy_timeout(db, static_cast<int>(wait_.count()));
     /* The rows are published as they are: what a table's triggers make of them they have made already. */
     (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    return execute("PRAGMA foreign_keys = OFF; PRAGMA synchronous = EXTRA; PRAGMA cache_size = -1024");
+    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = EXTRA");
 }
 
 int LiveStores::attach_as(const std::string &path, const char *mode, const char *schema)
@@ -229,8 +239,10 @@ int LiveStores::first_read(const char *schema)
 int LiveStores::attach(const std::string &path, const char *schema)
 {
     (void)execute((std::string("DETACH ") + schema).c_str());
-    if (attach_as(path, "ro", schema) == SQLITE_OK && first_read(schema) == SQLITE_OK)
+    if (attach_as(path, "ro", schema) == SQLITE_OK && first_read(schema) == SQLITE_OK) {
+        (void)execute((std::string("PRAGMA ") + schema + ".cache_size = -256").c_str());
         return 0;
+    }
     return tell(path + " cannot be read");
 }
 
@@ -245,10 +257,18 @@ std::optional<std::int64_t> LiveStores::data_version()
 
 /* Commits of one moment look alike to the file's times, and files that were copied over each other to SQLite.
  */
-bool LiveStores::responder_changed()
+std::optional<bool> LiveStores::responder_changed()
 {
-    return db_ == nullptr || FileIdentity::of(responder_) != responder_file_ ||
-           (flaw_.empty() && data_version() != data_version_);
+    if (FileIdentity::of(responder_) != responder_file_)
+        return true;
+    if (!flaw_.empty())
+        return false;
+
+    const std::optional<std::int64_t> version = data_version();
+
+    if (!version)
+        return std::nullopt;
+    return *version != data_version_;
 }
 
 bool LiveStores::handlers_replaced() const

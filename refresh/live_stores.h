@@ -55,8 +55,10 @@ public:
     /* Attaches a database that is only read, in place of one that was attached by that name before. */
     [[nodiscard]] int attach(const std::string &path, const char *schema);
 
-    /* Whether somebody wrote or replaced the responder store since open; also when it cannot be told. */
-    [[nodiscard]] bool responder_changed();
+    /* Whether somebody wrote or replaced the responder store since open; nothing when it cannot be told. */
+    [[nodiscard]] std::optional<bool> responder_changed();
+
+    /* Whether the handlers store's file is another one. */
     [[nodiscard]] bool handlers_replaced() const;
 
     /*
@@ -76,6 +78,7 @@ private:
     [[nodiscard]] int refuse(const std::string &path, StoreFileKind kind);
     [[nodiscard]] int accept(const std::string &path, const char *schema, int rc, bool was_hot);
     [[nodiscard]] int connect();
+    [[nodiscard]] int get_ready();
     [[nodiscard]] int attach_as(const std::string &path, const char *mode, const char *schema);
     [[nodiscard]] int first_read(const char *schema);
     [[nodiscard]] int execute(const char *sql);

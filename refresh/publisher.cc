@@ -92,6 +92,10 @@ private:
     [[nodiscard]] PublishResult publish_locked(FileReplacement *replacement);
     [[nodiscard]] std::optional<PublishResult> look_again();
     [[nodiscard]] int write();
+    [[nodiscard]] std::vector<RowChange> &rows_of(ChangedTable table)
+    {
+        return rows_[static_cast<std::size_t>(table)];
+    }
     int tell(const std::string &what);
 
     PublishPaths paths_;
@@ -200,7 +204,7 @@ int Publisher::Live::compare(const PublishOptions &options, const std::function<
         const auto remember = [&](const std::string &key, const RowChange &row) {
             if (row.kind == ChangeKind::removed && !removes)
                 return;
-            rows_[static_cast<std::size_t>(table)].push_back(row);
+            rows_of(table).push_back(row);
             counts->add(row.kind, table);
             if (each)
                 each({row.kind, table, key});
@@ -210,11 +214,8 @@ int Publisher::Live::compare(const PublishOptions &options, const std::function<
     };
 
     for (const ChangedTable table : responder_tables) {
-        RowSource live = {responder_copy_.get(), "main"};
+        const RowSource live = {responder_copy_.get(), "main"};
 
-        /* Of tables that are not alike nothing can be said row by row. */
-        if (columns_of(live, table) != columns_of({stores.db(), staged_responder}, table))
-            live.db = nullptr;
         if (compare_one(table, live, staged_responder, options.removes || replaces_responder()) != 0)
             return -1;
     }
@@ -268,37 +269,35 @@ PublishResult Publisher::Live::publish_locked(FileReplacement *replacement)
 /* Whether under the lock something is not any more as it was compared, and what comes of that. */
 std::optional<PublishResult> Publisher::Live::look_again()
 {
-    const std::vector<RowChange> &handlers = rows_[static_cast<std::size_t>(ChangedTable::handlers)];
+    const std::optional<bool> responder_changed = stores.responder_changed();
+    const Recheck handlers = recheck_rows(stores.db(), ChangedTable::handlers, handlers_in, handlers_before,
+                                          staged_handlers, rows_of(ChangedTable::handlers));
     std::string changed;
 
     if (stores.handlers_replaced())
         changed = paths_.live_handlers + " was replaced meanwhile";
-    else if (stores.responder_changed())
+    else if (responder_changed == true)
         changed = paths_.live_responder + " was changed meanwhile";
-    else
-        switch (recheck_rows(stores.db(), ChangedTable::handlers, handlers_in, handlers_before,
-                             staged_handlers, handlers)) {
-        case Recheck::same:
-            return std::nullopt;
-        case Recheck::changed:
-            changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
-            break;
-        case Recheck::failed:
-            (void)tell(paths_.live_handlers + " cannot be read");
-            return PublishResult::failed;
-        }
-    sink_.trouble(changed);
-    return PublishResult::changed_meanwhile;
+    else if (handlers == Recheck::changed)
+        changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
+    if (!changed.empty()) {
+        sink_.trouble(changed);
+        return PublishResult::changed_meanwhile;
+    }
+    if (responder_changed && handlers == Recheck::same)
+        return std::nullopt;
+    (void)tell("the live stores cannot be read");
+    return PublishResult::failed;
 }
 
 int Publisher::Live::write()
 {
     for (const ChangedTable table : responder_tables)
-        if (!replaces_responder() && write_rows(stores.db(), table, responder_in, staged_responder,
-                                                rows_[static_cast<std::size_t>(table)]) != 0)
+        if (!replaces_responder() &&
+            write_rows(stores.db(), table, responder_in, staged_responder, rows_of(table)) != 0)
             return tell(paths_.live_responder + " cannot be written");
     if (write_rows(stores.db(), ChangedTable::handlers, handlers_in, staged_handlers,
-                   rows_[static_cast<std::size_t>(ChangedTable::handlers)]) != 0)
+                   rows_of(ChangedTable::handlers)) != 0)
         return tell(paths_.live_handlers + " cannot be written");
     return 0;
 }
@@ -323,7 +322,7 @@ int Publisher::copy_handlers()
 
 bool Publisher::responder_changed()
 {
-    return live_->stores.responder_changed();
+    return live_->stores.db() == nullptr || live_->stores.responder_changed().value_or(true);
 }
 
 int Publisher::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,

@@ -97,7 +97,8 @@ public:
        mode 0600; owner and mode are the caller's affair.  Returns 0, or -1 after telling the trouble. */
     [[nodiscard]] int copy_handlers();
 
-    /* Whether somebody wrote or replaced the live responder store since open_live. */
+    /* Whether somebody wrote or replaced the live responder store since open_live; also when it cannot be
+     * told. */
     [[nodiscard]] bool responder_changed();
 
     /*

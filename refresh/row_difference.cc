@@ -185,6 +185,13 @@ void walk_keys(ChangedTable table, KeyGroups *live, KeyGroups *staged, const std
     }
 }
 
+int tell_failure(ChangedTable table, const RowSource &source, const char *side, const TroubleSink &trouble)
+{
+    trouble(std::string("table ") + table_name(table) + side + store_name(table) +
+            " store cannot be compared: " + sqlite3_errmsg(source.db));
+    return -1;
+}
+
 } // namespace
 
 const std::vector<const char *> &key_columns(ChangedTable table)
@@ -199,7 +206,7 @@ const std::vector<const char *> &key_columns(ChangedTable table)
     return keys[static_cast<std::size_t>(table)];
 }
 
-std::string columns_of(const RowSource &source, ChangedTable table)
+std::optional<std::string> columns_of(const RowSource &source, ChangedTable table)
 {
     const std::string sql =
         std::string("SELECT group_concat('\"' || replace(name, '\"', '\"\"') || '\"', ', ') "
@@ -207,8 +214,8 @@ std::string columns_of(const RowSource &source, ChangedTable table)
         table_name(table) + "', '" + source.schema + "')";
     SqliteQuery names;
 
-    if (source.db == nullptr || names.prepare(source.db, sql.c_str()) != 0 || !names.next())
-        return "";
+    if (names.prepare(source.db, sql.c_str()) != 0 || !names.next())
+        return std::nullopt;
     return std::string(names.text(0).value_or(""));
 }
 
@@ -229,27 +236,22 @@ std::optional<std::string> RowReader::read(std::int64_t row)
 int compare_table(ChangedTable table, const RowSource &live, const RowSource &staged,
                   const std::set<RowKey> &unwanted, const RowBody &body, const TroubleSink &trouble)
 {
-    const std::string columns = columns_of(staged, table);
+    const std::optional<std::string> columns = columns_of(staged, table);
+    const std::optional<std::string> live_columns = live.db != nullptr ? columns_of(live, table) : "";
+    const RowSource alike = live_columns == columns ? live : RowSource{};
     KeyGroups live_groups;
     KeyGroups staged_groups;
-    const RowSource *failed = nullptr;
 
-    if (live_groups.open(live, table, columns) != 0)
-        failed = &live;
-    else if (staged_groups.open(staged, table, columns) != 0)
-        failed = &staged;
-    else
-        walk_keys(table, &live_groups, &staged_groups, unwanted, body);
+    if (!live_columns || (columns && live_groups.open(alike, table, *columns) != 0))
+        return tell_failure(table, live, " of the live ", trouble);
+    if (!columns || staged_groups.open(staged, table, *columns) != 0)
+        return tell_failure(table, staged, " of the rebuilt ", trouble);
+    walk_keys(table, &live_groups, &staged_groups, unwanted, body);
     if (live_groups.failed())
-        failed = &live;
-    else if (staged_groups.failed())
-        failed = &staged;
-    if (failed == nullptr)
-        return 0;
-    trouble(std::string("table ") + table_name(table) +
-            (failed == &live ? " of the live " : " of the rebuilt ") + store_name(table) +
-            " store cannot be compared: " + sqlite3_errmsg(failed->db));
-    return -1;
+        return tell_failure(table, live, " of the live ", trouble);
+    if (staged_groups.failed())
+        return tell_failure(table, staged, " of the rebuilt ", trouble);
+    return 0;
 }
 
 } // namespace kolmo

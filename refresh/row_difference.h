@@ -39,9 +39,9 @@ using RowKey = std::vector<std::string>;
 /* The columns that a key is made of. */
 [[nodiscard]] const std::vector<const char *> &key_columns(ChangedTable table);
 
-/* The table's columns that can be written, quoted and separated by commas; empty when it has none or cannot
-   be asked. */
-[[nodiscard]] std::string columns_of(const RowSource &source, ChangedTable table);
+/* The table's columns that can be written, quoted and separated by commas; empty when there is no such table,
+   nothing when it cannot be told: sqlite3_errmsg says why. */
+[[nodiscard]] std::optional<std::string> columns_of(const RowSource &source, ChangedTable table);
 
 /* Reads rows of a table by their rowids, as SqliteQuery::values gives them. */
 class RowReader
@@ -61,7 +61,7 @@ private:
 /*
  * Compares a table, in the order of keys.
  *
- * live, staged  must not change meanwhile
+ * live, staged  must not change meanwhile; a live table of other columns counts as one without rows
  * unwanted      keys whose rows of the staged store count as gone
  * body          hears of each row that differs
  * trouble       hears why a table cannot be compared; one without rowids cannot
