@@ -55,8 +55,8 @@ int make_like(const std::string &path, const char *live_store, const SayTrouble 
 
     if (::stat(live.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         trouble("the folder " + live +
-                " is missing, over which the staging is laid: make it as the panel had " +
-                "it, with owner and mode");
+                " is missing, over which the staging is laid: make it as the panel had it, with owner "
+                "and mode");
         return -1;
     }
     if (::mkdir(path.c_str(), 0700) != 0 || ::chown(path.c_str(), status.st_uid, status.st_gid) != 0 ||
