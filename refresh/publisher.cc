@@ -69,6 +69,12 @@ std::optional<std::string> schema_of(sqlite3 *db, const std::string &schema)
 
 } // namespace
 
+/* Who hears what compare finds. */
+struct CompareSink {
+    const std::function<void(const Change &)> &each;
+    ChangeCounts *counts;
+};
+
 /* The open stores, and what compare has found. */
 class Publisher::Live
 {
@@ -77,8 +83,7 @@ public:
 
     void remove_leftover() const { const FileReplacement replacement(paths_.live_responder); }
     [[nodiscard]] int copy_handlers();
-    [[nodiscard]] int compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
-                              ChangeCounts *counts);
+    [[nodiscard]] int compare(const PublishOptions &options, const CompareSink &sink);
     [[nodiscard]] bool replaces_responder() const { return !why_replaced_.empty(); }
     [[nodiscard]] PublishResult publish();
 
@@ -88,6 +93,10 @@ private:
     [[nodiscard]] int copy_to(const std::string &from, const std::string &to);
     [[nodiscard]] int copy_responder();
     [[nodiscard]] int judge_responder();
+    [[nodiscard]] int attach_staged();
+    [[nodiscard]] int compare_responder(bool removes, const CompareSink &sink);
+    [[nodiscard]] int compare_handlers(const std::vector<HandlerKey> &prune, const CompareSink &sink);
+    void remember(ChangedTable table, const std::string &key, const RowChange &row, const CompareSink &sink);
     [[nodiscard]] bool something_to_write() const;
     [[nodiscard]] PublishResult publish_locked(FileReplacement *replacement);
     [[nodiscard]] std::optional<PublishResult> look_again();
@@ -103,6 +112,7 @@ private:
     PublishSink sink_;
     SqliteConnection responder_copy_;
     std::string why_replaced_;
+    bool writes_rows_ = true; /* in all tables; otherwise what differs at all is replaced whole */
     std::array<std::vector<RowChange>, changed_tables> rows_;
 };
 
@@ -167,62 +177,97 @@ int Publisher::Live::copy_responder()
     return ending == CopyEnding::failed ? -1 : 0;
 }
 
+/* Whether the responder store can be written row by row; why not, if it cannot. */
 int Publisher::Live::judge_responder()
 {
-    if (responder_copy_ != nullptr) {
-        const std::optional<std::string> live = schema_of(responder_copy_.get(), "main");
-        const std::optional<std::string> staged = schema_of(stores.db(), staged_responder);
+    if (responder_copy_ == nullptr)
+        return 0;
 
-        if (!live || !staged)
+    const std::optional<std::string> live = schema_of(responder_copy_.get(), "main");
+    const std::optional<std::string> staged = schema_of(stores.db(), staged_responder);
+
+    if (!live || !staged)
+        return tell("the tables of the responder store cannot be compared");
+    if (live != staged)
+        why_replaced_ = paths_.live_responder + " has other tables than a rebuild makes";
+    for (const ChangedTable table : responder_tables) {
+        const std::optional<bool> numbered = has_rowids({stores.db(), staged_responder}, table);
+
+        if (!numbered)
             return tell("the tables of the responder store cannot be compared");
-        if (live != staged)
-            why_replaced_ = paths_.live_responder + " has other tables than a rebuild makes";
+        writes_rows_ = writes_rows_ && *numbered;
     }
+    return 0;
+}
+
+int Publisher::Live::attach_staged()
+{
+    return stores.attach(paths_.staged_responder, staged_responder) == 0 &&
+                   stores.attach(paths_.staged_handlers, staged_handlers) == 0
+               ? stores.attach(paths_.handlers_before, handlers_before)
+               : -1;
+}
+
+/* A store that is replaced loses what it had too much, whether something is to be removed or not. */
+int Publisher::Live::compare_responder(bool removes, const CompareSink &sink)
+{
+    const RowSource live = {responder_copy_.get(), "main"};
+    const RowSource staged = {stores.db(), staged_responder};
+    const bool removes_all = removes || replaces_responder() || !writes_rows_;
+
+    for (const ChangedTable table : responder_tables) {
+        const auto remember = [&](const std::string &key, const RowChange &row) {
+            if (row.kind != ChangeKind::removed || removes_all)
+                this->remember(table, key, row, sink);
+        };
+
+        if (compare_table(table, live, staged, {}, remember, sink_.trouble) != 0)
+            return -1;
+        if (!writes_rows_ && !replaces_responder() && !rows_of(table).empty())
+            why_replaced_ = paths_.live_responder + " differs and has a table without row numbers";
+    }
+    responder_copy_.reset();
     if (replaces_responder())
         sink_.note(why_replaced_ + ": it is replaced whole");
     return 0;
 }
 
-int Publisher::Live::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
-                             ChangeCounts *counts)
+int Publisher::Live::compare_handlers(const std::vector<HandlerKey> &prune, const CompareSink &sink)
 {
     std::set<RowKey> unwanted;
 
-    *counts = {};
-    rows_ = {};
-    why_replaced_ =
-        stores.responder_flaw().empty() ? "" : paths_.live_responder + ' ' + stores.responder_flaw();
-    responder_copy_.reset();
-    if (stores.attach(paths_.staged_responder, staged_responder) != 0 ||
-        stores.attach(paths_.staged_handlers, staged_handlers) != 0 ||
-        stores.attach(paths_.handlers_before, handlers_before) != 0 ||
-        (!replaces_responder() && copy_responder() != 0) || judge_responder() != 0)
-        return -1;
-
-    const auto compare_one = [&](ChangedTable table, const RowSource &live, const char *staged,
-                                 bool removes) {
-        const auto remember = [&](const std::string &key, const RowChange &row) {
-            if (row.kind == ChangeKind::removed && !removes)
-                return;
-            rows_of(table).push_back(row);
-            counts->add(row.kind, table);
-            if (each)
-                each({row.kind, table, key});
-        };
-
-        return compare_table(table, live, {stores.db(), staged}, unwanted, remember, sink_.trouble);
-    };
-
-    for (const ChangedTable table : responder_tables) {
-        const RowSource live = {responder_copy_.get(), "main"};
-
-        if (compare_one(table, live, staged_responder, options.removes || replaces_responder()) != 0)
-            return -1;
-    }
-    responder_copy_.reset();
-    for (const HandlerKey &handler : options.prune)
+    for (const HandlerKey &handler : prune)
         unwanted.insert(key_of(handler));
-    return compare_one(ChangedTable::handlers, {stores.db(), handlers_before}, staged_handlers, true);
+    return compare_table(
+        ChangedTable::handlers, {stores.db(), handlers_before}, {stores.db(), staged_handlers}, unwanted,
+        [&](const std::string &key, const RowChange &row) {
+            remember(ChangedTable::handlers, key, row, sink);
+        },
+        sink_.trouble);
+}
+
+void Publisher::Live::remember(ChangedTable table, const std::string &key, const RowChange &row,
+                               const CompareSink &sink)
+{
+    rows_of(table).push_back(row);
+    sink.counts->add(row.kind, table);
+    if (sink.each)
+        sink.each({row.kind, table, key});
+}
+
+int Publisher::Live::compare(const PublishOptions &options, const CompareSink &sink)
+{
+    const std::string &flaw = stores.responder_flaw();
+
+    *sink.counts = {};
+    rows_ = {};
+    writes_rows_ = true;
+    why_replaced_ = flaw.empty() ? "" : paths_.live_responder + ' ' + flaw;
+    responder_copy_.reset();
+    if (attach_staged() != 0 || (flaw.empty() && copy_responder() != 0) || judge_responder() != 0 ||
+        compare_responder(options.removes, sink) != 0)
+        return -1;
+    return compare_handlers(options.prune, sink);
 }
 
 bool Publisher::Live::something_to_write() const
@@ -328,7 +373,7 @@ bool Publisher::responder_changed()
 int Publisher::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
                        ChangeCounts *counts)
 {
-    return live_->compare(options, each, counts);
+    return live_->compare(options, {each, counts});
 }
 
 bool Publisher::replaces_responder() const

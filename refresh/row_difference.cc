@@ -51,6 +51,7 @@ private:
 
     SqliteQuery order_; /* rowids and keys in their order: small, so that it can be sorted */
     RowReader values_;
+    bool has_rowids_ = true; /* otherwise the order has the values, too */
     std::size_t key_columns_ = 0;
     bool is_at_row_ = false;
     bool failed_ = false;
@@ -62,17 +63,25 @@ private:
    row must not hide it. */
 int KeyGroups::open(const RowSource &source, ChangedTable table, const std::string &columns)
 {
-    std::string select = "SELECT rowid";
-    std::string order = " ORDER BY ";
-
     if (source.db == nullptr)
         return 0;
+
+    const std::optional<bool> numbered = has_rowids(source, table);
+
+    if (!numbered)
+        return -1;
+    has_rowids_ = *numbered;
+
+    std::string select = has_rowids_ ? "SELECT rowid" : "SELECT 0";
+    std::string order = " NOT INDEXED ORDER BY ";
+
     for (const char *const column : key_columns(table)) {
         select += std::string(", ifnull(CAST(") + column + " AS BLOB), x'')";
         order += std::to_string(++key_columns_ + 1) + ", ";
     }
-    select += " FROM " + qualified(source, table) + " NOT INDEXED" + order + '1';
-    if (order_.prepare(source.db, select.c_str()) != 0 || values_.open(source, table, columns) != 0)
+    select += (has_rowids_ ? "" : ", " + columns) + " FROM " + qualified(source, table) + order + '1';
+    if (order_.prepare(source.db, select.c_str()) != 0 ||
+        (has_rowids_ && values_.open(source, table, columns) != 0))
         return -1;
     order_.ask();
     step();
@@ -97,7 +106,8 @@ RowKey KeyGroups::key_here() const
 bool KeyGroups::add_row()
 {
     const std::int64_t number = order_.number(0);
-    std::optional<std::string> values = values_.read(number);
+    std::optional<std::string> values =
+        has_rowids_ ? values_.read(number) : order_.values(static_cast<int>(key_columns_) + 1);
 
     failed_ = failed_ || !values;
     if (values)
@@ -217,6 +227,22 @@ std::optional<std::string> columns_of(const RowSource &source, ChangedTable tabl
     if (names.prepare(source.db, sql.c_str()) != 0 || !names.next())
         return std::nullopt;
     return std::string(names.text(0).value_or(""));
+}
+
+std::optional<bool> has_rowids(const RowSource &source, ChangedTable table)
+{
+    const std::string sql = std::string("SELECT wr FROM pragma_table_list WHERE schema = '") + source.schema +
+                            "' AND name = '" + table_name(table) + "'";
+    SqliteQuery found;
+
+    if (found.prepare(source.db, sql.c_str()) != 0)
+        return std::nullopt;
+
+    const bool is_without = found.next() && found.number(0) == 1;
+
+    if (found.failed())
+        return std::nullopt;
+    return !is_without;
 }
 
 int RowReader::open(const RowSource &source, ChangedTable table, const std::string &columns)

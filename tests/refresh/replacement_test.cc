@@ -142,6 +142,45 @@ TEST_F(ReplacementTest, StoreThatCannotBeMendedIsTheStagedFileAfterwardsWithItsO
     }
 }
 
+constexpr char numberless[] =
+    "DROP TABLE autoresponder; DROP TABLE extra_headers; CREATE TABLE autoresponder (mn TEXT PRIMARY KEY, "
+    "body) "
+    "WITHOUT ROWID; CREATE TABLE extra_headers (name, value, PRIMARY KEY (name, value)) WITHOUT ROWID;"
+    "INSERT INTO autoresponder VALUES ('a@x.test', 'A'); INSERT INTO extra_headers VALUES ('X', '1'), ('X', "
+    "'2');";
+
+/* They can be compared, but not written row by row. */
+TEST_F(ReplacementTest, StoreWithATableWithoutRowNumbersIsReplacedWhenARowDiffers)
+{
+    const PublisherWorld world;
+    PublishOptions options;
+
+    options.removes = false;
+    for (const std::string &path : {world.paths.live_responder, world.paths.staged_responder})
+        (void)world.run(path, numberless);
+    (void)world.run(world.paths.staged_responder, "VACUUM");
+
+    const Published nothing = world.publish({}, options);
+
+    EXPECT_EQ(nothing.result, PublishResult::published);
+    EXPECT_EQ(nothing.changes, Lines{});
+    EXPECT_EQ(nothing.notes, Lines{});
+    EXPECT_NE(read_file(world.paths.live_responder), read_file(world.paths.staged_responder));
+
+    (void)world.run(world.paths.staged_responder,
+                    "UPDATE autoresponder SET body = 'B'; DELETE FROM extra_headers WHERE value = '1'");
+
+    const Published published = world.publish({}, options);
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.troubles, Lines{});
+    EXPECT_EQ(published.notes,
+              Lines{world.paths.live_responder + " differs and has a table without row numbers: "
+                                                 "it is replaced whole"});
+    EXPECT_EQ(published.changes, (Lines{"changed autoresponder a@x.test", "removed extra_headers X"}));
+    EXPECT_EQ(read_file(world.paths.live_responder), read_file(world.paths.staged_responder));
+}
+
 /* A rebuild that failed replaces, too, what cannot be used: what is gone with it is told. */
 TEST_F(ReplacementTest, RowsThatGoWithTheOldFileAreToldEvenWhenNothingIsToBeRemoved)
 {
