@@ -1,5 +1,7 @@
 #include "refresh/live_stores.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -47,6 +49,11 @@ std::string uri_of(const std::string &path, const char *mode)
             uri += {'%', digits[byte >> 4], digits[byte & 0xf]};
     }
     return uri + "?mode=" + mode;
+}
+
+int busy_milliseconds(std::chrono::milliseconds wait)
+{
+    return static_cast<int>(std::min<std::chrono::milliseconds::rep>(wait.count(), INT_MAX));
 }
 
 std::int64_t nanoseconds(const timespec &time)
@@ -207,7 +214,7 @@ int LiveStores::connect()
     db_.reset(db);
     if (rc != SQLITE_OK)
         return rc;
-    (void)sqlite3_busy_timeout(db, static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db, busy_milliseconds(wait_));
     /* The rows are published as they are: what a table's triggers make of them they have made already. */
     (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
     return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = EXTRA");
@@ -284,7 +291,7 @@ int LiveStores::try_to(const char *begin)
 
     const int rc = execute(begin);
 
-    (void)sqlite3_busy_timeout(db_.get(), static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db_.get(), busy_milliseconds(wait_));
     return rc;
 }
 
@@ -292,6 +299,11 @@ int LiveStores::lock()
 {
     const Clock::time_point deadline = Clock::now() + wait_;
     int rc;
+
+    if (db_ == nullptr) {
+        trouble_("the live stores are not open any more");
+        return -1;
+    }
 
     while (is_busy(rc = try_to("BEGIN EXCLUSIVE")) && Clock::now() < deadline)
         std::this_thread::sleep_for(pause_between_tries);

@@ -33,7 +33,7 @@ struct Stores {
 class FaultWorld : public PublisherWorld
 {
 public:
-    explicit FaultWorld(bool replaces) : replaces_(replaces)
+    explicit FaultWorld(bool replaces)
     {
         (void)run(paths.live_responder, sql_reply("gone@x.test", "G") + sql_reply("other@x.test", "O") +
                                             sql_attachment("gone@x.test", "1.pdf") + sql_header("X-A", "1"));
@@ -88,9 +88,6 @@ public:
             return PublishResult::failed;
         return again->publish();
     }
-
-private:
-    bool replaces_;
 };
 
 Stores published_stores(bool replaces)

@@ -194,6 +194,12 @@ const std::vector<MeanwhileRow> meanwhile_rows = {
          (void)world.run(world.paths.live_handlers, sql_handler("old@x.test", 4));
      },
      ": a handler that was to be written was changed meanwhile", false},
+    {"a handler that is to be changed was changed in its place",
+     [](const PublisherWorld &world) {
+         (void)world.run(world.paths.live_handlers,
+                         "UPDATE handlers SET priority = 4 WHERE address = 'old@x.test'");
+     },
+     ": a handler that was to be written was changed meanwhile", false},
     {"a handler that is to be changed was removed",
      [](const PublisherWorld &world) {
          (void)world.run(world.paths.live_handlers, "DELETE FROM handlers WHERE address = 'old@x.test'");
@@ -288,6 +294,22 @@ TEST(PublisherMeanwhile, ChangeOfTheResponderStoreIsSeenBeforehand)
     EXPECT_FALSE(publisher->responder_changed());
     std::filesystem::copy_file(world.paths.staged_responder, world.paths.live_responder);
     EXPECT_TRUE(publisher->responder_changed());
+}
+
+/* The file's times are those of a tick of the kernel's clock, in which there is room for several commits. */
+TEST(PublisherMeanwhile, CommitsOfOneMomentAreToldApart)
+{
+    const PublisherWorld world;
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A"));
+    for (int round = 0; round < 100; round++) {
+        (void)world.run(world.paths.live_responder, "UPDATE autoresponder SET body = 'B'");
+        ASSERT_EQ(publisher->open_live(), 0);
+        (void)world.run(world.paths.live_responder, "UPDATE autoresponder SET body = 'C'");
+        ASSERT_TRUE(publisher->responder_changed());
+    }
 }
 
 class LockedTest : public ::testing::TestWithParam<bool>
