@@ -581,6 +581,20 @@ TEST_F(ProgramTest, JsonIsAnObjectALine)
     EXPECT_EQ(output, read_file(path)) << "KOLMO_WRITE_GOLDEN=1 writes it anew";
 }
 
+/* The rebuild repeats on standard output what it says on standard error. */
+TEST_F(ProgramTest, NothingButJsonGoesToStandardOutput)
+{
+    write_utility("echo sorry >&2; exit 3");
+
+    const ProgramResult result = refresh({"--json"});
+
+    EXPECT_EQ(without_chance(result.out),
+              "{\"trouble\":\"mail_responders_rebuild has failed with status 255; nothing is published\"}\n"
+              "{\"refresh\":{\"published\":false,\"reason\":\"rebuild-failed\",\"added\":0,\"changed\":0,"
+              "\"removed\":0,\"seconds\":0}}\n");
+    EXPECT_NE(result.err.find("mail_responders_control execution failed:"), std::string::npos) << result.err;
+}
+
 TEST_F(ProgramTest, QuietIsSilentWhenAllIsWell)
 {
     const ProgramResult result = refresh({"-q"});
