@@ -4,11 +4,24 @@
  *     open_live       what the live stores are now; a hot journal is rolled back
  *     copy_handlers   the live handlers store, twice: for the rebuild to work on, and to compare with
  *     ...             the rebuild works on the staged stores
- *     compare         which rows differ; nothing is locked for longer than SQLite reads a table
+ *     compare         which rows differ; the live responder store is looked at in a private copy, which is
+ *                     made in steps of a moment
  *     publish         one transaction over both stores
  *
- * Between open_live and publish no lock is held.  publish looks again, under the lock, whether somebody
- * changed the responder store meanwhile, or a row of the handlers store that is about to be written.
+ * Between the steps no lock is held.  publish looks again, under the lock, whether somebody changed the
+ * responder store since open_live, or a row of the handlers store that is about to be written since
+ * copy_handlers.
+ *
+ * Other tables than the four are left as they are.  Triggers of the live stores are not run: what they make
+ * of a row was made when the rebuild wrote it.
+ *
+ * After a kill or a power cut the live stores are the old ones or the new ones: the commit over two files is
+ * one by SQLite's super-journal, "HANDLERS-mjXXXXXXXXX", which is removed by the next open_live when nobody
+ * needs it any more.  A responder store that is replaced whole is not part of that: first its file is, at
+ * once, then the handlers are committed.  A handler without a reply would be run in vain; a reply without a
+ * handler waits.
+ *
+ * For a second try begin again with open_live.  Staged files are held open until the end of the object.
  */
 #pragma once
 
@@ -44,17 +57,20 @@ struct PublishOptions {
     std::vector<HandlerKey> prune = {}; /* autoresponder handlers that go */
 };
 
-/* Who hears what; both must be callable. */
+/* Who hears what; the first two must be callable. */
 struct PublishSink {
     std::function<void(const std::string &)> trouble; /* what could not be done */
-    std::function<void(const std::string &)>
-        note; /* a hot journal was rolled back, a store is replaced whole */
+    std::function<void(const std::string &)> note;    /* a hot journal was rolled back, a store is replaced */
+    /* Both stores are locked and are about to be written: a process that is killed from here to the end of
+       publish leaves hot journals, which programs that only read cannot mend. */
+    std::function<void()> locked = {};
 };
 
 enum class PublishResult {
     published,         /* also when there was nothing to write: then nothing was */
     changed_meanwhile, /* somebody wrote what was about to be written: nothing was written; told as trouble */
-    failed             /* nothing was written; told as trouble */
+    failed,            /* nothing was written; told as trouble */
+    responder_only /* the responder store was replaced whole, but not all the rest done; told as trouble */
 };
 
 class Publisher
@@ -67,8 +83,10 @@ public:
     Publisher &operator=(const Publisher &) = delete;
 
     /*
-     * Opens both live stores and keeps in mind how they are.  A responder store that is missing, empty, no
-     * database or damaged is no failure: it will be replaced whole.
+     * Opens both live stores and keeps in mind how they are.  A hot journal is rolled back, and what a killed
+     * process of ours left beside the stores is removed.  A responder store that is missing, empty, no
+     * database or damaged is no failure: it will be replaced whole.  Not while this process has another
+     * connection to a store.
      *
      * Returns 0, or -1 after telling the trouble: the handlers store is missing or no database, a store is in
      * WAL mode (in which a commit over two files is not one), locked, or cannot be read or written.
@@ -79,11 +97,13 @@ public:
        mode 0600; owner and mode are the caller's affair.  Returns 0, or -1 after telling the trouble. */
     [[nodiscard]] int copy_handlers();
 
-    /* Whether somebody wrote or replaced the live responder store since open_live. */
+    /* Whether somebody wrote or replaced the live responder store since open_live; also when it cannot be
+     * told. */
     [[nodiscard]] bool responder_changed();
 
     /*
-     * Finds the rows that differ and remembers them for publish.
+     * Finds the rows that differ and remembers them for publish: of the responder store's tables those of
+     * the live and the staged store, of the handlers those that the rebuild has changed.
      *
      * each    hears every one of them, in the order of tables and keys; empty for nobody
      * counts  set in any case
@@ -93,10 +113,11 @@ public:
                               ChangeCounts *counts);
 
     /* Whether publish will replace the responder store's file whole: it is missing, no database, damaged, or
-       of another schema than the staged one.  Known after compare. */
+       of another schema than the staged one.  Known after compare, which notes why; then there is something
+       to publish even if no row differs. */
     [[nodiscard]] bool replaces_responder() const;
 
-    /* Writes what compare found. */
+    /* Writes what compare found, if anything; a lock is waited for, without keeping others out. */
     [[nodiscard]] PublishResult publish();
 
 private:

@@ -65,6 +65,7 @@ private:
     std::string head_; /* of what goes to standard error */
     bool quiet_;
     bool color_;
+    bool begun_ = false;        /* something stands above the findings */
     std::vector<Group> groups_; /* in the order of their first finding */
     std::map<std::string, std::size_t> places_;
     std::map<std::pair<int, std::string>, std::vector<std::string>> helps_; /* by remedy: codes */
@@ -88,6 +89,7 @@ void TextOutput::begin(const DatabaseSource &source, const std::string &responde
 
     if (quiet_)
         return;
+    begun_ = true;
     for (const std::string &origin : source.origins)
         origins += (origins.empty() ? "" : ", ") + origin;
     print_wrapped(stdout, "panel database   ",
@@ -194,7 +196,7 @@ void TextOutput::end(const VerifySummary &summary, double)
     };
 
     for (const Group &group : groups_)
-        fmt::print("{}{}\n{}", quiet_ && &group == groups_.data() ? "" : "\n",
+        fmt::print("{}{}\n{}", begun_ || &group != groups_.data() ? "\n" : "",
                    group.name.empty() ? "all replies" : printable(group.name), group.lines);
     if (!quiet_) {
         print_help();
