@@ -10,7 +10,8 @@ set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(TARGETS mail_responders_rebuild mail_responders_refresh mail_responders_verify RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
   COMPONENT program)
-install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 ${PROJECT_SOURCE_DIR}/man/mail_responders_verify.8
+install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 ${PROJECT_SOURCE_DIR}/man/mail_responders_refresh.8
+  ${PROJECT_SOURCE_DIR}/man/mail_responders_verify.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
   COMPONENT program)
 

@@ -74,8 +74,13 @@ int remove_if_there(const std::string &path)
 
 } // namespace
 
+std::string FileReplacement::waiting_path(const std::string &path)
+{
+    return real_path(path) + "-refresh";
+}
+
 FileReplacement::FileReplacement(const std::string &path)
-    : path_(real_path(path)), waiting_(path_ + "-refresh")
+    : path_(real_path(path)), waiting_(waiting_path(path))
 {
     (void)remove_if_there(waiting_);
 }

@@ -17,6 +17,9 @@ namespace kolmo
 class FileReplacement
 {
 public:
+    /* Where the new file of a store waits. */
+    [[nodiscard]] static std::string waiting_path(const std::string &path);
+
     /* Removes what a process that was killed left waiting. */
     explicit FileReplacement(const std::string &path);
 

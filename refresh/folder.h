@@ -9,7 +9,7 @@ namespace kolmo
 {
 
 /* What the names of all staging folders begin with; sixteen digits of chance follow. */
-inline constexpr char staging_prefix[] = "mail_responders_refresh.";
+inline constexpr char staging_prefix[] = "mail_responders_refresh-staging.";
 
 /* A name that nobody knows before, in a folder. */
 [[nodiscard]] std::string new_staging_path(const std::string &parent);

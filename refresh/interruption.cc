@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "refresh/folder.h"
 #include "verify/progress.h"
@@ -18,7 +19,10 @@ namespace
 constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM};
 
 volatile pid_t child_to_end = 0;
-char folder_to_remove[PATH_MAX] = "";
+using Path = char[PATH_MAX];
+
+Path folder_to_remove = "";
+Path file_to_remove = "";
 sigset_t caught = {};
 
 /* Only calls that signal-safety(7) lists, or that are one system call. */
@@ -32,7 +36,16 @@ void on_signal(int signal_number)
     }
     if (*folder_to_remove != '\0')
         (void)remove_staging_folder(folder_to_remove);
+    if (*file_to_remove != '\0')
+        (void)::unlink(file_to_remove);
     (void)::raise(signal_number);
+}
+
+void set_path(Path *place, const char *path)
+{
+    const HoldSignals held;
+
+    (void)std::strncpy(*place, path, sizeof *place - 1);
 }
 
 } // namespace
@@ -64,9 +77,12 @@ void set_child_to_end(pid_t child)
 
 void set_folder_to_remove(const char *path)
 {
-    const HoldSignals held;
+    set_path(&folder_to_remove, path);
+}
 
-    (void)std::strncpy(folder_to_remove, path, sizeof folder_to_remove - 1);
+void set_file_to_remove(const char *path)
+{
+    set_path(&file_to_remove, path);
 }
 
 HoldSignals::HoldSignals() noexcept

@@ -1,8 +1,8 @@
 /*
  * interruption: a signal ends the program at once, and yet nothing of it stays.
  *
- * SIGHUP, SIGINT, SIGQUIT, SIGPIPE and SIGTERM, as far as they are not ignored, end the rebuild, remove the
- * staging folder and then the program, by the same signal.
+ * SIGHUP, SIGINT, SIGQUIT, SIGPIPE and SIGTERM, as far as they are not ignored, end the rebuild, remove what
+ * was staged and then end the program, by the same signal.
  */
 #pragma once
 
@@ -21,6 +21,9 @@ void set_child_to_end(pid_t child);
 
 /* Which folder to remove, by remove_staging_folder; an empty path for none.  Set before it is made. */
 void set_folder_to_remove(const char *path);
+
+/* Which file to remove; an empty path for none.  Set before it is made. */
+void set_file_to_remove(const char *path);
 
 /* The caught signals wait until the end of the scope. */
 class HoldSignals

@@ -1,5 +1,7 @@
 #include "refresh/live_stores.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -18,7 +20,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 /* Less than the 50 ms that others wait before they give up. */
-constexpr int milliseconds_of_a_try = 30;
+constexpr int milliseconds_of_a_try = 20;
 constexpr std::chrono::milliseconds pause_between_tries(20);
 
 bool is_busy(int rc)
@@ -47,6 +49,11 @@ std::string uri_of(const std::string &path, const char *mode)
             uri += {'%', digits[byte >> 4], digits[byte & 0xf]};
     }
     return uri + "?mode=" + mode;
+}
+
+int busy_milliseconds(std::chrono::milliseconds wait)
+{
+    return static_cast<int>(std::min<std::chrono::milliseconds::rep>(wait.count(), INT_MAX));
 }
 
 std::int64_t nanoseconds(const timespec &time)
@@ -144,7 +151,7 @@ int LiveStores::open_responder()
     else if (kind != StoreFileKind::database && kind != StoreFileKind::no_database)
         return refuse(responder_, kind);
     if (!flaw_.empty())
-        return 0;
+        return get_ready();
 
     const int attached = attach_as(responder_, "rw", "responder");
     const int rc = attached == SQLITE_OK ? first_read("responder") : attached;
@@ -152,13 +159,29 @@ int LiveStores::open_responder()
     if (is_unusable(rc)) {
         flaw_ = "is no database, or is damaged";
         (void)execute("DETACH responder");
-        responder_file_ = FileIdentity::of(responder_);
-        return 0;
-    }
-    if (accept(responder_, "responder", rc, is_hot) != 0)
+    } else if (accept(responder_, "responder", rc, is_hot) != 0) {
         return -1;
-    data_version_ = data_version().value_or(-1);
-    return 0;
+    }
+    responder_file_ = FileIdentity::of(responder_); /* what was rolled back is written */
+    return get_ready();
+}
+
+/*
+ * A commit over both files is on the disk when the super-journal's end is; one to the handlers only must have
+ * its journal's end synced, too.  Pages that are written and that the cache cannot hold cost a sync of the
+ * journal, time and again.
+ */
+int LiveStores::get_ready()
+{
+    const bool is_attached = flaw_.empty();
+    const std::optional<std::int64_t> version = is_attached ? data_version() : 0;
+
+    data_version_ = version.value_or(0);
+    if (version &&
+        execute(is_attached ? "PRAGMA responder.synchronous = FULL; PRAGMA responder.cache_size = -6144"
+                            : "PRAGMA main.synchronous = EXTRA") == SQLITE_OK)
+        return 0;
+    return tell(responder_ + " cannot be opened");
 }
 
 /* Tells what stands against opening a file. */
@@ -197,10 +220,10 @@ int LiveStores::connect()
     db_.reset(db);
     if (rc != SQLITE_OK)
         return rc;
-    (void)sqlite3_busy_timeout(db, static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db, busy_milliseconds(wait_));
     /* The rows are published as they are: what a table's triggers make of them they have made already. */
     (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    return execute("PRAGMA foreign_keys = OFF; PRAGMA synchronous = EXTRA; PRAGMA cache_size = -1024");
+    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = FULL");
 }
 
 int LiveStores::attach_as(const std::string &path, const char *mode, const char *schema)
@@ -229,8 +252,10 @@ int LiveStores::first_read(const char *schema)
 int LiveStores::attach(const std::string &path, const char *schema)
 {
     (void)execute((std::string("DETACH ") + schema).c_str());
-    if (attach_as(path, "ro", schema) == SQLITE_OK && first_read(schema) == SQLITE_OK)
+    if (attach_as(path, "ro", schema) == SQLITE_OK && first_read(schema) == SQLITE_OK) {
+        (void)execute((std::string("PRAGMA ") + schema + ".cache_size = -256").c_str());
         return 0;
+    }
     return tell(path + " cannot be read");
 }
 
@@ -243,25 +268,27 @@ std::optional<std::int64_t> LiveStores::data_version()
     return version.number(0);
 }
 
-bool LiveStores::is_moved(const char *schema) const
+/* Commits of one moment look alike to the file's times, and files that were copied over each other to SQLite.
+ */
+std::optional<bool> LiveStores::responder_changed()
+{
+    if (FileIdentity::of(responder_) != responder_file_)
+        return true;
+    if (!flaw_.empty())
+        return false;
+
+    const std::optional<std::int64_t> version = data_version();
+
+    if (!version)
+        return std::nullopt;
+    return *version != data_version_;
+}
+
+bool LiveStores::handlers_replaced() const
 {
     int moved = 0;
 
-    return sqlite3_file_control(db_.get(), schema, SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK || moved != 0;
-}
-
-bool LiveStores::responder_changed()
-{
-    if (db_ == nullptr)
-        return true;
-    if (!flaw_.empty())
-        return FileIdentity::of(responder_) != responder_file_;
-    return is_moved("responder") || data_version() != data_version_;
-}
-
-bool LiveStores::handlers_replaced()
-{
-    return is_moved("main");
+    return sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK || moved != 0;
 }
 
 int LiveStores::try_to(const char *begin)
@@ -270,7 +297,7 @@ int LiveStores::try_to(const char *begin)
 
     const int rc = execute(begin);
 
-    (void)sqlite3_busy_timeout(db_.get(), static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db_.get(), busy_milliseconds(wait_));
     return rc;
 }
 
@@ -278,6 +305,11 @@ int LiveStores::lock()
 {
     const Clock::time_point deadline = Clock::now() + wait_;
     int rc;
+
+    if (db_ == nullptr) {
+        trouble_("the live stores are not open any more");
+        return -1;
+    }
 
     while (is_busy(rc = try_to("BEGIN EXCLUSIVE")) && Clock::now() < deadline)
         std::this_thread::sleep_for(pause_between_tries);

@@ -55,9 +55,11 @@ public:
     /* Attaches a database that is only read, in place of one that was attached by that name before. */
     [[nodiscard]] int attach(const std::string &path, const char *schema);
 
-    /* Whether somebody wrote or replaced the responder store since open; also when it cannot be told. */
-    [[nodiscard]] bool responder_changed();
-    [[nodiscard]] bool handlers_replaced();
+    /* Whether somebody wrote or replaced the responder store since open; nothing when it cannot be told. */
+    [[nodiscard]] std::optional<bool> responder_changed();
+
+    /* Whether the handlers store's file is another one. */
+    [[nodiscard]] bool handlers_replaced() const;
 
     /*
      * Locks both stores against readers, too: nothing can hinder the commit any more.  While somebody else
@@ -76,12 +78,12 @@ private:
     [[nodiscard]] int refuse(const std::string &path, StoreFileKind kind);
     [[nodiscard]] int accept(const std::string &path, const char *schema, int rc, bool was_hot);
     [[nodiscard]] int connect();
+    [[nodiscard]] int get_ready();
     [[nodiscard]] int attach_as(const std::string &path, const char *mode, const char *schema);
     [[nodiscard]] int first_read(const char *schema);
     [[nodiscard]] int execute(const char *sql);
     [[nodiscard]] int try_to(const char *begin);
     [[nodiscard]] std::optional<std::int64_t> data_version();
-    [[nodiscard]] bool is_moved(const char *schema) const;
     void remove_stale_lists();
     int tell(const std::string &what);
 

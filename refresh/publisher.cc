@@ -40,25 +40,40 @@ RowKey key_of(const HandlerKey &handler)
     return {handler.address, "autoresponder", text(handler.queue), text(handler.type)};
 }
 
-/* What a store's tables, indices, triggers and views are, but for what ANALYZE keeps; empty when it cannot be
-   asked. */
-std::string schema_of(sqlite3 *db, const std::string &schema)
+/* Adds all rows that a statement gives; returns 0 or -1. */
+int append_rows(sqlite3 *db, const std::string &sql, std::string *all)
 {
-    const std::string sql = "SELECT type, name, tbl_name, sql FROM " + schema +
-                            ".sqlite_schema WHERE name NOT LIKE 'sqlite\\_stat%' ESCAPE '\\' "
-                            "UNION ALL SELECT 'version', user_version, '', '' FROM pragma_user_version('" +
-                            schema + "') ORDER BY 1, 2, 3";
     SqliteQuery rows;
-    std::string all;
 
     if (rows.prepare(db, sql.c_str()) != 0)
-        return "";
+        return -1;
     while (rows.next())
-        all += rows.values() + '\n';
-    return rows.failed() ? "" : all;
+        *all += rows.values() + '\n';
+    return rows.failed() ? -1 : 0;
+}
+
+/* What a store's tables, indices, triggers and views are, but for what ANALYZE keeps, and its version;
+   nothing when it cannot be asked. */
+std::optional<std::string> schema_of(sqlite3 *db, const std::string &schema)
+{
+    std::string all;
+
+    if (append_rows(db,
+                    "SELECT type, name, tbl_name, sql FROM " + schema +
+                        ".sqlite_schema WHERE name NOT LIKE 'sqlite\\_stat%' ESCAPE '\\' ORDER BY 1, 2, 3",
+                    &all) != 0 ||
+        append_rows(db, "PRAGMA " + schema + ".user_version", &all) != 0)
+        return std::nullopt;
+    return all;
 }
 
 } // namespace
+
+/* Who hears what compare finds. */
+struct CompareSink {
+    const std::function<void(const Change &)> &each;
+    ChangeCounts *counts;
+};
 
 /* The open stores, and what compare has found. */
 class Publisher::Live
@@ -68,8 +83,7 @@ public:
 
     void remove_leftover() const { const FileReplacement replacement(paths_.live_responder); }
     [[nodiscard]] int copy_handlers();
-    [[nodiscard]] int compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
-                              ChangeCounts *counts);
+    [[nodiscard]] int compare(const PublishOptions &options, const CompareSink &sink);
     [[nodiscard]] bool replaces_responder() const { return !why_replaced_.empty(); }
     [[nodiscard]] PublishResult publish();
 
@@ -78,11 +92,19 @@ public:
 private:
     [[nodiscard]] int copy_to(const std::string &from, const std::string &to);
     [[nodiscard]] int copy_responder();
-    void judge_responder();
+    [[nodiscard]] int judge_responder();
+    [[nodiscard]] int attach_staged();
+    [[nodiscard]] int compare_responder(bool removes, const CompareSink &sink);
+    [[nodiscard]] int compare_handlers(const std::vector<HandlerKey> &prune, const CompareSink &sink);
+    void remember(ChangedTable table, const std::string &key, const RowChange &row, const CompareSink &sink);
     [[nodiscard]] bool something_to_write() const;
     [[nodiscard]] PublishResult publish_locked(FileReplacement *replacement);
     [[nodiscard]] std::optional<PublishResult> look_again();
     [[nodiscard]] int write();
+    [[nodiscard]] std::vector<RowChange> &rows_of(ChangedTable table)
+    {
+        return rows_[static_cast<std::size_t>(table)];
+    }
     int tell(const std::string &what);
 
     PublishPaths paths_;
@@ -90,6 +112,7 @@ private:
     PublishSink sink_;
     SqliteConnection responder_copy_;
     std::string why_replaced_;
+    bool writes_rows_ = true; /* in all tables; otherwise what differs at all is replaced whole */
     std::array<std::vector<RowChange>, changed_tables> rows_;
 };
 
@@ -154,59 +177,97 @@ int Publisher::Live::copy_responder()
     return ending == CopyEnding::failed ? -1 : 0;
 }
 
-void Publisher::Live::judge_responder()
+/* Whether the responder store can be written row by row; why not, if it cannot. */
+int Publisher::Live::judge_responder()
 {
-    if (responder_copy_ != nullptr &&
-        schema_of(responder_copy_.get(), "main") != schema_of(stores.db(), staged_responder))
+    if (responder_copy_ == nullptr)
+        return 0;
+
+    const std::optional<std::string> live = schema_of(responder_copy_.get(), "main");
+    const std::optional<std::string> staged = schema_of(stores.db(), staged_responder);
+
+    if (!live || !staged)
+        return tell("the tables of the responder store cannot be compared");
+    if (live != staged)
         why_replaced_ = paths_.live_responder + " has other tables than a rebuild makes";
-    if (replaces_responder())
-        sink_.note(why_replaced_ + ": it is replaced whole");
+    for (const ChangedTable table : responder_tables) {
+        const std::optional<bool> numbered = has_rowids({stores.db(), staged_responder}, table);
+
+        if (!numbered)
+            return tell("the tables of the responder store cannot be compared");
+        writes_rows_ = writes_rows_ && *numbered;
+    }
+    return 0;
 }
 
-int Publisher::Live::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
-                             ChangeCounts *counts)
+int Publisher::Live::attach_staged()
+{
+    return stores.attach(paths_.staged_responder, staged_responder) == 0 &&
+                   stores.attach(paths_.staged_handlers, staged_handlers) == 0
+               ? stores.attach(paths_.handlers_before, handlers_before)
+               : -1;
+}
+
+/* A store that is replaced loses what it had too much, whether something is to be removed or not. */
+int Publisher::Live::compare_responder(bool removes, const CompareSink &sink)
+{
+    const RowSource live = {responder_copy_.get(), "main"};
+    const RowSource staged = {stores.db(), staged_responder};
+    const bool removes_all = removes || replaces_responder() || !writes_rows_;
+
+    for (const ChangedTable table : responder_tables) {
+        const auto remember = [&](const std::string &key, const RowChange &row) {
+            if (row.kind != ChangeKind::removed || removes_all)
+                this->remember(table, key, row, sink);
+        };
+
+        if (compare_table(table, live, staged, {}, remember, sink_.trouble) != 0)
+            return -1;
+        if (!writes_rows_ && !replaces_responder() && !rows_of(table).empty())
+            why_replaced_ = paths_.live_responder + " differs and has a table without row numbers";
+    }
+    responder_copy_.reset();
+    if (replaces_responder())
+        sink_.note(why_replaced_ + ": it is replaced whole");
+    return 0;
+}
+
+int Publisher::Live::compare_handlers(const std::vector<HandlerKey> &prune, const CompareSink &sink)
 {
     std::set<RowKey> unwanted;
 
-    *counts = {};
-    rows_ = {};
-    why_replaced_ =
-        stores.responder_flaw().empty() ? "" : paths_.live_responder + ' ' + stores.responder_flaw();
-    responder_copy_.reset();
-    if (stores.attach(paths_.staged_responder, staged_responder) != 0 ||
-        stores.attach(paths_.staged_handlers, staged_handlers) != 0 ||
-        stores.attach(paths_.handlers_before, handlers_before) != 0 ||
-        (!replaces_responder() && copy_responder() != 0))
-        return -1;
-    judge_responder();
-
-    const auto compare_one = [&](ChangedTable table, const RowSource &live, const char *staged,
-                                 bool removes) {
-        const auto remember = [&](const std::string &key, const RowChange &row) {
-            if (row.kind == ChangeKind::removed && !removes)
-                return;
-            rows_[static_cast<std::size_t>(table)].push_back(row);
-            counts->add(row.kind, table);
-            if (each)
-                each({row.kind, table, key});
-        };
-
-        return compare_table(table, live, {stores.db(), staged}, unwanted, remember, sink_.trouble);
-    };
-
-    for (const ChangedTable table : responder_tables) {
-        RowSource live = {responder_copy_.get(), "main"};
-
-        /* Of tables that are not alike nothing can be said row by row. */
-        if (columns_of(live, table) != columns_of({stores.db(), staged_responder}, table))
-            live.db = nullptr;
-        if (compare_one(table, live, staged_responder, options.removes || replaces_responder()) != 0)
-            return -1;
-    }
-    responder_copy_.reset();
-    for (const HandlerKey &handler : options.prune)
+    for (const HandlerKey &handler : prune)
         unwanted.insert(key_of(handler));
-    return compare_one(ChangedTable::handlers, {stores.db(), handlers_before}, staged_handlers, true);
+    return compare_table(
+        ChangedTable::handlers, {stores.db(), handlers_before}, {stores.db(), staged_handlers}, unwanted,
+        [&](const std::string &key, const RowChange &row) {
+            remember(ChangedTable::handlers, key, row, sink);
+        },
+        sink_.trouble);
+}
+
+void Publisher::Live::remember(ChangedTable table, const std::string &key, const RowChange &row,
+                               const CompareSink &sink)
+{
+    rows_of(table).push_back(row);
+    sink.counts->add(row.kind, table);
+    if (sink.each)
+        sink.each({row.kind, table, key});
+}
+
+int Publisher::Live::compare(const PublishOptions &options, const CompareSink &sink)
+{
+    const std::string &flaw = stores.responder_flaw();
+
+    *sink.counts = {};
+    rows_ = {};
+    writes_rows_ = true;
+    why_replaced_ = flaw.empty() ? "" : paths_.live_responder + ' ' + flaw;
+    responder_copy_.reset();
+    if (attach_staged() != 0 || (flaw.empty() && copy_responder() != 0) || judge_responder() != 0 ||
+        compare_responder(options.removes, sink) != 0)
+        return -1;
+    return compare_handlers(options.prune, sink);
 }
 
 bool Publisher::Live::something_to_write() const
@@ -228,6 +289,8 @@ PublishResult Publisher::Live::publish()
         return PublishResult::failed;
     if (stores.lock() != 0)
         return PublishResult::failed;
+    if (sink_.locked)
+        sink_.locked();
 
     const PublishResult result = publish_locked(&replacement);
 
@@ -251,37 +314,35 @@ PublishResult Publisher::Live::publish_locked(FileReplacement *replacement)
 /* Whether under the lock something is not any more as it was compared, and what comes of that. */
 std::optional<PublishResult> Publisher::Live::look_again()
 {
-    const std::vector<RowChange> &handlers = rows_[static_cast<std::size_t>(ChangedTable::handlers)];
+    const std::optional<bool> responder_changed = stores.responder_changed();
+    const Recheck handlers = recheck_rows(stores.db(), ChangedTable::handlers, handlers_in, handlers_before,
+                                          staged_handlers, rows_of(ChangedTable::handlers));
     std::string changed;
 
     if (stores.handlers_replaced())
         changed = paths_.live_handlers + " was replaced meanwhile";
-    else if (stores.responder_changed())
+    else if (responder_changed == true)
         changed = paths_.live_responder + " was changed meanwhile";
-    else
-        switch (recheck_rows(stores.db(), ChangedTable::handlers, handlers_in, handlers_before,
-                             staged_handlers, handlers)) {
-        case Recheck::same:
-            return std::nullopt;
-        case Recheck::changed:
-            changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
-            break;
-        case Recheck::failed:
-            (void)tell(paths_.live_handlers + " cannot be read");
-            return PublishResult::failed;
-        }
-    sink_.trouble(changed);
-    return PublishResult::changed_meanwhile;
+    else if (handlers == Recheck::changed)
+        changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
+    if (!changed.empty()) {
+        sink_.trouble(changed);
+        return PublishResult::changed_meanwhile;
+    }
+    if (responder_changed && handlers == Recheck::same)
+        return std::nullopt;
+    (void)tell("the live stores cannot be read");
+    return PublishResult::failed;
 }
 
 int Publisher::Live::write()
 {
     for (const ChangedTable table : responder_tables)
-        if (!replaces_responder() && write_rows(stores.db(), table, responder_in, staged_responder,
-                                                rows_[static_cast<std::size_t>(table)]) != 0)
+        if (!replaces_responder() &&
+            write_rows(stores.db(), table, responder_in, staged_responder, rows_of(table)) != 0)
             return tell(paths_.live_responder + " cannot be written");
     if (write_rows(stores.db(), ChangedTable::handlers, handlers_in, staged_handlers,
-                   rows_[static_cast<std::size_t>(ChangedTable::handlers)]) != 0)
+                   rows_of(ChangedTable::handlers)) != 0)
         return tell(paths_.live_handlers + " cannot be written");
     return 0;
 }
@@ -306,13 +367,13 @@ int Publisher::copy_handlers()
 
 bool Publisher::responder_changed()
 {
-    return live_->stores.responder_changed();
+    return live_->stores.db() == nullptr || live_->stores.responder_changed().value_or(true);
 }
 
 int Publisher::compare(const PublishOptions &options, const std::function<void(const Change &)> &each,
                        ChangeCounts *counts)
 {
-    return live_->compare(options, each, counts);
+    return live_->compare(options, {each, counts});
 }
 
 bool Publisher::replaces_responder() const

@@ -57,10 +57,13 @@ struct PublishOptions {
     std::vector<HandlerKey> prune = {}; /* autoresponder handlers that go */
 };
 
-/* Who hears what; both must be callable. */
+/* Who hears what; the first two must be callable. */
 struct PublishSink {
     std::function<void(const std::string &)> trouble; /* what could not be done */
     std::function<void(const std::string &)> note;    /* a hot journal was rolled back, a store is replaced */
+    /* Both stores are locked and are about to be written: a process that is killed from here to the end of
+       publish leaves hot journals, which programs that only read cannot mend. */
+    std::function<void()> locked = {};
 };
 
 enum class PublishResult {
@@ -94,7 +97,8 @@ public:
        mode 0600; owner and mode are the caller's affair.  Returns 0, or -1 after telling the trouble. */
     [[nodiscard]] int copy_handlers();
 
-    /* Whether somebody wrote or replaced the live responder store since open_live. */
+    /* Whether somebody wrote or replaced the live responder store since open_live; also when it cannot be
+     * told. */
     [[nodiscard]] bool responder_changed();
 
     /*

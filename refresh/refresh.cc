@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <utility>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,6 +14,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"
+#include "refresh/file_replacement.h"
 #include "refresh/folder.h"
 #include "refresh/interruption.h"
 #include "refresh/killed_writer.h"
@@ -91,6 +93,8 @@ private:
     std::vector<HandlerKey> prune_;
     std::vector<Change> rows_;
     ChangeCounts counts_;
+    std::optional<HoldSignals> held_; /* while the live stores are locked */
+    std::vector<std::string> said_under_lock_;
 };
 
 int Refresh::begin()
@@ -156,6 +160,7 @@ int Refresh::run_child(int *status)
         if (is_watched)
             progress.show(std::min(count_replies_unlocked(store), estimate_.replies), estimate_.replies);
     }
+    progress.clear();
     return child.end(status, trouble_);
 }
 
@@ -194,6 +199,7 @@ std::optional<Result> Refresh::rebuild(Publisher *publisher)
              (options_.partial ? "" : "; nothing is published"));
     if (!options_.partial)
         return Result::rebuild_failed;
+    staging_.roll_back();
     return std::nullopt;
 }
 
@@ -276,7 +282,6 @@ std::optional<Result> Refresh::compare(Publisher *publisher)
     const bool in_part = rebuild_failed_ || look_->summary.rebuild > 0;
     std::function<void(const Change &)> each;
 
-    rows_.clear();
     if (options_.rows)
         each = [this](const Change &change) {
             rows_.push_back(change);
@@ -292,34 +297,49 @@ std::optional<Result> Refresh::compare(Publisher *publisher)
 
 std::optional<Result> Refresh::publish(Publisher *publisher, bool is_last)
 {
-    PublishResult result;
+    set_file_to_remove(FileReplacement::waiting_path(responder_db_path).c_str());
 
-    {
-        const HoldSignals
-            held; /* a writer that dies in a commit leaves a hot journal, which readers can't mend */
+    const PublishResult result = publisher->publish();
 
-        result = publisher->publish();
+    const bool is_again = result == PublishResult::changed_meanwhile && !is_last;
+
+    set_file_to_remove("");
+    held_.reset();
+    for (const std::string &text : std::exchange(said_under_lock_, {})) {
+        if (is_again)
+            output_->note(text + ": once more");
+        else
+            output_->trouble(text);
     }
     if (result == PublishResult::failed)
         return Result::write_failed;
     if (result == PublishResult::responder_only)
         return Result::published_in_part;
-    if (result == PublishResult::changed_meanwhile) {
-        if (!is_last)
-            output_->note("somebody has written to the live stores meanwhile: once more");
+    if (result == PublishResult::changed_meanwhile)
         return Result::changed_meanwhile;
-    }
     return rebuild_failed_ || look_->summary.rebuild > 0 ? Result::published_in_part : Result::published;
 }
 
 std::optional<Result> Refresh::attempt(bool is_last)
 {
     Publisher publisher(staging_.paths(), options_.wait_seconds,
-                        {.trouble = trouble_, .note = [this](const std::string &text) {
-                             output_->note(text);
-                         }});
+                        {.trouble =
+                             [this](const std::string &text) {
+                                 if (held_)
+                                     said_under_lock_.push_back(text);
+                                 else
+                                     output_->trouble(text);
+                             },
+                         .note = [this](const std::string &text) { output_->note(text); },
+                         .locked =
+                             [this] {
+                                 held_.emplace();
+                             }});
 
     rebuild_failed_ = false;
+    look_.reset();
+    rows_.clear();
+    counts_ = {};
     if (const auto result = stage(&publisher))
         return result;
     if (const auto result = rebuild(&publisher))
@@ -344,9 +364,11 @@ RefreshEnd Refresh::run()
     }
     if (look_ && look_->status != 2)
         output_->look(source_, staging_.paths().staged_responder, staging_.paths().staged_handlers, *look_);
-    for (const Change &row : rows_)
-        output_->change(row);
-    end.counts = counts_;
+    if (is_published(end.result) || end.result == Result::dry_run) {
+        for (const Change &row : rows_)
+            output_->change(row);
+        end.counts = counts_;
+    }
     return end;
 }
 

@@ -51,6 +51,7 @@ private:
 
     SqliteQuery order_; /* rowids and keys in their order: small, so that it can be sorted */
     RowReader values_;
+    bool has_rowids_ = true; /* otherwise the order has the values, too */
     std::size_t key_columns_ = 0;
     bool is_at_row_ = false;
     bool failed_ = false;
@@ -62,17 +63,25 @@ private:
    row must not hide it. */
 int KeyGroups::open(const RowSource &source, ChangedTable table, const std::string &columns)
 {
-    std::string select = "SELECT rowid";
-    std::string order = " ORDER BY ";
-
     if (source.db == nullptr)
         return 0;
+
+    const std::optional<bool> numbered = has_rowids(source, table);
+
+    if (!numbered)
+        return -1;
+    has_rowids_ = *numbered;
+
+    std::string select = has_rowids_ ? "SELECT rowid" : "SELECT 0";
+    std::string order = " NOT INDEXED ORDER BY ";
+
     for (const char *const column : key_columns(table)) {
         select += std::string(", ifnull(CAST(") + column + " AS BLOB), x'')";
         order += std::to_string(++key_columns_ + 1) + ", ";
     }
-    select += " FROM " + qualified(source, table) + " NOT INDEXED" + order + '1';
-    if (order_.prepare(source.db, select.c_str()) != 0 || values_.open(source, table, columns) != 0)
+    select += (has_rowids_ ? "" : ", " + columns) + " FROM " + qualified(source, table) + order + '1';
+    if (order_.prepare(source.db, select.c_str()) != 0 ||
+        (has_rowids_ && values_.open(source, table, columns) != 0))
         return -1;
     order_.ask();
     step();
@@ -97,7 +106,8 @@ RowKey KeyGroups::key_here() const
 bool KeyGroups::add_row()
 {
     const std::int64_t number = order_.number(0);
-    std::optional<std::string> values = values_.read(number);
+    std::optional<std::string> values =
+        has_rowids_ ? values_.read(number) : order_.values(static_cast<int>(key_columns_) + 1);
 
     failed_ = failed_ || !values;
     if (values)
@@ -185,6 +195,13 @@ void walk_keys(ChangedTable table, KeyGroups *live, KeyGroups *staged, const std
     }
 }
 
+int tell_failure(ChangedTable table, const RowSource &source, const char *side, const TroubleSink &trouble)
+{
+    trouble(std::string("table ") + table_name(table) + side + store_name(table) +
+            " store cannot be compared: " + sqlite3_errmsg(source.db));
+    return -1;
+}
+
 } // namespace
 
 const std::vector<const char *> &key_columns(ChangedTable table)
@@ -199,7 +216,7 @@ const std::vector<const char *> &key_columns(ChangedTable table)
     return keys[static_cast<std::size_t>(table)];
 }
 
-std::string columns_of(const RowSource &source, ChangedTable table)
+std::optional<std::string> columns_of(const RowSource &source, ChangedTable table)
 {
     const std::string sql =
         std::string("SELECT group_concat('\"' || replace(name, '\"', '\"\"') || '\"', ', ') "
@@ -207,9 +224,25 @@ std::string columns_of(const RowSource &source, ChangedTable table)
         table_name(table) + "', '" + source.schema + "')";
     SqliteQuery names;
 
-    if (source.db == nullptr || names.prepare(source.db, sql.c_str()) != 0 || !names.next())
-        return "";
+    if (names.prepare(source.db, sql.c_str()) != 0 || !names.next())
+        return std::nullopt;
     return std::string(names.text(0).value_or(""));
+}
+
+std::optional<bool> has_rowids(const RowSource &source, ChangedTable table)
+{
+    const std::string sql = std::string("SELECT wr FROM pragma_table_list WHERE schema = '") + source.schema +
+                            "' AND name = '" + table_name(table) + "'";
+    SqliteQuery found;
+
+    if (found.prepare(source.db, sql.c_str()) != 0)
+        return std::nullopt;
+
+    const bool is_without = found.next() && found.number(0) == 1;
+
+    if (found.failed())
+        return std::nullopt;
+    return !is_without;
 }
 
 int RowReader::open(const RowSource &source, ChangedTable table, const std::string &columns)
@@ -229,27 +262,22 @@ std::optional<std::string> RowReader::read(std::int64_t row)
 int compare_table(ChangedTable table, const RowSource &live, const RowSource &staged,
                   const std::set<RowKey> &unwanted, const RowBody &body, const TroubleSink &trouble)
 {
-    const std::string columns = columns_of(staged, table);
+    const std::optional<std::string> columns = columns_of(staged, table);
+    const std::optional<std::string> live_columns = live.db != nullptr ? columns_of(live, table) : "";
+    const RowSource alike = live_columns == columns ? live : RowSource{};
     KeyGroups live_groups;
     KeyGroups staged_groups;
-    const RowSource *failed = nullptr;
 
-    if (live_groups.open(live, table, columns) != 0)
-        failed = &live;
-    else if (staged_groups.open(staged, table, columns) != 0)
-        failed = &staged;
-    else
-        walk_keys(table, &live_groups, &staged_groups, unwanted, body);
+    if (!live_columns || (columns && live_groups.open(alike, table, *columns) != 0))
+        return tell_failure(table, live, " of the live ", trouble);
+    if (!columns || staged_groups.open(staged, table, *columns) != 0)
+        return tell_failure(table, staged, " of the rebuilt ", trouble);
+    walk_keys(table, &live_groups, &staged_groups, unwanted, body);
     if (live_groups.failed())
-        failed = &live;
-    else if (staged_groups.failed())
-        failed = &staged;
-    if (failed == nullptr)
-        return 0;
-    trouble(std::string("table ") + table_name(table) +
-            (failed == &live ? " of the live " : " of the rebuilt ") + store_name(table) +
-            " store cannot be compared: " + sqlite3_errmsg(failed->db));
-    return -1;
+        return tell_failure(table, live, " of the live ", trouble);
+    if (staged_groups.failed())
+        return tell_failure(table, staged, " of the rebuilt ", trouble);
+    return 0;
 }
 
 } // namespace kolmo

@@ -26,7 +26,8 @@ struct RowSource {
     const char *schema = "main";
 };
 
-/* The rowids of a row that differs; which of them means something is the kind's affair. */
+/* The rowids of a row that differs; which of them means something is the kind's affair.  In a table without
+   rowids both are 0. */
 struct RowChange {
     ChangeKind kind = ChangeKind::added;
     std::int64_t live_row = 0;
@@ -39,9 +40,13 @@ using RowKey = std::vector<std::string>;
 /* The columns that a key is made of. */
 [[nodiscard]] const std::vector<const char *> &key_columns(ChangedTable table);
 
-/* The table's columns that can be written, quoted and separated by commas; empty when it has none or cannot
-   be asked. */
-[[nodiscard]] std::string columns_of(const RowSource &source, ChangedTable table);
+/* The table's columns that can be written, quoted and separated by commas; empty when there is no such table,
+   nothing when it cannot be told: sqlite3_errmsg says why. */
+[[nodiscard]] std::optional<std::string> columns_of(const RowSource &source, ChangedTable table);
+
+/* Whether the table's rows have numbers: a table WITHOUT ROWID can be compared, but not written row by row.
+   Nothing when it cannot be told. */
+[[nodiscard]] std::optional<bool> has_rowids(const RowSource &source, ChangedTable table);
 
 /* Reads rows of a table by their rowids, as SqliteQuery::values gives them. */
 class RowReader
@@ -61,10 +66,10 @@ private:
 /*
  * Compares a table, in the order of keys.
  *
- * live, staged  must not change meanwhile
+ * live, staged  must not change meanwhile; a live table of other columns counts as one without rows
  * unwanted      keys whose rows of the staged store count as gone
  * body          hears of each row that differs
- * trouble       hears why a table cannot be compared; one without rowids cannot
+ * trouble       hears why a table cannot be compared
  * Returns 0 or -1.
  */
 [[nodiscard]] int compare_table(ChangedTable table, const RowSource &live, const RowSource &staged,

@@ -39,11 +39,12 @@ private:
 int RowRecheck::open(sqlite3 *db, ChangedTable table, const char *live, const char *before,
                      const char *staged)
 {
-    const std::string columns = columns_of({db, before}, table);
+    const std::optional<std::string> columns = columns_of({db, before}, table);
     const std::string counts = "SELECT " + count_sql(table, live) + " = " + count_sql(table, before) +
                                " FROM " + staged + '.' + table_name(table) + " s WHERE s.rowid = ?1";
 
-    if (live_.open({db, live}, table, columns) != 0 || before_.open({db, before}, table, columns) != 0)
+    if (!columns || live_.open({db, live}, table, *columns) != 0 ||
+        before_.open({db, before}, table, *columns) != 0)
         return -1;
     return counts_are_equal_.prepare(db, counts.c_str());
 }

@@ -30,19 +30,23 @@ private:
 
 int RowWriter::open(sqlite3 *db, ChangedTable table, const std::string &live, const std::string &staged)
 {
-    const std::string columns = columns_of({db, staged.c_str()}, table);
-    const std::string target = live + '.' + table_name(table);
-    const std::string source = " FROM " + staged + '.' + table_name(table) + " WHERE rowid = ";
+    const std::optional<std::string> columns = columns_of({db, staged.c_str()}, table);
 
     db_ = db;
-    if (columns.empty() ||
-        remove_.prepare(db, ("DELETE FROM " + target + " WHERE rowid = ?1").c_str()) != 0 ||
-        change_.prepare(db, ("UPDATE " + target + " SET (" + columns + ") = (SELECT " + columns + source +
-                             "?2) WHERE rowid = ?1")
-                                .c_str()) != 0)
+    if (!columns)
         return -1;
-    return add_.prepare(
-        db, ("INSERT INTO " + target + " (" + columns + ") SELECT " + columns + source + "?1").c_str());
+
+    const std::string target = live + '.' + table_name(table);
+    const std::string row =
+        "SELECT " + *columns + " FROM " + staged + '.' + table_name(table) + " WHERE rowid = ";
+    const std::string remove = "DELETE FROM " + target + " WHERE rowid = ?1";
+    const std::string change =
+        "UPDATE " + target + " SET (" + *columns + ") = (" + row + "?2) WHERE rowid = ?1";
+    const std::string add = "INSERT INTO " + target + " (" + *columns + ") " + row + "?1";
+
+    if (remove_.prepare(db, remove.c_str()) != 0 || change_.prepare(db, change.c_str()) != 0)
+        return -1;
+    return add_.prepare(db, add.c_str());
 }
 
 int RowWriter::wrote_one(SqliteQuery *query)

@@ -18,6 +18,7 @@
 #include "refresh/interruption.h"
 #include "refresh/staging_size.h"
 #include "responder_store/responder_db.h"
+#include "verify/sqlite_query.h"
 
 namespace kolmo
 {
@@ -54,8 +55,8 @@ int make_like(const std::string &path, const char *live_store, const SayTrouble 
 
     if (::stat(live.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         trouble("the folder " + live +
-                " is missing, over which the staging is laid: make it as the panel had " +
-                "it, with owner and mode");
+                " is missing, over which the staging is laid: make it as the panel had it, with owner "
+                "and mode");
         return -1;
     }
     if (::mkdir(path.c_str(), 0700) != 0 || ::chown(path.c_str(), status.st_uid, status.st_gid) != 0 ||
@@ -164,6 +165,20 @@ int Staging::adopt_handlers(const SayTrouble &trouble)
     return -1;
 }
 
+void Staging::roll_back() const
+{
+    for (const std::string &path : {paths().staged_responder, paths().staged_handlers}) {
+        sqlite3 *db = nullptr;
+        SqliteQuery any;
+
+        (void)sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+
+        const SqliteConnection connection(db);
+
+        (void)(any.prepare(db, "SELECT count(*) FROM sqlite_master") == 0 && any.next());
+    }
+}
+
 PublishPaths Staging::paths() const
 {
     return {.live_responder = responder_db_path,
@@ -184,9 +199,12 @@ Staging::~Staging()
 {
     if (path_.empty())
         return;
-    (void)remove_staging_folder(path_.c_str());
+
+    const bool is_gone = remove_staging_folder(path_.c_str()) == 0;
+
     set_folder_to_remove("");
-    (void)lock_->note_folder("");
+    if (is_gone) /* otherwise the next one tries, and tells */
+        (void)lock_->note_folder("");
 }
 
 } // namespace kolmo

@@ -50,6 +50,9 @@ public:
     /* Gives the staged handlers store the live one's owner and mode.  Returns 0, or -1 after the trouble. */
     [[nodiscard]] int adopt_handlers(const SayTrouble &trouble);
 
+    /* Undoes what a rebuild that was killed had not committed. */
+    void roll_back() const;
+
     [[nodiscard]] PublishPaths paths() const;
     [[nodiscard]] std::string responder_folder() const { return path_ + "/responder"; }
     [[nodiscard]] std::string handlers_folder() const { return path_ + "/handlers"; }

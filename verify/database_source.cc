@@ -60,7 +60,11 @@ int read_database_source(DatabaseSource *source, const TroubleSink &trouble)
 
     source->origins.push_back(std::string("password from ") +
                               (password != nullptr ? panel_dsn_path : panel_shadow_path));
-    source->socket = conf_get(MYSQL_SOCKET);
+    if (!source->host.empty() && source->host != "localhost") {
+        source->door = "port " + take("port", "port", "by default", source);
+        return 0;
+    }
+    source->door = conf_get(MYSQL_SOCKET);
     source->origins.push_back(std::string("socket ") + (conf_get_from_file(MYSQL_SOCKET) != nullptr
                                                             ? std::string("from ") + panel_conf_path
                                                             : "by default"));

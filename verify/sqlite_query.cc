@@ -103,12 +103,12 @@ void SqliteQuery::append_value(int column, std::string *values) const
     *values += ',';
 }
 
-std::string SqliteQuery::values() const
+std::string SqliteQuery::values(int first) const
 {
     const int columns = sqlite3_column_count(statement_.get());
     std::string values;
 
-    for (int column = 0; column < columns; column++)
+    for (int column = first; column < columns; column++)
         append_value(column, &values);
     return values;
 }

@@ -49,8 +49,9 @@ public:
     [[nodiscard]] std::optional<std::int64_t> optional_number(int column) const;
     [[nodiscard]] std::string_view bytes(int column) const; /* of a text or a blob, as they are stored */
 
-    /* All columns as one text: the same for the same values of the same types, and for no others. */
-    [[nodiscard]] std::string values() const;
+    /* The columns from `first` on as one text: the same for the same values of the same types, and for no
+       others. */
+    [[nodiscard]] std::string values(int first = 0) const;
 
 private:
     struct Finalize {

@@ -1,10 +1,14 @@
 /* What differs is published, and nothing else is touched. */
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include "tests/refresh/held_transaction.h"
 #include "tests/refresh/publisher_world.h"
 
 namespace kolmo
@@ -134,8 +138,182 @@ TEST(PublisherDifference, RowsThatDifferAreToldAndTheLiveStoreIsLikeTheStagedOne
         EXPECT_EQ(published.counts.all(), row.changes.size());
         EXPECT_EQ(published.result, PublishResult::published);
         EXPECT_EQ(world.rows(world.paths.live_responder), world.rows(world.paths.staged_responder));
-        EXPECT_EQ(world.files(), (Lines{"handlers.db", "responder.db"}));
+        EXPECT_EQ(world.files(), (Lines{"handlers.db", "responder.db"})); /* and nothing beside them */
     }
+}
+
+/* What a rebuild does to the handlers is published; what others wrote before, after and beside is not. */
+TEST_F(PublisherTest, HandlersThatTheRebuildAddedOrChangedAreWrittenAndThoseOfOthersStay)
+{
+    (void)world.run(world.paths.live_handlers, sql_handler("old@x.test", 80) + sql_handler("same@x.test") +
+                                                   sql_handler("spam@x.test", 5, "spam"));
+
+    const Published published = world.publish(
+        [&] {
+            (void)world.run(world.paths.staged_handlers, sql_handler("old@x.test") +
+                                                             sql_handler("new@x.test") +
+                                                             sql_handler("same@x.test"));
+        },
+        {},
+        [&] {
+            (void)world.run(world.paths.live_handlers,
+                            sql_handler("mine@x.test", 7, "spam") + sql_handler("same@x.test", 9) +
+                                "DELETE FROM handlers WHERE address = 'spam@x.test';");
+        });
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.changes, (Lines{"added handlers new@x.test", "changed handlers old@x.test"}));
+    EXPECT_EQ(published.troubles, Lines{});
+    EXPECT_EQ(world.run(world.paths.live_handlers, "SELECT address, priority FROM handlers ORDER BY address"),
+              (Lines{"mine@x.test|7", "new@x.test|90", "old@x.test|90", "same@x.test|9"}));
+}
+
+TEST_F(PublisherTest, HandlersWithoutAQueueMayBeThereTwice)
+{
+    const std::string nameless = "INSERT INTO handlers VALUES (NULL, NULL, 1, 1, 'autoresponder', "
+                                 "'a@x.test', '/hook', 'responder', 0);";
+
+    (void)world.run(world.paths.live_handlers, nameless);
+
+    const Published published =
+        world.publish([&] { (void)world.run(world.paths.staged_handlers, nameless + nameless); });
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.counts.of(ChangeKind::added, ChangedTable::handlers), 2U);
+    EXPECT_EQ(world.run(world.paths.live_handlers, "SELECT count(*) FROM handlers"), Lines{"3"});
+}
+
+/* Exactly the ones that are named, wherever they come from. */
+TEST_F(PublisherTest, UnwantedAutoresponderHandlersAreRemoved)
+{
+    PublishOptions options;
+
+    options.prune = {
+        {2, 1, "gone@x.test"}, {std::nullopt, 1, "null@x.test"}, {2, 1, "new@x.test"}, {2, 1, "no@x.test"}};
+    (void)world.run(
+        world.paths.live_handlers,
+        sql_handler("gone@x.test") + sql_handler("gone@x.test", 1, "spam") + sql_handler("Gone@x.test") +
+            "INSERT INTO handlers VALUES (3, 1, 1, 1, 'autoresponder', 'gone@x.test', '', '', 0), "
+            "(NULL, 1, 1, 1, 'autoresponder', 'null@x.test', '', '', 0), "
+            "(0, 1, 1, 1, 'autoresponder', 'null@x.test', '', '', 0);");
+
+    const Published published = world.publish(
+        [&] { (void)world.run(world.paths.staged_handlers, sql_handler("new@x.test")); }, options);
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.changes, (Lines{"removed handlers gone@x.test", "removed handlers null@x.test"}));
+    EXPECT_EQ(world.run(world.paths.live_handlers,
+                        "SELECT queue, name, address FROM handlers ORDER BY address, name, queue"),
+              (Lines{"2|autoresponder|Gone@x.test", "3|autoresponder|gone@x.test", "2|spam|gone@x.test",
+                     "0|autoresponder|null@x.test"}));
+}
+
+TEST_F(PublisherTest, AfterARebuildThatFailedNothingIsRemoved)
+{
+    PublishOptions options;
+
+    options.removes = false;
+    (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A") + sql_reply("b@x.test", "B") +
+                                                    sql_attachment("b@x.test", "1.pdf"));
+    (void)world.run(world.paths.staged_responder, sql_reply("a@x.test", "C") + sql_reply("c@x.test", "C"));
+
+    const Published published = world.publish({}, options);
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.changes, (Lines{"changed autoresponder a@x.test", "added autoresponder c@x.test"}));
+    EXPECT_EQ(world.run(world.paths.live_responder, "SELECT mn, body FROM autoresponder ORDER BY mn"),
+              (Lines{"a@x.test|C", "b@x.test|B", "c@x.test|C"}));
+    EXPECT_EQ(world.run(world.paths.live_responder, "SELECT * FROM attachments"), Lines{"b@x.test|1.pdf"});
+}
+
+/* Inode, size, and both times, to the nanosecond. */
+std::string stamp(const std::string &path)
+{
+    struct stat status = {};
+
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size) + ' ' +
+           std::to_string(status.st_mtim.tv_sec) + '.' + std::to_string(status.st_mtim.tv_nsec) + ' ' +
+           std::to_string(status.st_ctim.tv_sec) + '.' + std::to_string(status.st_ctim.tv_nsec);
+}
+
+TEST_F(PublisherTest, WhereNothingDiffersNothingIsWrittenOrLocked)
+{
+    (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A"));
+    (void)world.run(world.paths.staged_responder, sql_reply("a@x.test", "A"));
+    (void)world.run(world.paths.live_handlers, sql_handler("a@x.test"));
+
+    const Lines before = {stamp(world.paths.live_responder), stamp(world.paths.live_handlers),
+                          stamp(world.folder.path("live"))};
+    std::unique_ptr<HeldTransaction> lock;
+    const Published published = world.publish(
+        [&] { (void)world.run(world.paths.staged_handlers, sql_handler("a@x.test")); }, {},
+        [&] { lock = std::make_unique<HeldTransaction>(world.paths.live_responder, "BEGIN EXCLUSIVE"); });
+
+    lock.reset();
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.changes, Lines{});
+    EXPECT_EQ((Lines{stamp(world.paths.live_responder), stamp(world.paths.live_handlers),
+                     stamp(world.folder.path("live"))}),
+              before);
+}
+
+TEST_F(PublisherTest, OwnerModeAndOtherTablesOfTheLiveStoreStayAsTheyAre)
+{
+    const std::string other = "CREATE TABLE other (x); ";
+
+    (void)world.run(world.paths.live_responder, other + "INSERT INTO other VALUES (1);");
+    (void)world.run(world.paths.staged_responder, other + sql_reply("a@x.test", "A"));
+    ASSERT_EQ(::chmod(world.paths.live_responder.c_str(), 0604), 0);
+
+    const Published published = world.publish();
+    struct stat status = {};
+
+    EXPECT_EQ(published.result, PublishResult::published);
+    EXPECT_EQ(published.notes, Lines{});
+    EXPECT_EQ(world.run(world.paths.live_responder, "SELECT * FROM other"), Lines{"1"});
+    ASSERT_EQ(::stat(world.paths.live_responder.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0604U);
+}
+
+/* What lies there is another one's, perhaps with a wider mode. */
+TEST_F(PublisherTest, CopiesOfTheHandlersAreMadeAnewForTheirOwnerOnly)
+{
+    (void)world.run(world.paths.live_handlers, sql_handler("a@x.test"));
+    for (const std::string &path : {world.paths.staged_handlers, world.paths.handlers_before}) {
+        std::ofstream(path) << "something else";
+        ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    }
+
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    ASSERT_EQ(publisher->open_live(), 0);
+    ASSERT_EQ(publisher->copy_handlers(), 0);
+    for (const std::string &path : {world.paths.staged_handlers, world.paths.handlers_before}) {
+        struct stat status = {};
+
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0600U);
+        EXPECT_EQ(world.rows(path), world.rows(world.paths.live_handlers));
+    }
+}
+
+TEST_F(PublisherTest, StagedStoreThatIsMissingOrHasNoTablesIsTrouble)
+{
+    (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A"));
+
+    const Lines before = world.rows(world.paths.live_responder);
+
+    (void)world.run(world.paths.staged_responder, "DROP TABLE attachments");
+    EXPECT_EQ(world.publish().troubles,
+              Lines{"table attachments of the rebuilt responder store cannot be compared: no such table: "
+                    "staged_responder.attachments"});
+    std::filesystem::remove(world.paths.staged_responder);
+    EXPECT_EQ(world.publish().troubles,
+              Lines{world.paths.staged_responder + " cannot be read: unable to open database: file:" +
+                    world.paths.staged_responder + "?mode=ro (No such file or directory)"});
+    EXPECT_EQ(world.rows(world.paths.live_responder), before);
 }
 
 } // namespace

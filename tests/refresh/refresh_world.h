@@ -58,6 +58,10 @@ inline const std::string silent_socket = "/run/silent.sock";
 /* Waits for a file that a stand-in makes when it is reached; the test fails without it. */
 void wait_for_file(const std::string &path);
 
+/* A script for --rebuild: commands, of which "$rebuild" runs the real one.  Returns its path. */
+inline const std::string script_path = "/run/rebuild-script";
+std::string rebuild_script(const std::string &commands);
+
 class RefreshTest : public ::testing::Test
 {
 protected:
@@ -71,9 +75,6 @@ protected:
     static std::unique_ptr<Program> start(std::vector<std::string> arguments = {});
     static ProgramResult refresh(std::vector<std::string> arguments = {});
     static void rebuild();
-
-    /* A script that is given as --rebuild: commands around "$rebuild", which runs the real one. */
-    static std::string rebuild_script(const std::string &commands);
 
     /* Both live stores are what a rebuild makes of the panel now (but for handlers of others). */
     static void expect_fresh();
