@@ -174,10 +174,12 @@ def measure_shapes(bench, shapes, disk):
     for title in shapes:
         bench.load(SHAPES[title])
         bench.same_stores(names)
-        for place in ("memory", "disk"):
+        # Where 20,000 mailboxes are synced one by one, hours pass and nothing new is learnt.
+        for place in ("memory", "disk") if title in ("small", "typical") else ("memory",):
             with stores_on(place, disk):
                 say(f"{title}, on {place}")
-                figures = bench.rounds_of(names, bench.rounds)
+                # A sync takes what the disk takes: a round there is long, and says enough.
+                figures = bench.rounds_of(names, bench.rounds if place == "memory" else 1)
                 row = {"shape": title, "place": place, "figures": {
                     name: dict(zip(("wall", "cpu", "memory"), figures[name])) for name in names}}
                 if place == "memory":
@@ -199,7 +201,7 @@ def measure_parts(bench, disk):
             for title, (shape, _, _) in PARTS.items():
                 say(f"{title}, on {place}")
                 bench.load(shape)
-                walls[title] = bench.rounds_of(["rebuild"], bench.rounds)["rebuild"][0]
+                walls[title] = bench.rounds_of(["rebuild"], bench.rounds if place == "memory" else 1)["rebuild"][0]
             for title, (_, base, count) in PARTS.items():
                 if base is not None:
                     costs.setdefault(title, {})[place] = (walls[title] - walls[base]) / count
