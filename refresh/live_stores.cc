@@ -20,7 +20,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 /* Less than the 50 ms that others wait before they give up. */
-constexpr int milliseconds_of_a_try = 30;
+constexpr int milliseconds_of_a_try = 20;
 constexpr std::chrono::milliseconds pause_between_tries(20);
 
 bool is_busy(int rc)
@@ -151,7 +151,7 @@ int LiveStores::open_responder()
     else if (kind != StoreFileKind::database && kind != StoreFileKind::no_database)
         return refuse(responder_, kind);
     if (!flaw_.empty())
-        return 0;
+        return get_ready();
 
     const int attached = attach_as(responder_, "rw", "responder");
     const int rc = attached == SQLITE_OK ? first_read("responder") : attached;
@@ -163,17 +163,23 @@ int LiveStores::open_responder()
         return -1;
     }
     responder_file_ = FileIdentity::of(responder_); /* what was rolled back is written */
-    return flaw_.empty() ? get_ready() : 0;
+    return get_ready();
 }
 
-/* Of the pages that are written, those that the cache cannot hold cost a sync of the journal each time. */
+/*
+ * A commit over both files is on the disk when the super-journal's end is; one to the handlers only must have
+ * its journal's end synced, too.  Pages that are written and that the cache cannot hold cost a sync of the
+ * journal, time and again.
+ */
 int LiveStores::get_ready()
 {
-    const std::optional<std::int64_t> version = data_version();
+    const bool is_attached = flaw_.empty();
+    const std::optional<std::int64_t> version = is_attached ? data_version() : 0;
 
     data_version_ = version.value_or(0);
     if (version &&
-        execute("PRAGMA responder.synchronous = EXTRA; PRAGMA responder.cache_size = -6144") == SQLITE_OK)
+        execute(is_attached ? "PRAGMA responder.synchronous = FULL; PRAGMA responder.cache_size = -6144"
+                            : "PRAGMA main.synchronous = EXTRA") == SQLITE_OK)
         return 0;
     return tell(responder_ + " cannot be opened");
 }
@@ -217,7 +223,7 @@ int LiveStores::connect()
     (void)sqlite3_busy_timeout(db, busy_milliseconds(wait_));
     /* The rows are published as they are: what a table's triggers make of them they have made already. */
     (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = EXTRA");
+    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = FULL");
 }
 
 int LiveStores::attach_as(const std::string &path, const char *mode, const char *schema)

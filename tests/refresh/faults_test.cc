@@ -241,6 +241,23 @@ TEST_P(FaultTest, AnyCallOfSqliteThatFailsIsOneTroubleAndNothingHalfPublished)
     }
 }
 
+/* After a power cut there may be of each folder what was synced last, and of a file what was synced before.
+ */
+TEST(ReplacementOrder, FileAndFolderAreSyncedBeforeTheNewNameAndAfterIt)
+{
+    const FaultWorld world(true);
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    ASSERT_EQ(world.get_ready(publisher.get(), [&] { world.rebuild(); }), 0);
+
+    const WriteFaults faults(1000, WriteFault::fails_once);
+
+    EXPECT_EQ(publisher->publish(), PublishResult::published);
+    EXPECT_EQ(WriteFaults::calls(), (Lines{"unlink", "fchown", "fchmod", "fsync", "unlink", "unlink",
+                                           "unlink", "fsync", "rename", "fsync"}));
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, FaultTest, ::testing::Bool());
 
 } // namespace
