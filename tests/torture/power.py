@@ -13,7 +13,7 @@ import world
 from calls import undisturbed
 
 SECTOR = 512
-VARIANTS = 10 # images at each sync: nothing, everything, and random ones
+VARIANTS = 12 # images at each sync: nothing, everything, and random ones
 CALLS = "openat,pwrite64,ftruncate,fdatasync,fsync,unlink"
 
 
