@@ -12,7 +12,7 @@ import signal
 import time
 import zlib
 
-from runner import Outcome, children
+from runner import PATIENCE, Outcome, children
 
 # Calls that do not fail, or whose failure nobody could notice.
 NEVER_FAIL = {"getpid", "getppid", "gettid", "geteuid", "getuid", "futex", "exit_group", "rt_sigaction",
@@ -194,8 +194,10 @@ def status(pid, key):
 
 
 def wait_for(condition):
-    while True:
+    end = time.monotonic() + PATIENCE
+    while time.monotonic() < end:
         value = condition()
         if value:
             return value
         time.sleep(0.001)
+    raise RuntimeError("the run has no child, or strace does not get hold of it")

@@ -53,6 +53,13 @@ def plan(_):
 
 
 def make_run(name):
+    try:
+        return try_run(name)
+    except Exception as error: # the driver's own, which is to be found by the run
+        raise RuntimeError(f"{name}: {error!r}") from error
+
+
+def try_run(name):
     """(name, whether it was disturbed, [(law, what was seen)], what it said)"""
     worker = become_worker()
     kind = name.split(":")[0]
