@@ -66,7 +66,8 @@ class Disk:
         elif what == "unlink":
             self.bind(path, None)
             store = path.removesuffix("-journal")
-            self.commits[store] += 1
+            if store != path and store in self.commits:
+                self.commits[store] += 1
         elif what == "write":
             self.names[path].write(*rest)
         elif what == "truncate":
