@@ -52,8 +52,8 @@ ERRORS = {
     "write": "EIO ENOSPC EINTR EPIPE",
 }
 # Calls on files and on the server's socket: they also fail from a position on, but with what can last.
-PERSISTENT = {"close", "connect", "fchown", "fcntl", "fdatasync", "ftruncate", "lseek", "newfstatat", "openat", "poll",
-              "pread64", "pwrite64", "read", "recvfrom", "sendto", "setsockopt", "socket", "unlink", "write"}
+PERSISTENT = {"close", "connect", "fchown", "fcntl", "fdatasync", "ftruncate", "lseek", "newfstatat", "openat",
+              "poll", "pread64", "pwrite64", "read", "recvfrom", "sendto", "setsockopt", "socket", "unlink", "write"}
 PASSING = {"EINTR", "EAGAIN", "EBUSY"}
 LOCK_IS_BUSY = {"ENOLCK", "EACCES"} # so SQLite takes these two of fcntl
 HALVED = ("read", "write", "pread64", "pwrite64", "recv", "send")
