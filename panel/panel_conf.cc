@@ -268,7 +268,7 @@ int conf_parse_stream(std::FILE *stream, QsxConfStore *store)
         return -1;
 
     const KeepErrno kept;
-    const bool was_read_whole = std::feof(stream) != 0 && std::ferror(stream) == 0;
+    const bool was_read_whole = std::feof(stream) != 0; /* which a read error is not */
     file.reset();
     conf_store_sort(store);
     if (was_read_whole)
