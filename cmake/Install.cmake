@@ -8,7 +8,7 @@ set(kolmo_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kolmo)
 set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
-set(kolmo_programs mail_responders_rebuild mail_responders_verify)
+set(kolmo_programs mail_responders_rebuild mail_responders_refresh mail_responders_verify)
 foreach(program IN LISTS kolmo_programs)
   install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/man/${program}.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT program)

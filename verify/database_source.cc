@@ -64,7 +64,11 @@ int read_database_source(DatabaseSource *source, const TroubleSink &trouble)
     const OwnedSecret password(ini_get_value(panel_dsn_path, "kolmo", "password"));
 
     source->origins.push_back(origin("password", password != nullptr ? panel_dsn_path : panel_shadow_path));
-    source->socket = conf_get(MYSQL_SOCKET);
+    if (!source->host.empty() && source->host != "localhost") {
+        source->door = "port " + take("port", "port", "by default", source);
+        return 0;
+    }
+    source->door = conf_get(MYSQL_SOCKET);
     source->origins.push_back(
         origin("socket", conf_get_from_file(MYSQL_SOCKET) != nullptr ? panel_conf_path : nullptr));
     return 0;

@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -35,6 +36,12 @@ struct FindingCode {
 [[nodiscard]] const char *remedy_name(Remedy remedy);
 [[nodiscard]] const char *place_name(Place place);
 
+/* The part of a handler's key beside its name and address; nothing stands for NULL. */
+struct HandlerKind {
+    std::optional<std::int64_t> queue;
+    std::optional<std::int64_t> type;
+};
+
 /* What does not apply is empty. */
 struct Finding {
     const FindingCode *code = nullptr;
@@ -47,6 +54,7 @@ struct Finding {
     std::optional<std::string> expected = {}; /* of an attachment the file's name */
     std::optional<std::string> found = {};
     std::string help = {};
+    HandlerKind handler = {}; /* of handler-stale: which of the address's handlers */
     std::string command = {}; /* for the shell, when there is one that mends exactly this */
 };
 

@@ -1,7 +1,6 @@
 #include <cstdio>
 
-#include <nlohmann/json.hpp>
-
+#include "verify/json_line.h"
 #include "verify/output.h"
 
 namespace kolmo
@@ -9,38 +8,6 @@ namespace kolmo
 
 namespace
 {
-
-using Object = nlohmann::ordered_json;
-
-/* DEL and C1 stand in a dump as they are; they occur within its texts only. */
-std::string without_controls(const std::string &dump)
-{
-    std::string result;
-
-    for (std::size_t i = 0; i < dump.size(); i++) {
-        const auto byte = static_cast<unsigned char>(dump[i]);
-        const auto next = static_cast<unsigned char>(i + 1 < dump.size() ? dump[i + 1] : 0);
-        char text[8];
-
-        if (byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next <= 0x9f)) {
-            (void)std::snprintf(text, sizeof text, "\\u%04x",
-                                static_cast<unsigned int>(byte == 0x7f ? byte : next));
-            result += text;
-            i += byte == 0x7f ? 0 : 1;
-        } else {
-            result += dump[i];
-        }
-    }
-    return result;
-}
-
-void print(const Object &object)
-{
-    const std::string line =
-        without_controls(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)) + '\n';
-
-    (void)std::fwrite(line.data(), 1, line.size(), stdout);
-}
 
 class JsonOutput : public Output
 {
@@ -51,20 +18,21 @@ public:
                const std::string &handlers_store) override
     {
         if (!quiet_)
-            print({{"verify", 1},
-                   {"database", {{"host", source.host}, {"user", source.user}, {"name", source.name}}},
-                   {"responder_store", responder_store},
-                   {"handlers_store", handlers_store}});
+            print_json_line(
+                {{"verify", 1},
+                 {"database", {{"host", source.host}, {"user", source.user}, {"name", source.name}}},
+                 {"responder_store", responder_store},
+                 {"handlers_store", handlers_store}});
     }
 
     void finding(const Finding &finding) override;
 
-    void trouble(const std::string &text) override { print({{"trouble", text}}); }
+    void trouble(const std::string &text) override { print_json_line({{"trouble", text}}); }
 
     void note(const std::string &text) override
     {
         if (!quiet_)
-            print({{"note", text}});
+            print_json_line({{"note", text}});
     }
 
     void end(const VerifySummary &summary, double seconds) override;
@@ -75,7 +43,7 @@ private:
 
 void JsonOutput::finding(const Finding &finding)
 {
-    Object object = {{"code", finding.code->name}, {"store", place_name(finding.place)}};
+    JsonObject object = {{"code", finding.code->name}, {"store", place_name(finding.place)}};
     const auto add = [&](const char *key, const std::string &text) {
         if (!text.empty())
             object[key] = text;
@@ -90,21 +58,21 @@ void JsonOutput::finding(const Finding &finding)
         object["found"] = *finding.found;
     object["remedy"] = remedy_name(finding.remedy);
     object["help"] = finding.help + (finding.command.empty() ? "" : ": " + finding.command);
-    print(object);
+    print_json_line(object);
 }
 
 void JsonOutput::end(const VerifySummary &summary, double seconds)
 {
     if (!quiet_)
-        print({{"summary",
-                {{"domains", summary.domains},
-                 {"mailboxes", summary.mailboxes},
-                 {"aliases", summary.aliases},
-                 {"findings", summary.findings()},
-                 {"rebuild", summary.rebuild},
-                 {"panel", summary.panel},
-                 {"manual", summary.manual},
-                 {"seconds", seconds}}}});
+        print_json_line({{"summary",
+                          {{"domains", summary.domains},
+                           {"mailboxes", summary.mailboxes},
+                           {"aliases", summary.aliases},
+                           {"findings", summary.findings()},
+                           {"rebuild", summary.rebuild},
+                           {"panel", summary.panel},
+                           {"manual", summary.manual},
+                           {"seconds", seconds}}}});
     (void)std::fflush(stdout);
 }
 

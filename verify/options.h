@@ -7,18 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "verify/common_options.h"
+
 namespace kolmo
 {
 
-enum class Color { when_terminal, always, never };
-
-struct ProgramOptions {
+struct ProgramOptions : CommonOptions {
     std::vector<std::string> domains;
-    bool json = false;
-    bool quiet = false;           /* findings and trouble only */
-    std::optional<bool> progress; /* nothing: when standard error is a terminal */
-    int wait_seconds = 60;
-    Color color = Color::when_terminal;
 };
 
 /*

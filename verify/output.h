@@ -33,9 +33,9 @@ public:
 
 /*
  * For people: findings by domain, at most 100 columns, printed at the end; trouble and notes go to standard
- * error at once.  quiet leaves all out but findings and trouble.
+ * error at once, behind the program's name.  quiet leaves all out but findings and trouble.
  */
-[[nodiscard]] std::unique_ptr<Output> make_text_output(bool quiet, bool color);
+[[nodiscard]] std::unique_ptr<Output> make_text_output(const char *program, bool quiet, bool color);
 
 /* For programs: an object a line, as it comes. */
 [[nodiscard]] std::unique_ptr<Output> make_json_output(bool quiet);

@@ -1,10 +1,7 @@
 #include "verify/program.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <exception>
-
-#include <unistd.h>
 
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"
@@ -12,6 +9,7 @@
 #include "verify/options.h"
 #include "verify/output.h"
 #include "verify/progress.h"
+#include "verify/report.h"
 
 namespace kolmo
 {
@@ -21,21 +19,16 @@ namespace
 
 constexpr int trouble_status = 2;
 
-bool wants_color(Color color)
-{
-    const char *const no_color = std::getenv("NO_COLOR"); /* https://no-color.org */
-
-    if (color != Color::when_terminal)
-        return color == Color::always;
-    return ::isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0');
-}
-
 /* Connects and compares; what cannot be done is trouble. */
 int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
 {
-    Progress progress(options.progress.value_or(::isatty(STDERR_FILENO) == 1));
+    Progress progress(wants_progress(options));
     const VerifySink sink = {
-        .finding = [&](const Finding &finding) { output->finding(finding); },
+        .finding =
+            [&](const Finding &finding) {
+                progress.clear();
+                output->finding(finding);
+            },
         .trouble =
             [&](const std::string &text) {
                 progress.clear();
@@ -48,17 +41,18 @@ int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
             },
         .progress = [&](unsigned long done, unsigned long all) { progress.show(done, all); },
     };
+    const Report report(sink, summary);
     DatabaseSource source;
     char reason[4097] = "the database's client gives no reason";
 
-    if (read_database_source(&source, sink.trouble) != 0)
+    if (read_database_source(&source, [&](const std::string &text) { report.trouble(text); }) != 0)
         return trouble_status;
     output->begin(source, responder_db_path, handlers_db_path);
 
     const PanelConnection panel(panel_db_connect_ex(reason, sizeof reason));
 
     if (panel == nullptr) {
-        sink.trouble(reason);
+        report.trouble(reason);
         return trouble_status;
     }
     return verify_stores(panel.get(), {.domains = options.domains, .wait_seconds = options.wait_seconds},
@@ -76,9 +70,9 @@ int verify_program(int argc, char **argv)
     if (const std::optional<int> status = parse_options(argc, argv, &options))
         return *status;
 
-    const std::unique_ptr<Output> output = options.json
-                                               ? make_json_output(options.quiet)
-                                               : make_text_output(options.quiet, wants_color(options.color));
+    const std::unique_ptr<Output> output =
+        options.json ? make_json_output(options.quiet)
+                     : make_text_output("mail_responders_verify", options.quiet, wants_color(options));
     const int status = look(options, output.get(), &summary);
     const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
 

@@ -18,8 +18,7 @@ volatile std::sig_atomic_t line_is_there = 0;
 /* The signal ends the process as it always would; only the line must not stay. */
 void on_signal(int signal_number)
 {
-    if (line_is_there != 0)
-        (void)!::write(STDERR_FILENO, take_line_away, sizeof take_line_away - 1);
+    wipe_progress_line();
     (void)::raise(signal_number);
 }
 
@@ -37,7 +36,13 @@ void catch_once(int signal_number)
 
 } // namespace
 
-Progress::Progress(bool shown) : shown_(shown)
+void wipe_progress_line() noexcept
+{
+    if (line_is_there != 0)
+        (void)!::write(STDERR_FILENO, take_line_away, sizeof take_line_away - 1);
+}
+
+Progress::Progress(bool shown, const char *what) : shown_(shown), what_(what)
 {
     if (!shown_)
         return;
@@ -57,7 +62,7 @@ void Progress::show(unsigned long done, unsigned long all)
     const double left = done > 0 ? passed * static_cast<double>(all - done) / static_cast<double>(done) : 0;
 
     line_is_there = 1;
-    (void)std::fprintf(stderr, "\r%lu of %lu mailboxes, about %.0f s left\x1b[K", done, all, left);
+    (void)std::fprintf(stderr, "\r%s%lu of %lu mailboxes, about %.0f s left\x1b[K", what_, done, all, left);
     (void)std::fflush(stderr);
 }
 

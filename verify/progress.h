@@ -8,11 +8,14 @@
 namespace kolmo
 {
 
+/* Takes the line away, for one who is ended by a signal: safe in a signal handler. */
+void wipe_progress_line() noexcept;
+
 class Progress
 {
 public:
-    /* Without `shown` nothing is ever printed. */
-    explicit Progress(bool shown);
+    /* Without `shown` nothing is ever printed.  `what` is said before the numbers. */
+    explicit Progress(bool shown, const char *what = "");
     ~Progress() { clear(); }
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -27,6 +30,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     bool shown_;
+    const char *what_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point last_ = start_;
 };

@@ -20,8 +20,6 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-const char mail_group[] = "popuser";
-
 /* A step holds the lock for a few milliseconds: a writer waits 50 and more. */
 constexpr int pages_of_a_step = 512;
 constexpr int most_beginnings = 10;
@@ -56,18 +54,6 @@ std::string octal(mode_t mode)
     return digits;
 }
 
-/* The group's id, or nothing after telling that there is none. */
-std::optional<gid_t> mail_group_id(const TroubleSink &trouble)
-{
-    const group *const entry = ::getgrnam(mail_group);
-
-    if (entry == nullptr) {
-        trouble("there is no group popuser, by which the mail server reads the stores");
-        return std::nullopt;
-    }
-    return entry->gr_gid;
-}
-
 int open_source(const std::string &path, SqliteConnection *source, const TroubleSink &trouble)
 {
     sqlite3 *db = nullptr;
@@ -77,22 +63,6 @@ int open_source(const std::string &path, SqliteConnection *source, const Trouble
     if (rc == SQLITE_OK)
         return 0;
     trouble(path + " cannot be opened: " + (db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc)));
-    return -1;
-}
-
-/* The empty name is SQLite's for a file of its own that has none. */
-int open_copy(SqliteConnection *copy, const TroubleSink &trouble)
-{
-    sqlite3 *db = nullptr;
-    int rc = sqlite3_open_v2("", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-
-    copy->reset(db);
-    if (rc == SQLITE_OK)
-        rc = sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA cache_size = -1024", nullptr, nullptr,
-                          nullptr);
-    if (rc == SQLITE_OK)
-        return 0;
-    trouble(std::string("no private copy can be made: ") + sqlite3_errstr(rc));
     return -1;
 }
 
@@ -107,6 +77,8 @@ std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
                path + " 'SELECT count(*) FROM sqlite_master'";
     if (is_busy(rc))
         return path + " is locked by another process, longer than was waited for (--wait)";
+    if (rc == SQLITE_FULL)
+        return no_space_for_copy;
     if ((rc & 0xff) == SQLITE_NOTADB)
         return path + " is no database, or is damaged";
     return path + " cannot be copied: " + sqlite3_errstr(rc) + " (" + sqlite3_errmsg(source) + ")";
@@ -152,108 +124,140 @@ int copy_pages(sqlite3_backup *backup, std::chrono::milliseconds wait)
     return SQLITE_OK;
 }
 
-int check_copy(sqlite3 *copy, const std::string &path, const TroubleSink &trouble)
+bool is_damage(int rc)
+{
+    return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
+}
+
+CopyEnding check_copy(sqlite3 *copy, const std::string &path, const TroubleSink &trouble)
 {
     SqliteQuery check;
+    const bool found = check.prepare(copy, "PRAGMA quick_check(1)") == 0 && check.next();
 
-    if (check.prepare(copy, "PRAGMA quick_check(1)") == 0 && check.next() && check.text(0) == "ok")
-        return 0;
-
-    const std::string found(check.text(0).value_or(sqlite3_errmsg(copy)));
-
-    trouble(path + " is damaged (PRAGMA quick_check): " + found);
-    return -1;
+    if (found && check.text(0) == "ok")
+        return CopyEnding::copied;
+    trouble(path + " is damaged (PRAGMA quick_check): " +
+            (found ? std::string(check.text(0).value_or("")) : sqlite3_errmsg(copy)));
+    return found || is_damage(sqlite3_errcode(copy)) ? CopyEnding::damaged : CopyEnding::failed;
 }
 
 } // namespace
 
-int check_store_file(const std::string &path, const TroubleSink &trouble)
+StoreFileKind look_at_store_file(const std::string &path)
 {
     const Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     char header[100] = "";
 
-    if (!file.is_open() || ::fstat(file.get(), &status) != 0) {
+    if (!file.is_open() || ::fstat(file.get(), &status) != 0)
+        return errno == ENOENT ? StoreFileKind::missing : StoreFileKind::unreadable;
+    if (!S_ISREG(status.st_mode))
+        return StoreFileKind::no_file;
+    if (status.st_size == 0)
+        return StoreFileKind::empty;
+    if (::pread(file.get(), header, sizeof header, 0) != sizeof header || !is_database(header))
+        return StoreFileKind::no_database;
+    return is_in_wal_mode(header) ? StoreFileKind::database_in_wal_mode : StoreFileKind::database;
+}
+
+int check_store_file(const std::string &path, const TroubleSink &trouble)
+{
+    switch (look_at_store_file(path)) {
+    case StoreFileKind::database:
+        return 0;
+    case StoreFileKind::missing:
+    case StoreFileKind::unreadable:
         trouble(path + " cannot be read: " + std::strerror(errno));
-        return -1;
-    }
-    if (!S_ISREG(status.st_mode)) {
+        break;
+    case StoreFileKind::no_file:
         trouble(path + " is no file");
-        return -1;
-    }
-    if (status.st_size == 0) {
+        break;
+    case StoreFileKind::empty:
         trouble(path + " is empty: it has no tables");
-        return -1;
-    }
-    if (::pread(file.get(), header, sizeof header, 0) != sizeof header || !is_database(header)) {
+        break;
+    case StoreFileKind::no_database:
         trouble(path + " is no database");
-        return -1;
-    }
-    if (is_in_wal_mode(header)) {
+        break;
+    case StoreFileKind::database_in_wal_mode:
         trouble(path + " is in WAL mode, in which nobody can read it without writing: sqlite3 " + path +
                 " 'PRAGMA journal_mode = DELETE'");
-        return -1;
+        break;
     }
-    return 0;
+    return -1;
 }
 
-void check_handlers_owner(const std::string &path, const TroubleSink &trouble)
+void check_owners(const std::string &responders, const std::string &handlers, const TroubleSink &trouble)
 {
-    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
+    const group *const mail = ::getgrnam("popuser");
     struct stat status;
 
-    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
+    if (mail == nullptr) {
+        trouble("there is no group popuser, by which the mail server reads the stores");
         return;
-    if (status.st_uid != 0 || status.st_gid != *mail_gid)
-        trouble(path + " belongs to " + std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid) +
-                ", not to root:popuser: chown root:popuser " + path);
+    }
+    if (::stat(responders.c_str(), &status) == 0 &&
+        (status.st_mode & (status.st_gid == mail->gr_gid ? S_IRGRP : S_IROTH)) == 0)
+        trouble(responders + " cannot be read by the mail server's group (mode " +
+                octal(status.st_mode & 07777) + ", group " + std::to_string(status.st_gid) +
+                "): chgrp popuser " + responders + " && chmod g+r " + responders);
+    if (::stat(handlers.c_str(), &status) != 0)
+        return;
+    if (status.st_uid != 0 || status.st_gid != mail->gr_gid)
+        trouble(handlers + " belongs to " + std::to_string(status.st_uid) + ":" +
+                std::to_string(status.st_gid) + ", not to root:popuser: chown root:popuser " + handlers);
     if ((status.st_mode & 07777) != 0640)
-        trouble(path + " has mode " + octal(status.st_mode & 07777) + ", not 0640: chmod 0640 " + path);
+        trouble(handlers + " has mode " + octal(status.st_mode & 07777) + ", not 0640: chmod 0640 " +
+                handlers);
 }
 
-void check_responder_reader(const std::string &path, const TroubleSink &trouble)
+/* The empty name is SQLite's for a file of its own that has none. */
+SqliteConnection open_private_database(const TroubleSink &trouble)
 {
-    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
-    struct stat status;
+    sqlite3 *db = nullptr;
+    int rc = sqlite3_open_v2("", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    SqliteConnection opened(db);
 
-    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
-        return;
-
-    const bool readable =
-        status.st_gid == *mail_gid ? (status.st_mode & S_IRGRP) != 0 : (status.st_mode & S_IROTH) != 0;
-
-    if (!readable)
-        trouble(path + " cannot be read by the mail server's group (mode " + octal(status.st_mode & 07777) +
-                ", group " + std::to_string(status.st_gid) + "): chgrp popuser " + path + " && chmod g+r " +
-                path);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA cache_size = -1024", nullptr, nullptr,
+                          nullptr);
+    if (rc == SQLITE_OK)
+        return opened;
+    trouble(std::string("no private copy can be made: ") + sqlite3_errstr(rc));
+    return nullptr;
 }
 
-SqliteConnection copy_store(const std::string &path, std::chrono::milliseconds wait,
-                            const TroubleSink &trouble)
+CopyEnding copy_database(const std::string &path, std::chrono::milliseconds wait, sqlite3 *copy,
+                         const TroubleSink &trouble)
 {
     SqliteConnection source;
-    SqliteConnection copy;
 
-    if (open_source(path, &source, trouble) != 0 || open_copy(&copy, trouble) != 0)
-        return nullptr;
+    if (open_source(path, &source, trouble) != 0)
+        return CopyEnding::failed;
     (void)sqlite3_exec(source.get(), "PRAGMA cache_size = -64", nullptr, nullptr, nullptr);
 
-    Backup backup(sqlite3_backup_init(copy.get(), "main", source.get(), "main"));
+    Backup backup(sqlite3_backup_init(copy, "main", source.get(), "main"));
 
     if (backup == nullptr) {
-        trouble(std::string("no private copy can be made: ") + sqlite3_errmsg(copy.get()));
-        return nullptr;
+        trouble(std::string("no private copy can be made: ") + sqlite3_errmsg(copy));
+        return CopyEnding::failed;
     }
 
     const int rc = copy_pages(backup.get(), wait);
 
     backup.reset();
-    if (rc != SQLITE_OK) {
-        trouble(copy_failure(path, rc, source.get()));
-        return nullptr;
-    }
-    if (check_copy(copy.get(), path, trouble) != 0)
-        return nullptr;
+    if (rc == SQLITE_OK)
+        return check_copy(copy, path, trouble);
+    trouble(copy_failure(path, rc, source.get()));
+    return is_damage(rc) ? CopyEnding::damaged : CopyEnding::failed;
+}
+
+SqliteConnection copy_store(const std::string &path, std::chrono::milliseconds wait,
+                            const TroubleSink &trouble)
+{
+    SqliteConnection copy = open_private_database(trouble);
+
+    if (copy != nullptr && copy_database(path, wait, copy.get(), trouble) != CopyEnding::copied)
+        copy.reset();
     return copy;
 }
 

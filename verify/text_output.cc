@@ -21,11 +21,6 @@ constexpr std::size_t indent = 2;
 constexpr std::size_t detail_indent = indent + code_width;
 constexpr std::size_t command_indent = 4;
 
-struct Style {
-    const char *on;
-    const char *off;
-};
-
 /* 16,000 for 16000. */
 std::string grouped(unsigned long number)
 {
@@ -50,7 +45,10 @@ struct Group {
 class TextOutput : public Output
 {
 public:
-    TextOutput(bool quiet, bool color) : quiet_(quiet), color_(color) {}
+    TextOutput(const char *program, bool quiet, bool color)
+        : head_(std::string(program) + ": "), quiet_(quiet), color_(color)
+    {
+    }
 
     void begin(const DatabaseSource &source, const std::string &responder_store,
                const std::string &handlers_store) override;
@@ -64,8 +62,10 @@ private:
     [[nodiscard]] std::string details(const Finding &finding) const;
     void print_help() const;
 
+    std::string head_; /* of what goes to standard error */
     bool quiet_;
     bool color_;
+    bool begun_ = false;        /* something stands above the findings */
     std::vector<Group> groups_; /* in the order of their first finding */
     std::map<std::string, std::size_t> places_;
     std::map<std::pair<int, std::string>, std::vector<std::string>> helps_; /* by remedy: codes */
@@ -89,10 +89,11 @@ void TextOutput::begin(const DatabaseSource &source, const std::string &responde
 
     if (quiet_)
         return;
+    begun_ = true;
     for (const std::string &origin : source.origins)
         origins += (origins.empty() ? "" : ", ") + origin;
     print_wrapped(stdout, "panel database   ",
-                  fmt::format("{} on {} ({}), as {}", source.name, source.host, source.socket, source.user));
+                  fmt::format("{} on {} ({}), as {}", source.name, source.host, source.door, source.user));
     print_wrapped(stdout, "                 ", origins);
     print_wrapped(stdout, "responder store  ", responder_store);
     print_wrapped(stdout, "handlers store   ", handlers_store);
@@ -162,13 +163,13 @@ void TextOutput::finding(const Finding &finding)
 
 void TextOutput::trouble(const std::string &text)
 {
-    print_wrapped(stderr, "mail_responders_verify: ", text);
+    print_wrapped(stderr, head_, text);
 }
 
 void TextOutput::note(const std::string &text)
 {
     if (!quiet_)
-        print_wrapped(stderr, "mail_responders_verify: note: ", text);
+        print_wrapped(stderr, head_ + "note: ", text);
 }
 
 void TextOutput::print_help() const
@@ -176,8 +177,8 @@ void TextOutput::print_help() const
     if (!helps_.empty())
         fmt::print("\nWhat mends it\n");
     for (const auto &[key, codes] : helps_) {
-        fmt::print("  {:<9}", remedy_name(static_cast<Remedy>(key.first)));
-        print_wrapped(stdout, "", key.second);
+        print_wrapped(stdout, fmt::format("  {:<9}", remedy_name(static_cast<Remedy>(key.first))),
+                      key.second);
         for (const std::string &line : wrap(fmt::format("({})", fmt::join(codes, ", ")), width - 11))
             fmt::print("{:11}{}\n", "", line);
     }
@@ -195,7 +196,7 @@ void TextOutput::end(const VerifySummary &summary, double)
     };
 
     for (const Group &group : groups_)
-        fmt::print("{}{}\n{}", quiet_ && &group == groups_.data() ? "" : "\n",
+        fmt::print("{}{}\n{}", begun_ || &group != groups_.data() ? "\n" : "",
                    group.name.empty() ? "all replies" : printable(group.name), group.lines);
     if (!quiet_) {
         print_help();
@@ -212,9 +213,9 @@ void TextOutput::end(const VerifySummary &summary, double)
 
 } // namespace
 
-std::unique_ptr<Output> make_text_output(bool quiet, bool color)
+std::unique_ptr<Output> make_text_output(const char *program, bool quiet, bool color)
 {
-    return std::make_unique<TextOutput>(quiet, color);
+    return std::make_unique<TextOutput>(program, quiet, color);
 }
 
 } // namespace kolmo

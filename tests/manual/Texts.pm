@@ -3,7 +3,7 @@ package Texts;
 use strict;
 use warnings;
 use Exporter 'import';
-our @EXPORT = qw(slurp source_files test_files without_comments quoted unquoted is_sentence);
+our @EXPORT = qw(slurp files source_files test_files without_comments quoted unquoted is_sentence);
 
 # One literal, and adjacent ones, which are one text.
 our $literal = qr/"(?:\\.|[^"\\])*"/s;

@@ -167,12 +167,14 @@ int __real_sqlite3_prepare_v2(sqlite3 *connection, const char *sql, int length, 
 int __real_sqlite3_bind_text(sqlite3_stmt *statement, int index, const char *text, int length,
                              sqlite3_destructor_type destructor);
 int __real_sqlite3_bind_int(sqlite3_stmt *statement, int index, int number);
+int __real_sqlite3_bind_int64(sqlite3_stmt *statement, int index, sqlite3_int64 number);
 int __real_sqlite3_step(sqlite3_stmt *statement);
 int __real_sqlite3_reset(sqlite3_stmt *statement);
 int __real_sqlite3_finalize(sqlite3_stmt *statement);
 int __real_sqlite3_exec(sqlite3 *connection, const char *sql, sqlite3_callback callback, void *argument,
                         char **error);
 int __real_sqlite3_close(sqlite3 *connection);
+int __real_sqlite3_close_v2(sqlite3 *connection);
 int __real_nanosleep(const timespec *pause, timespec *remainder);
 
 int __wrap_sqlite3_open(const char *path, sqlite3 **connection)
@@ -242,6 +244,15 @@ int __wrap_sqlite3_bind_int(sqlite3_stmt *statement, int index, int number)
     return __real_sqlite3_bind_int(statement, index, number);
 }
 
+int __wrap_sqlite3_bind_int64(sqlite3_stmt *statement, int index, sqlite3_int64 number)
+{
+    if (SqliteFaults::State *const state = watcher(); state != nullptr)
+        if (const auto refusal = state->refusal(SqliteCall::bind, "bind " + std::to_string(index) + ' ' +
+                                                                      std::to_string(number)))
+            return *refusal;
+    return __real_sqlite3_bind_int64(statement, index, number);
+}
+
 int __wrap_sqlite3_step(sqlite3_stmt *statement)
 {
     if (SqliteFaults::State *const state = watcher(); state != nullptr)
@@ -295,6 +306,17 @@ int __wrap_sqlite3_close(sqlite3 *connection)
         state->closed.insert(connection);
     }
     return rc;
+}
+
+/* Nothing that its callers could see fail. */
+int __wrap_sqlite3_close_v2(sqlite3 *connection)
+{
+    if (SqliteFaults::State *const state = watcher(); state != nullptr && connection != nullptr) {
+        state->calls.emplace_back("close_v2");
+        state->open.erase(connection);
+        state->closed.insert(connection);
+    }
+    return __real_sqlite3_close_v2(connection);
 }
 
 int __wrap_nanosleep(const timespec *pause, timespec *remainder)

@@ -2,10 +2,11 @@
  * sqlite_faults: SQLite that fails when a test says so, and pauses that take no time.
  *
  * For test programs that use the target kolmo_sqlite_faults, in which sqlite3_open, sqlite3_open_v2,
- * sqlite3_busy_timeout, sqlite3_prepare_v2, sqlite3_bind_text, sqlite3_bind_int, sqlite3_step,
- * sqlite3_reset, sqlite3_finalize, sqlite3_exec, sqlite3_close and nanosleep, called from anything that is
- * linked statically, lead here (-Wl,--wrap=).  The real SQLite is always underneath; only a call that is
- * made to fail is not made.  Without a SqliteFaults they do what they always do.
+ * sqlite3_busy_timeout, sqlite3_prepare_v2, sqlite3_bind_text, sqlite3_bind_int, sqlite3_bind_int64,
+ * sqlite3_step, sqlite3_reset, sqlite3_finalize, sqlite3_exec, sqlite3_close, sqlite3_close_v2 and nanosleep,
+ * called from anything that is linked statically, lead here (-Wl,--wrap=).  The real SQLite is always
+ * underneath; only a call that is made to fail is not made.  Without a SqliteFaults they do what they always
+ * do.
  *
  *     SqliteFaults faults;
  *     faults.fail_call(3);                    // the third fallible call from here on fails
@@ -29,7 +30,7 @@
 namespace kolmo::testing
 {
 
-/* The calls that can fail; open is both ways to open, bind both ways to bind. */
+/* The calls that can fail; open is both ways to open, bind all ways to bind. */
 enum class SqliteCall { open, prepare, bind, step, exec, close };
 
 class SqliteFaults
@@ -76,9 +77,9 @@ public:
     /*
      * All calls so far, attempts refused as busy and failed ones included:
      *     "open PATH", "open_v2 PATH FLAGS", "busy_timeout 50", "prepare SQL", "bind 1 'text'", "bind 2
-     * NULL", "bind 3 42", "step", "reset", "finalize", "exec SQL", "close", "pause NANOSECONDS" A text that
-     * is bound with a length of less or more than all of it, or copied, has " length N" or " copied" after
-     * it.  Closing and finalizing null is nothing and not recorded.
+     * NULL", "bind 3 42", "step", "reset", "finalize", "exec SQL", "close", "close_v2", "pause NANOSECONDS" A
+     * text that is bound with a length of less or more than all of it, or copied, has " length N" or "
+     * copied" after it.  Closing and finalizing null is nothing and not recorded.
      */
     [[nodiscard]] const std::vector<std::string> &calls() const;
 

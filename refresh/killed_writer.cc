@@ -1,0 +1,84 @@
+#include "refresh/killed_writer.h"
+
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "common/owned.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+/* Where SQLite's writers hold their lock (https://www.sqlite.org/fileformat.html, 1.4: the lock-byte page).
+ */
+constexpr off_t reserved_byte = 0x40000001;
+
+/* The journal's inode, or 0 when there is none with a header in it. */
+ino_t journal_in_use(const std::string &path)
+{
+    const Fd journal(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    char first = 0;
+
+    if (!journal.is_open() || ::fstat(journal.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        ::pread(journal.get(), &first, 1, 0) != 1 || first == 0)
+        return 0;
+    return status.st_ino;
+}
+
+bool has_writer(const std::string &path)
+{
+    const Fd store(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct flock lock = {};
+
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = reserved_byte;
+    lock.l_len = 1;
+    return store.is_open() && ::fcntl(store.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+bool names_a_journal(const std::filesystem::path &list)
+{
+    std::ifstream file(list, std::ios::binary);
+    std::string name;
+
+    while (std::getline(file, name, '\0'))
+        if (!name.empty() && ::access(name.c_str(), F_OK) == 0)
+            return true;
+    return false;
+}
+
+} // namespace
+
+/* A writer has its lock before its journal, and removes the journal first. */
+bool has_hot_journal(const std::string &path)
+{
+    const std::string journal = path + "-journal";
+    const ino_t before = journal_in_use(journal);
+
+    return before != 0 && !has_writer(path) && journal_in_use(journal) == before;
+}
+
+std::vector<std::string> stale_journal_lists(const std::string &path)
+{
+    const std::filesystem::path store(path);
+    const std::string start = store.filename().string() + "-mj";
+    std::vector<std::string> lists;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(store.parent_path(), error);
+
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+        if (entry->path().filename().string().starts_with(start) && !names_a_journal(entry->path()))
+            lists.push_back(entry->path().string());
+    return lists;
+}
+
+} // namespace kolmo

@@ -1,0 +1,118 @@
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "refresh/output.h"
+#include "verify/output.h"
+#include "verify/printable.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+/* What the rows of a table are to people. */
+struct Noun {
+    const char *one;
+    const char *many;
+};
+constexpr Noun nouns[changed_tables] = {
+    {"reply", "replies"}, {"attachment", "attachments"}, {"header", "headers"}, {"handler", "handlers"}};
+
+/* "12 replies added, 3 changed, 1 removed"; empty when nothing of the table changes. */
+std::string counts_of_table(const ChangeCounts &counts, std::size_t table)
+{
+    std::string text;
+
+    for (std::size_t i = 0; i < change_kinds; i++) {
+        const auto kind = static_cast<ChangeKind>(i);
+        const unsigned long rows = counts.of(kind, static_cast<ChangedTable>(table));
+
+        if (rows == 0)
+            continue;
+        if (text.empty())
+            text = fmt::format("{} {} {}", rows, rows == 1 ? nouns[table].one : nouns[table].many,
+                               change_name(kind));
+        else
+            text += fmt::format(", {} {}", rows, change_name(kind));
+    }
+    return text;
+}
+
+std::string counts_text(const ChangeCounts &counts)
+{
+    std::string text;
+
+    for (std::size_t table = 0; table < changed_tables; table++) {
+        const std::string part = counts_of_table(counts, table);
+
+        text += (text.empty() || part.empty() ? "" : "; ") + part;
+    }
+    return text.empty() ? "nothing" : text;
+}
+
+class TextOutput : public RefreshOutput
+{
+public:
+    TextOutput(bool quiet, bool color)
+        : verify_(make_text_output("mail_responders_refresh", quiet, color)), quiet_(quiet)
+    {
+    }
+
+    void trouble(const std::string &text) override { verify_->trouble(text); }
+    void note(const std::string &text) override { verify_->note(text); }
+
+    void look(const DatabaseSource &, const std::string &, const std::string &,
+              const StagedLook &look) override
+    {
+        for (const Finding &finding : look.findings)
+            verify_->finding(finding);
+        if (!look.findings.empty())
+            verify_->end(look.summary, look.seconds);
+    }
+
+    void change(const Change &change) override
+    {
+        fmt::print("{:<7}  {:<10}  {}\n", change_name(change.kind),
+                   nouns[static_cast<std::size_t>(change.table)].one, printable(change.key));
+    }
+
+    void end(const RefreshEnd &end) override;
+
+private:
+    std::unique_ptr<Output> verify_;
+    bool quiet_;
+};
+
+void TextOutput::end(const RefreshEnd &end)
+{
+    if (!quiet_ || end.result == Result::published_in_part) {
+        switch (end.result) {
+        case Result::published:
+            fmt::print("{}\n", counts_text(end.counts));
+            break;
+        case Result::published_in_part:
+            fmt::print("published in part: {}\n", counts_text(end.counts));
+            break;
+        case Result::nothing_to_do:
+            fmt::print("nothing to do: the live stores are as a rebuild makes them\n");
+            break;
+        case Result::dry_run:
+            fmt::print("would publish: {}\n", counts_text(end.counts));
+            break;
+        default: /* the trouble was told */
+            break;
+        }
+    }
+    (void)std::fflush(stdout);
+}
+
+} // namespace
+
+std::unique_ptr<RefreshOutput> make_refresh_text_output(bool quiet, bool color)
+{
+    return std::make_unique<TextOutput>(quiet, color);
+}
+
+} // namespace kolmo

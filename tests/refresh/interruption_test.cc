@@ -1,0 +1,285 @@
+/* Ended at each step, by a signal that can be caught and by the one that cannot. */
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "refresh/lock.h"
+#include "tests/refresh/held_transaction.h"
+#include "tests/refresh/refresh_world.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using namespace testing;
+namespace fs = std::filesystem;
+
+const std::string reached = "/run/reached";
+
+/* Listens and never accepts: who connects waits for a greeting. */
+Fd listen_in_silence(const std::string &path)
+{
+    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+
+    fs::remove(path);
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(::listen(socket.get(), 8), 0);
+    return socket;
+}
+
+class InterruptionTest : public RefreshTest
+{
+protected:
+    void SetUp() override
+    {
+        RefreshTest::SetUp();
+        silent_ = listen_in_silence(silent_socket);
+    }
+
+    /* Each hangs a refresh at a step, where a file appears if the step can make one. */
+    struct Step {
+        const char *what;
+        std::function<void(InterruptionTest &)> hang;
+        std::vector<std::string> arguments = {};
+        std::string file = reached;
+    };
+    static const std::vector<Step> &steps();
+
+    /* Hangs it, sends the signal, and returns how the program ended; the live stores are untouched. */
+    int end_at(const Step &step, int signal_number);
+
+    Fd silent_;
+    Fd run_lock_;
+    std::unique_ptr<StoreLock> store_lock_;
+    std::optional<HeldTransaction> reader_;
+};
+
+const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
+{
+    static const std::string silence = "echo MYSQL_SOCKET " + silent_socket + " >" + conf_path;
+    static const std::vector<Step> all = {
+        {"waiting for another refresh",
+         [](InterruptionTest &test) {
+             test.run_lock_.reset(::open(run_lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+             EXPECT_EQ(::flock(test.run_lock_.get(), LOCK_EX), 0);
+         },
+         {},
+         ""},
+        {"asking a panel that does not answer",
+         [](InterruptionTest &) { write_file(conf_path, "MYSQL_SOCKET " + silent_socket + "\n", 0644); },
+         {},
+         ""},
+        {"waiting for a live store",
+         [](InterruptionTest &test) {
+             test.store_lock_ = std::make_unique<StoreLock>(StoreLock::Kind::exclusive);
+         },
+         {},
+         ""},
+        {"in the panel's utility",
+         [](InterruptionTest &) {
+             write_utility(": >" + reached + "; sleep 1000");
+         }},
+        {"in the utility, staged in a folder",
+         [](InterruptionTest &) {
+             fs::create_directory("/run/stage");
+             write_utility("mkdir " + fs::path(responder_store).parent_path().string() + "/inner; : >" +
+                           reached + "; sleep 1000");
+         },
+         {"--stage", "/run/stage"}},
+        {"in the rebuild",
+         [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; : >" + reached + "; sleep 1000"); },
+         {"--rebuild", script_path, "--progress"}},
+        {"in the look",
+         [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; " + silence + "; : >" + reached); },
+         {"--rebuild", script_path}},
+        {"publishing, with a new file beside the old one, and a reader of the handlers",
+         [](InterruptionTest &test) {
+             fs::remove(responder_store);
+             test.reader_.emplace(handlers_store, "BEGIN; SELECT count(*) FROM handlers");
+         },
+         {},
+         responder_store + "-refresh"},
+    };
+
+    return all;
+}
+
+int InterruptionTest::end_at(const Step &step, int signal_number)
+{
+    step.hang(*this);
+
+    const FileState responders(responder_store);
+    const FileState handlers(handlers_store);
+    const std::unique_ptr<Program> program = start(step.arguments);
+
+    if (!step.file.empty())
+        wait_for_file(step.file);
+    EXPECT_TRUE(program->is_running());
+    EXPECT_EQ(::kill(program->pid(), signal_number), 0);
+
+    const int status = program->finish().status;
+
+    store_lock_.reset();
+    reader_.reset();
+    run_lock_.reset();
+    expect_untouched(responders);
+    expect_untouched(handlers);
+    return status;
+}
+
+TEST_F(InterruptionTest, CaughtAtEachStepItEndsByTheSignalAndLeavesNothing)
+{
+    constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    std::size_t number = 0;
+
+    for (const Step &step : steps()) {
+        const int signal_number = signals[number++ % std::size(signals)];
+
+        SCOPED_TRACE(step.what);
+        SetUp();
+        EXPECT_EQ(end_at(step, signal_number), 1000 + signal_number);
+        EXPECT_EQ(what_is_left(), Lines{});
+    }
+}
+
+/* The kernel ends what the killed one had started, though not before its parent knows of the end. */
+void wait_for_the_processes_to_end()
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto has_process = [] {
+        for (const std::string &line : what_is_left()) {
+            if (line.starts_with("process"))
+                return true;
+        }
+        return false;
+    };
+
+    while (has_process()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+TEST_F(InterruptionTest, KilledAtEachStepItLeavesAFolderAtMostWhichTheNextOneRemoves)
+{
+    for (const Step &step : steps()) {
+        SCOPED_TRACE(step.what);
+        SetUp();
+        EXPECT_EQ(end_at(step, SIGKILL), 1000 + SIGKILL);
+        wait_for_the_processes_to_end();
+
+        const Lines left = what_is_left();
+
+        const bool has_folder = std::any_of(
+            left.begin(), left.end(), [](const std::string &line) { return line.starts_with("folder"); });
+
+        EXPECT_LE(left.size(), 2U); /* and the new file of a store */
+        fs::remove(conf_path);
+        write_utility("exec " + stand_in);
+
+        const ProgramResult next = refresh();
+
+        EXPECT_EQ(next.status, 0) << next.err;
+        EXPECT_EQ(next.err.find("a refresh was killed; what it has left") == std::string::npos, !has_folder)
+            << next.err;
+        EXPECT_EQ(what_is_left(), Lines{});
+        expect_fresh();
+    }
+}
+
+/* A signal that its parent has it ignore, as nohup does with SIGHUP, stays ignored. */
+TEST_F(InterruptionTest, IgnoredSignalStaysIgnored)
+{
+    ProgramOptions options;
+
+    options.argv = {"mail_responders_refresh"};
+    options.ignored = {SIGHUP};
+    write_utility(": >" + reached + "; while test ! -e /run/once; do sleep 0.01; done; " + stand_in);
+
+    Program program(KOLMO_REFRESH_PROGRAM, options);
+
+    wait_for_file(reached);
+    EXPECT_EQ(::kill(program.pid(), SIGHUP), 0);
+    write_file("/run/once", "");
+    EXPECT_EQ(program.finish().status, 0);
+}
+
+/* What a killed one noted is removed only if it is what a refresh makes, and links are not followed. */
+TEST_F(InterruptionTest, WhatIsNotARefreshsIsNotRemoved)
+{
+    const std::string name = "/run/mail_responders_refresh-staging.0123456789abcdef";
+    const struct {
+        const char *what;
+        std::string folder;
+        std::function<void()> make;
+    } rows[] = {
+        {"another name", "/run/other",
+         [] {
+             fs::create_directory("/run/other");
+         }},
+        {"readable for others", name,
+         [&] {
+             fs::create_directory(name);
+         }},
+        {"of another owner", name,
+         [&] {
+             fs::create_directory(name);
+             EXPECT_EQ(::chmod(name.c_str(), 0700) + ::chown(name.c_str(), 1, 1), 0);
+         }},
+        {"a link", name,
+         [&] {
+             fs::create_directory_symlink("/run/kept", name);
+         }},
+        {"a file", name,
+         [&] {
+             write_file(name, "text");
+         }},
+    };
+
+    fs::create_directory("/run/kept");
+    write_file("/run/kept/file", "text");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        row.make();
+        write_file(run_lock_path, "1\n" + row.folder + "\n");
+
+        const ProgramResult result = refresh();
+
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(unwrapped(result.err).find("what it has left at " + row.folder + " cannot be removed"),
+                  std::string::npos)
+            << result.err;
+        EXPECT_TRUE(fs::exists(fs::symlink_status(row.folder)));
+        EXPECT_TRUE(fs::exists("/run/kept/file"));
+        fs::remove_all(row.folder);
+    }
+    fs::create_directory(name);
+    ASSERT_EQ(::chmod(name.c_str(), 0700), 0);
+    fs::create_directory_symlink("/run/kept", name + "/link");
+    write_file(run_lock_path, "1\n" + name + "\n");
+    EXPECT_EQ(refresh().status, 0);
+    EXPECT_FALSE(fs::exists(name));
+    EXPECT_TRUE(fs::exists("/run/kept/file"));
+    fs::remove_all("/run/kept");
+}
+
+} // namespace
+
+} // namespace kolmo

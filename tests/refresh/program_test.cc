@@ -1,0 +1,651 @@
+/* Whole refreshes: what is published, what is not, why, and what stays as it was. */
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include "refresh/lock.h"
+#include "tests/refresh/refresh_world.h"
+#include "tests/support/killed_writer.h"
+#include "tests/support/sandbox.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+using namespace testing;
+namespace fs = std::filesystem;
+
+const std::string everything =
+    "4 replies changed\n"; /* what SetUp has changed in the panel: three mailboxes, one alias */
+
+/* What is to become of the live stores. */
+enum class Live { untouched, fresh, other };
+
+struct Situation {
+    const char *what;
+    std::function<void(PanelDatabase &panel)> prepare;
+    std::vector<std::string> arguments;
+    int status;
+    const char *words; /* on one of the streams */
+    Live live;
+};
+
+void without_reply(PanelDatabase &panel, int mailbox)
+{
+    panel.execute("UPDATE mail_resp SET resp_name = 'other' WHERE mn_id = " + std::to_string(mailbox));
+}
+
+void write_over_store(const std::string &path, const std::string &content)
+{
+    write_file(path, content, 0644);
+}
+
+const Situation situations[] = {
+    {"nothing special", [](auto &) {}, {}, 0, "4 replies changed\n", Live::fresh},
+    {"staged in a folder",
+     [](auto &) { fs::create_directory("/run/stage"); },
+     {"--stage", "/run/stage"},
+     0,
+     "4 replies changed\n",
+     Live::fresh},
+    {"dry run", [](auto &) {}, {"-n"}, 1, "would publish: 4 replies changed\n", Live::untouched},
+    {"dry run with rows",
+     [](auto &) {},
+     {"--dry-run", "--rows"},
+     1,
+     "changed  reply       info@a.test\n",
+     Live::untouched},
+    {"dry run without anything to do",
+     [](auto &panel) { panel.execute("UPDATE mail_resp SET subject = 'Away'"); },
+     {"-n"},
+     0,
+     "nothing to do",
+     Live::untouched},
+    {"nothing to do",
+     [](auto &panel) { panel.execute("UPDATE mail_resp SET subject = 'Away'"); },
+     {},
+     0,
+     "nothing to do",
+     Live::untouched},
+
+    {"a rebuild that fails at the first domain",
+     [](auto &panel) { without_reply(panel, 1); },
+     {},
+     1,
+     "mail_responders_rebuild has failed with status 1; nothing is published",
+     Live::untouched},
+    {"at a middle one",
+     [](auto &panel) { without_reply(panel, 2); },
+     {},
+     1,
+     "nothing is published",
+     Live::untouched},
+    {"at the last one",
+     [](auto &panel) { without_reply(panel, 3); },
+     {},
+     1,
+     "nothing is published",
+     Live::untouched},
+    {"the same, published in part",
+     [](auto &panel) { without_reply(panel, 3); },
+     {"--partial"},
+     1,
+     "published in part: 3 replies changed\n",
+     Live::other},
+    {"a utility that fails",
+     [](auto &) { write_utility("echo sorry >&2; exit 3"); },
+     {},
+     1,
+     "mail_responders_rebuild has failed with status 255; nothing is published",
+     Live::untouched},
+    {"a utility that makes garbage",
+     [](auto &) { write_utility("echo garbage >" + responder_store); },
+     {},
+     1,
+     "nothing is published",
+     Live::untouched},
+    {"a utility that fails, published in part",
+     [](auto &) { write_utility("exit 3"); },
+     {"--partial"},
+     2,
+     "the staged stores could not be judged; nothing is published",
+     Live::untouched},
+    {"a utility that fills the staging",
+     [](auto &) {
+         write_utility("exec dd if=/dev/zero of=${0%/*}/../../../../" + responder_store + " bs=1M");
+     },
+     {},
+     1,
+     "the staging is full: --stage DIR stages in a folder",
+     Live::untouched},
+    {"a rebuild that is killed",
+     [](auto &) { (void)rebuild_script("kill -9 $$"); },
+     {"--rebuild", script_path},
+     1,
+     "mail_responders_rebuild was ended by signal 9 (Killed); nothing is published",
+     Live::untouched},
+    {"a rebuild that does nothing",
+     [](auto &) {},
+     {"--rebuild", "/bin/true"},
+     2,
+     "the staged stores could not be judged",
+     Live::untouched},
+    {"no rebuild",
+     [](auto &) {},
+     {"--rebuild", "/nowhere"},
+     2,
+     "/nowhere cannot be executed: No such file or directory",
+     Live::untouched},
+    {"a rebuild that is no program",
+     [](auto &) { write_file(script_path, "#!/nowhere\n", 0755); },
+     {"--rebuild", script_path},
+     2,
+     "the rebuild cannot be executed: No such file or directory",
+     Live::untouched},
+
+    {"a responder store that is missing",
+     [](auto &) { fs::remove(responder_store); },
+     {},
+     0,
+     "4 replies added\n",
+     Live::fresh},
+    {"garbage in its place",
+     [](auto &) { write_over_store(responder_store, std::string(9000, 'x')); },
+     {},
+     0,
+     "is no database: it is replaced whole",
+     Live::fresh},
+    {"another schema",
+     [](auto &) { change_store(responder_store, "DROP TABLE attachments"); },
+     {},
+     0,
+     "has other tables than a rebuild makes: it is replaced whole",
+     Live::fresh},
+    {"the same, published in part",
+     [](auto &panel) {
+         without_reply(panel, 3);
+         fs::remove(responder_store);
+     },
+     {"--partial"},
+     1,
+     "published in part: 3 replies added\n",
+     Live::other},
+    {"the same, dry",
+     [](auto &) { write_over_store(responder_store, "garbage"); },
+     {"-n"},
+     1,
+     "would publish: 4 replies added\n",
+     Live::untouched},
+    {"a hot journal",
+     [](auto &) { kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'"); },
+     {},
+     0,
+     "what it left was rolled back",
+     Live::fresh},
+    {"a handlers store of another owner",
+     [](auto &) { EXPECT_EQ(::chown(handlers_store.c_str(), 1, 1), 0); },
+     {},
+     0,
+     "4 replies changed\n",
+     Live::fresh},
+    {"no handlers store",
+     [](auto &) { fs::remove(handlers_store); },
+     {},
+     2,
+     "handlers.db cannot be read: No such file or directory",
+     Live::untouched},
+    {"a handlers store that is garbage",
+     [](auto &) { write_over_store(handlers_store, std::string(9000, 'x')); },
+     {},
+     2,
+     "handlers.db is no database",
+     Live::untouched},
+    {"WAL mode",
+     [](auto &) { change_store(responder_store, "PRAGMA journal_mode = WAL"); },
+     {},
+     2,
+     "is in WAL mode",
+     Live::untouched},
+    {"no folder for the responder store",
+     [](auto &) { fs::remove_all(fs::path(responder_store).parent_path()); },
+     {},
+     2,
+     "the folder /var/lib/kolmo/mail/autoresponder is missing",
+     Live::other},
+
+    {"a panel that cannot be reached",
+     [](auto &) { write_file(shadow_path, "wrong\n"); },
+     {},
+     2,
+     "Unable to connect to Kolmo Database: Access denied",
+     Live::untouched},
+    {"a DSN file that is none",
+     [](auto &) { fs::create_directory(dsn_path); },
+     {},
+     2,
+     "dsn.ini is there, but is no file",
+     Live::untouched},
+    {"a table of the panel that is missing",
+     [](auto &panel) { panel.execute("DROP TABLE mail"); },
+     {},
+     1,
+     "nothing is published",
+     Live::untouched},
+    {"a limit of the panel",
+     [](auto &panel) {
+         panel.execute("INSERT INTO resp_forward SELECT id, 'x@x.test' FROM mail_resp WHERE mn_id = 1; "
+                       "INSERT INTO resp_forward SELECT id, 'y@x.test' FROM mail_resp WHERE mn_id = 1");
+     },
+     {},
+     0,
+     "several-forwards          info@a.test\n",
+     Live::fresh},
+    {"a stale handler",
+     [](auto &) {
+         change_store(handlers_store, "INSERT INTO handlers VALUES (" + handler_row("old@a.test") + ")");
+     },
+     {},
+     0,
+     "handlers.db \"DELETE FROM handlers WHERE",
+     Live::fresh},
+    {"a stale handler that is pruned",
+     [](auto &) {
+         change_store(handlers_store, "INSERT INTO handlers VALUES (" + handler_row("old@a.test") + ")");
+     },
+     {"--prune"},
+     0,
+     "4 replies changed; 1 handler removed\n",
+     Live::fresh},
+    {"no folder to stage in",
+     [](auto &) {},
+     {"--stage", "/nowhere"},
+     2,
+     "/nowhere cannot be staged in: No such file or directory",
+     Live::untouched},
+    {"not as a refresh would be asked", [](auto &) {}, {"--nonsense"}, 2, "Usage:", Live::untouched},
+};
+
+class ProgramTest : public RefreshTest
+{
+protected:
+    /* What the prepared situation comes to. */
+    void expect_outcome(const std::vector<std::string> &arguments, int status, const std::string &words,
+                        Live live)
+    {
+        const FileState responders(responder_store);
+        const FileState handlers(handlers_store);
+        const ProgramResult result = refresh(arguments);
+
+        EXPECT_EQ(result.status, status) << result.err << result.out;
+        EXPECT_NE(unwrapped(result.out + result.err).find(words), std::string::npos)
+            << result.err << result.out;
+        if (live == Live::untouched) {
+            expect_untouched(responders);
+            expect_untouched(handlers);
+        }
+        EXPECT_EQ(what_is_left(), Lines{});
+        if (live == Live::fresh)
+            expect_fresh();
+    }
+};
+
+TEST_F(ProgramTest, OutputThatIsLostIsTrouble)
+{
+    ProgramOptions options;
+
+    options.argv = {"sh", "-c", "exec " KOLMO_REFRESH_PROGRAM " --help >/dev/full"};
+
+    const ProgramResult result = Program("/bin/sh", options).finish();
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "mail_responders_refresh: standard output cannot be written\n");
+}
+
+TEST_F(ProgramTest, EachSituationComesToWhatItShould)
+{
+    for (const Situation &situation : situations) {
+        SCOPED_TRACE(situation.what);
+        SetUp();
+        situation.prepare(*panel);
+        expect_outcome(situation.arguments, situation.status, situation.words, situation.live);
+    }
+}
+
+TEST_F(ProgramTest, RowsOfOthersStayAndOwnersAndModesToo)
+{
+    const std::string foreign = add_foreign_handler("info@a.test");
+    const FileState responders(responder_store);
+    const FileState handlers(handlers_store);
+
+    ASSERT_EQ(refresh().status, 0);
+    EXPECT_EQ(query_store(handlers_store, "SELECT count(*) FROM handlers WHERE name = 'antivirus'"),
+              Lines{"2"}); /* and the alias's */
+    for (const FileState *before : {&responders, &handlers}) {
+        const FileState now(before->path);
+
+        EXPECT_EQ(now.status.st_ino, before->status.st_ino);
+        EXPECT_EQ(now.status.st_mode, before->status.st_mode);
+        EXPECT_EQ(now.status.st_gid, before->status.st_gid);
+    }
+}
+
+TEST_F(ProgramTest, StoreThatIsReplacedHasOwnerAndModeAsTheUtilityGaveThem)
+{
+    write_utility(stand_in + " && chown 12:34 " + responder_store + " && chmod 0604 " + responder_store);
+    fs::remove(responder_store);
+    ASSERT_EQ(refresh().status, 0);
+
+    const FileState now(responder_store);
+
+    EXPECT_EQ(now.status.st_uid, 12U);
+    EXPECT_EQ(now.status.st_gid, 34U);
+    EXPECT_EQ(now.status.st_mode & 07777U, 0604U);
+}
+
+TEST_F(ProgramTest, FoldersOfTheStagingAreAsTheLiveOnes)
+{
+    const std::string folder = fs::path(responder_store).parent_path();
+
+    ASSERT_EQ(::chown(folder.c_str(), 12, 34), 0);
+    ASSERT_EQ(::chmod(folder.c_str(), 02751), 0);
+    write_utility("stat -c '%u %g %a' " + folder + " >/run/seen; stat -c '%u %g %a' " + handlers_store +
+                  " >>/run/seen; " + stand_in);
+    EXPECT_EQ(refresh().status, 0);
+    EXPECT_EQ(read_file("/run/seen"),
+              "12 34 2751\n0 " + std::to_string(::getgrnam("popuser")->gr_gid) + " 640\n");
+}
+
+TEST_F(ProgramTest, ReadOnlyStoresAreTrouble)
+{
+    const std::string folder = "/var/lib/kolmo/mail";
+
+    ASSERT_EQ(::mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    expect_outcome({}, 2, "handlers.db cannot be written: the file or its file system is read-only",
+                   Live::untouched);
+    EXPECT_EQ(::umount2(folder.c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(ProgramTest, HotJournalIsNoAffairOfADryRun)
+{
+    kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'");
+
+    const FileState journal(responder_store + "-journal");
+    const FileState store(responder_store);
+    const ProgramResult result = refresh({"-n"});
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(unwrapped(result.err).find("has a hot journal, which a dry run does not touch"),
+              std::string::npos)
+        << result.err;
+    expect_untouched(journal);
+    expect_untouched(store);
+    EXPECT_EQ(refresh().status, 0);
+}
+
+TEST_F(ProgramTest, SecondRefreshEndsWithTroubleWhenItsTimeIsOver)
+{
+    const Fd lock(::open(run_lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+
+    ASSERT_EQ(::write(lock.get(), "4711\n\n", 6), 6);
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+    expect_outcome({"--wait", "0"}, 2, "another refresh is at work (process 4711)", Live::untouched);
+    ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+}
+
+TEST_F(ProgramTest, LockFileThatIsNotOursIsTrouble)
+{
+    fs::create_symlink("/run/elsewhere", run_lock_path);
+    expect_outcome({}, 2, "mail_responders_refresh.lock cannot be opened", Live::untouched);
+    EXPECT_FALSE(fs::exists("/run/elsewhere"));
+    fs::remove(run_lock_path);
+    ASSERT_EQ(::mkfifo(run_lock_path, 0600), 0);
+    expect_outcome({}, 2, "is not this program's lock file", Live::untouched);
+    fs::remove(run_lock_path);
+}
+
+TEST_F(ProgramTest, LockedStoresAreTroubleWhenTheTimeIsOver)
+{
+    StoreLock lock(StoreLock::Kind::exclusive);
+    const ProgramResult result = refresh({"--wait", "0"});
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(unwrapped(result.err).find("is locked by another process"), std::string::npos) << result.err;
+}
+
+TEST_F(ProgramTest, WithoutTheCapabilityForMountsThePlainRebuildIsNamed)
+{
+    ProgramOptions options;
+
+    options.argv = {"setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin", KOLMO_REFRESH_PROGRAM};
+
+    const FileState responders(responder_store);
+    const ProgramResult result = Program("/usr/bin/setpriv", options).finish();
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(unwrapped(result.err).find("there is only mail_responders_rebuild"), std::string::npos)
+        << result.err;
+    expect_untouched(responders);
+}
+
+TEST_F(ProgramTest, WithoutMemoryForTheStagingAFolderIsNamed)
+{
+    write_file("/run/meminfo", "MemTotal: 9 kB\nMemAvailable:       4096 kB\n", 0444);
+    ASSERT_EQ(::mount("/run/meminfo", "/proc/meminfo", nullptr, MS_BIND, nullptr), 0);
+    expect_outcome({}, 2, "are needed, 4 MiB are available; --stage DIR stages in a folder", Live::untouched);
+    EXPECT_EQ(::umount("/proc/meminfo"), 0);
+}
+
+TEST_F(ProgramTest, WithoutRoomInTheFolderForTheStagingItSaysSo)
+{
+    fs::create_directory("/run/stage");
+    ASSERT_EQ(::mount("tmpfs", "/run/stage", "tmpfs", 0, "size=1m"), 0);
+    expect_outcome({"--stage", "/run/stage"}, 2, "/run/stage has no room for the staging", Live::untouched);
+    EXPECT_EQ(::umount("/run/stage"), 0);
+}
+
+TEST_F(ProgramTest, StoreThatSomebodyChangedMeanwhileIsTriedOnceMore)
+{
+    const Service service("test -e /run/once || sqlite3 " + responder_store +
+                          " \"UPDATE autoresponder SET body = 'x'\"; touch /run/once");
+
+    write_utility(stand_in + "; " + Service::ask);
+    expect_outcome({}, 0, "responder.db was changed meanwhile: once more", Live::fresh);
+}
+
+TEST_F(ProgramTest, StoreThatSomebodyChangesAllTheTimeIsNotOverwritten)
+{
+    const Service service("sqlite3 " + responder_store + " \"UPDATE autoresponder SET body = body || 'x'\"");
+
+    write_utility(stand_in + "; " + Service::ask);
+
+    const ProgramResult result = refresh();
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(unwrapped(result.err)
+                  .find("mail_responders_refresh: /var/lib/kolmo/mail/autoresponder/"
+                        "responder.db was changed meanwhile\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(query_store(responder_store, "SELECT DISTINCT subject, body FROM autoresponder"),
+              Lines{"Away,Back soon.xx"});
+}
+
+TEST_F(ProgramTest, UtilityThatWorksThroughAServiceIsNamed)
+{
+    const Service service(stand_in);
+
+    write_utility(Service::ask);
+
+    const ProgramResult result = refresh();
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(unwrapped(result.err).find("it seems to work through a service that does not see the staging"),
+              std::string::npos)
+        << result.err;
+}
+
+/* The panel as it is after the rebuild, and before the look. */
+std::string changes_panel(const std::string &sql)
+{
+    return "MYSQL_PWD=" + sandbox_variable("KOLMO_SANDBOX_PASSWORD") +
+           " mariadb --no-defaults --socket=" + server_socket + " --user=admin qsx --execute=\"" + sql + "\"";
+}
+
+TEST_F(ProgramTest, PanelThatChangedMeanwhileIsTriedOnceMore)
+{
+    const std::string script =
+        rebuild_script("\"$rebuild\" || exit\ntest -e /run/once || " +
+                       changes_panel("UPDATE mail_resp SET subject = 'Newer'") + "\n: >/run/once");
+
+    expect_outcome({"--rebuild", script}, 0, "it may have changed meanwhile: once more", Live::fresh);
+}
+
+TEST_F(ProgramTest, RebuildThatLeavesFindingsIsNotPublishedButInPart)
+{
+    const std::string script = rebuild_script("\"$rebuild\" || exit\nsqlite3 " + responder_store +
+                                              " \"DELETE FROM autoresponder WHERE mn = 'info@b.test'\"");
+
+    expect_outcome({"--rebuild", script}, 1, "the staged stores are not what the panel says, again",
+                   Live::untouched);
+    expect_outcome({"--rebuild", script, "--partial"}, 1, "published in part: 3 replies changed, 1 removed\n",
+                   Live::other);
+}
+
+TEST_F(ProgramTest, RebuildThatFailedRemovesNothing)
+{
+    without_reply(*panel, 2);
+    expect_outcome({"--partial"}, 1, "published in part: ", Live::other);
+    EXPECT_EQ(query_store(responder_store, "SELECT count(*) FROM autoresponder"), Lines{"4"});
+}
+
+/* What the rebuild says goes where it would go without the refresh, and its number is the refresh's. */
+TEST_F(ProgramTest, RebuildSpeaksForItself)
+{
+    without_reply(*panel, 1);
+
+    const std::unique_ptr<Program> program = start();
+    const std::string head = "mail_responders_rebuild[" + std::to_string(program->pid()) + "]: ";
+    const ProgramResult result = program->finish();
+
+    EXPECT_EQ(result.err.find(head + "Unable to restore autoresponder for 'info@a.test'"), 0U) << result.err;
+}
+
+TEST_F(ProgramTest, RebuildBesideTheProgramIsTakenBeforeTheInstalledOne)
+{
+    fs::create_directory("/run/beside");
+    fs::copy_file(KOLMO_REFRESH_PROGRAM, "/run/beside/mail_responders_refresh");
+    write_file("/run/beside/mail_responders_rebuild", "#!/bin/sh\nexit 77\n", 0755);
+
+    ProgramOptions options;
+
+    options.argv = {"mail_responders_refresh"};
+
+    const ProgramResult result = Program("/run/beside/mail_responders_refresh", options).finish();
+
+    fs::remove_all("/run/beside");
+    EXPECT_NE(result.err.find("has failed with status 77"), std::string::npos) << result.err;
+}
+
+/* What a process left that the rebuild has started ends with the rebuild. */
+TEST_F(ProgramTest, NothingThatTheRebuildStartedOutlivesIt)
+{
+    fs::copy_file("/bin/sleep", "/run/left-behind");
+    write_utility("/run/left-behind 1000 </dev/null >/dev/null 2>&1 & " + stand_in);
+    EXPECT_EQ(refresh().status, 0);
+    EXPECT_NE(std::system("grep -sq 'left-behin[d]' /proc/[0-9]*/cmdline"), 0);
+    fs::remove("/run/left-behind");
+}
+
+std::string without_chance(std::string text)
+{
+    text = std::regex_replace(text, std::regex("\"seconds\":[0-9.e+-]+"), "\"seconds\":0");
+    return std::regex_replace(text, std::regex("mail_responders_refresh-staging\\.[0-9a-f]{16}"),
+                              "mail_responders_refresh-staging.0123456789abcdef");
+}
+
+TEST_F(ProgramTest, JsonIsAnObjectALine)
+{
+    const std::string path = KOLMO_SOURCE_DIR "/tests/refresh/golden/json.txt";
+
+    panel->add_attachment(1, "map\x7f.pdf");
+    panel->set_reply_headers(R"({"X-A": "1"})");
+    panel->execute("DELETE FROM mail WHERE id = 3");
+    change_store(handlers_store, "INSERT INTO handlers VALUES (" + handler_row("old@a.test") + ")");
+
+    const std::string output = without_chance(refresh({"--json", "--rows"}).out);
+
+    if (std::getenv("KOLMO_WRITE_GOLDEN") != nullptr)
+        write_file(path, output, 0644);
+    EXPECT_EQ(output, read_file(path)) << "KOLMO_WRITE_GOLDEN=1 writes it anew";
+}
+
+/* The rebuild repeats on standard output what it says on standard error. */
+TEST_F(ProgramTest, NothingButJsonGoesToStandardOutput)
+{
+    write_utility("echo sorry >&2; exit 3");
+
+    const ProgramResult result = refresh({"--json"});
+
+    EXPECT_EQ(without_chance(result.out),
+              "{\"trouble\":\"mail_responders_rebuild has failed with status 255; nothing is published\"}\n"
+              "{\"refresh\":{\"published\":false,\"reason\":\"rebuild-failed\",\"added\":0,\"changed\":0,"
+              "\"removed\":0,\"seconds\":0}}\n");
+    EXPECT_NE(result.err.find("mail_responders_control execution failed:"), std::string::npos) << result.err;
+}
+
+TEST_F(ProgramTest, QuietIsSilentWhenAllIsWell)
+{
+    const ProgramResult result = refresh({"-q"});
+
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
+}
+
+TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput)
+{
+    EXPECT_EQ(refresh({"-V"}).out, "mail_responders_refresh " KOLMO_VERSION "\n");
+    EXPECT_NE(refresh({"-h"}).out.find("--stage DIR"), std::string::npos);
+}
+
+/* A mail server that asks for every mailbox again and again is answered every time. */
+TEST_F(ProgramTest, NobodyWhoAsksMeanwhileMeetsASilentMailbox)
+{
+    std::atomic<bool> is_over = false;
+    int rounds = 0;
+    int silent = 0;
+    std::thread reader([&] {
+        while (!is_over || rounds == 0) {
+            const Lines rows = query_store(responder_store, "PRAGMA busy_timeout = 10000; SELECT mn FROM "
+                                                            "autoresponder WHERE subject IN ('Away', 'New')");
+
+            silent += rows.size() == 5 ? 0 : 1; /* the time-out's row, and four replies */
+            rounds++;
+        }
+    });
+    const int status = refresh().status;
+
+    is_over = true;
+    reader.join();
+    EXPECT_EQ(status, 0);
+    EXPECT_GT(rounds, 0);
+    EXPECT_EQ(silent, 0);
+    expect_fresh();
+}
+
+} // namespace
+
+} // namespace kolmo
