@@ -199,9 +199,12 @@ Staging::~Staging()
 {
     if (path_.empty())
         return;
-    (void)remove_staging_folder(path_.c_str());
+    /* What cannot be removed stays noted: the next refresh removes it. */
+    const bool is_gone = remove_staging_folder(path_.c_str()) == 0;
+
     set_folder_to_remove("");
-    (void)lock_->note_folder("");
+    if (is_gone)
+        (void)lock_->note_folder("");
 }
 
 } // namespace kolmo
