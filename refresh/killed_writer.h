@@ -19,7 +19,7 @@ namespace kolmo
 
 /*
  * The lists of journals (store-mjXXXXXXXXX) that a killed commit over several files left beside its first
- * one.  One of which a journal is still there is not among them: whether that journal's file is rolled back
+ * one.  One of which a journal with a header is still there is not among them: whether that journal's file is rolled back
  * depends on the list.  To be trusted while this process holds the store's writers off: a list is not
  * complete at once.
  */

@@ -302,9 +302,11 @@ int LiveStores::lock()
     return rc == SQLITE_OK ? 0 : -1;
 }
 
+/* The end of the journal, or of the list of both, is the commit: when only its folder could not be synced
+   after that, nothing was undone. */
 int LiveStores::commit()
 {
-    if (execute("COMMIT") == SQLITE_OK)
+    if (execute("COMMIT") == SQLITE_OK || sqlite3_extended_errcode(db_.get()) == SQLITE_IOERR_DIR_FSYNC)
         return 0;
     return tell("what was written cannot be committed, and has been undone");
 }

@@ -41,7 +41,7 @@ ERRORS = calls.ERRORS | {
     "clone3": "EAGAIN ENOMEM EPERM",
     "fchmod": "EPERM EIO",
     "fcntl": "EIO EAGAIN ENOLCK",
-    "flock": "EINTR ENOLCK EWOULDBLOCK",
+    "flock": "EINTR ENOLCK EAGAIN",
     "fstatfs": "EIO",
     "fsync": "EIO ENOSPC",
     "getrandom": "EINTR",
