@@ -263,13 +263,16 @@ def failed(worker, call, position, error):
 
 # --- writers
 
-def new_reply(number):
-    """What the panel writes to the stores, in which order, when a mailbox begins to answer."""
+def new_rows(number):
+    """What the panel writes to the stores, in this order, when a mailbox begins to answer."""
     mn, address = f"new{number}@bücher.example", f"new{number}@xn--bcher-kva.example"
-    reply = ("autoresponder", mn, "", "no", f"Subject {number}", "", "", "text/plain", "UTF-8", "Text\n", 10, 100, mn)
-    handler = ("handlers", 2, 1, 1, 90, "autoresponder", address, world.HOOKS + "autoresponder", "responder", 0)
-    foreign = ("handlers", 1, 2, 1, 30, "spam-filter", address, world.HOOKS + "spam-filter", "strict", 0)
-    return reply, handler, foreign
+    return [("autoresponder", mn, "", "no", f"Subject {number}", "", "", "text/plain", "UTF-8", "Text\n", 10, 100, mn),
+            ("handlers", 2, 1, 1, 90, "autoresponder", address, world.HOOKS + "autoresponder", "responder", 0),
+            foreign_handler(address)]
+
+
+def foreign_handler(address):
+    return ("handlers", 1, 2, 1, 30, "spam-filter", address, world.HOOKS + "spam-filter", "strict", 0)
 
 
 def put(store, row):
@@ -288,28 +291,30 @@ def add_reply(worker, number):
     worker.sql(f"USE {worker.database}; BEGIN; INSERT INTO mail VALUES ({900 + number}, 1, 'new{number}', 'true'); "
                f"INSERT INTO mail_resp (id, mn_id, resp_name, subject, text) VALUES ({900 + number}, {900 + number}, "
                f"'default', 'Subject {number}', 'Text\\n'); COMMIT")
-    rows = new_reply(number)
+    rows = new_rows(number)
     for row in rows:
         put(world.HANDLERS if row[0] == "handlers" else world.RESPONDERS, row)
     return rows
 
 
 def writers(worker, name):
+    """Beside a refresh another program adds handlers, and the panel adds replies."""
     rng = random.Random(name)
     added = set()
     pid = worker.start()
     for number in range(2):
         time.sleep(rng.uniform(0, state["seconds"] / 2))
-        put(world.HANDLERS, (*new_reply(50 + number)[2][:4], number, *new_reply(50 + number)[2][5:]))
-        added.add((*new_reply(50 + number)[2][:4], number, *new_reply(50 + number)[2][5:]))
+        handler = foreign_handler(f"other{number}@xn--bcher-kva.example")
+        put(world.HANDLERS, handler)
+        added.add(handler)
         added.update(add_reply(worker, number))
     outcome = worker.finish(pid)
-    found = list(laws.ended_well(worker, outcome, worker.files(), worker.around()))
-    found += laws.nothing_lost(worker, outcome, added)
-    outcome = worker.run()
-    found += [(law, "the next one: " + what) for law, what in laws.nothing_lost(worker, outcome, added)]
-    if outcome.status != 0:
-        found.append(("L5", f"the next one ends with {outcome.status}: {outcome.stderr}"))
+    found = [*laws.ended_well(worker, outcome, worker.files(), worker.around()),
+             *laws.nothing_lost(worker, outcome, added)]
+    again = worker.run()
+    found += [("L5", f"the next refresh: {what}") for _, what in laws.nothing_lost(worker, again, added)]
+    if again.status != 0:
+        found.append(("L5", f"the next refresh ends with {again.status}: {again.stderr}"))
     worker.sql(f"USE {worker.database}; DELETE FROM mail WHERE id >= 900; DELETE FROM mail_resp WHERE id >= 900")
     return found, outcome
 

@@ -21,8 +21,12 @@ NEW_FILE = RELATIVE[world.RESPONDERS] + "-refresh"
 JOURNAL_LIST = re.compile(re.escape(RELATIVE[world.HANDLERS]) + r"-mj[0-9A-F]{9}$")
 
 PROGRAM = "mail_responders_refresh: "
-DOCUMENTED = [pattern for page in ("refresh", "rebuild")
-              for pattern in world.documented_texts("mail_responders_" + page)]
+# The trouble of a comparison is not told word for word by its manual, but by its kinds.
+COMPARISON = (r"\S+ is there, but (is no file|cannot be read: )|\S+ is no (file|responder store|handlers store)|"
+              r"\S+ is damaged \(PRAGMA quick_check\): |no private copy can be made: |"
+              r"the private cop(y|ies) .*cannot be read to|the panel database (gives no snapshot|cannot be read): ")
+DOCUMENTED = [re.compile(COMPARISON), *(pattern for page in ("refresh", "rebuild")
+                                        for pattern in world.documented_texts("mail_responders_" + page))]
 LEFT_IS_GONE = re.compile(r"a refresh was killed; what it has left at \S+ is gone")
 
 
