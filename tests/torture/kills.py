@@ -13,6 +13,7 @@ import threading
 
 TRACEME, EVENT_MESSAGE, SYSCALL, SET_OPTIONS, SYSCALL_INFO = 0, 0x4201, 24, 0x4200, 0x420e
 SYSGOOD, FORK, VFORK, CLONE, EXEC, EXIT, EXIT_KILL = 0x1, 0x2, 0x4, 0x8, 0x10, 0x40, 0x100000
+AT_ENTRY, AT_END = 1, 2
 NEW_PROCESS, EVENT_EXEC, EVENT_EXIT = (1, 2, 3), 4, 6
 OPTIONS = SYSGOOD | FORK | VFORK | CLONE | EXEC | EXIT | EXIT_KILL
 WALL = 0x40000000  # processes, however they were cloned
@@ -42,14 +43,15 @@ Call = collections.namedtuple("Call", "role name position")  # the position amon
 
 
 class Kill:
-    """Which process is ended, at which of its calls, by which signal; INT goes to the whole group, as Ctrl-C does."""
+    """Which process is ended, by which signal, at which call: one of its own, or `orphans`, one of a child's of the
+    refresh, which is ended then.  INT goes to the whole group, as Ctrl-C does."""
 
-    def __init__(self, role, name, position, signal_number):
-        self.call, self.signal, self.done = Call(role, name, int(position)), signal_number, False
+    def __init__(self, call, signal_number, orphans=False):
+        self.call, self.signal, self.orphans, self.done = call, signal_number, orphans, False
 
-    def send(self, pid):
+    def send(self, pid, first):
         self.done = True
-        (os.killpg if self.signal == signal.SIGINT else os.kill)(pid, self.signal)
+        (os.killpg if self.signal == signal.SIGINT else os.kill)(first if self.orphans else pid, self.signal)
 
 
 class TracedRun:
@@ -62,7 +64,8 @@ class TracedRun:
         self.roles, self.statuses = {}, {}
         self.fresh = set()  # processes that have not yet begun: the kernel stops them first
         self.open = {}  # the descriptors of the rebuild at its beginning, and of the refresh at its end
-        self.after_parent = []  # what the keeper did when the refresh had ended
+        self.current = {}  # the call that each is in
+        self.after_parent = []  # at which calls, and ends of calls, the keeper was met after the refresh's end
         self.pid = os.fork()
         if self.pid == 0:
             try:
@@ -134,16 +137,19 @@ class TracedRun:
     def at_call(self, pid):
         info = ctypes.create_string_buffer(88)
         libc.ptrace(SYSCALL_INFO, pid, len(info), ctypes.addressof(info))
-        if info.raw[0] != 1:  # the end of a call, or a process that was killed meanwhile
-            return
-        role, name = self.role(pid), CALLS.get(struct.unpack_from("Q", info.raw, 24)[0], "unknown")
+        stop = info.raw[0]
+        if stop == AT_ENTRY:
+            self.enters(pid, CALLS.get(struct.unpack_from("Q", info.raw, 24)[0], "unknown"))
+        if stop in (AT_ENTRY, AT_END) and self.role(pid) == "keeper" and self.pid in self.statuses:
+            self.after_parent.append(self.current.get(pid, "clone3"))
+
+    def enters(self, pid, name):
+        role = self.role(pid)
         self.counts[role, name] += 1
-        call = Call(role, name, self.counts[role, name])
-        self.calls.append(call)
-        if role == "keeper" and self.pid in self.statuses:
-            self.after_parent.append(name)
-        if self.kill and call == self.kill.call:
-            self.kill.send(pid)
+        self.current[pid] = name
+        self.calls.append(Call(role, name, self.counts[role, name]))
+        if self.kill and self.calls[-1] == self.kill.call:
+            self.kill.send(pid, self.pid)
 
 
 def parent(pid):

@@ -23,7 +23,7 @@ import calls
 import refresh_laws as laws
 import torture
 import world
-from kills import Kill, TracedRun
+from kills import Call, Kill, TracedRun
 from runner import DEADLINES, ENVIRONMENT, MS_BIND, MS_REC, Outcome, Worker, must
 
 SAMPLE = 1000 # one run in so many, and one of each sort
@@ -218,13 +218,14 @@ def must_be_undisturbed(outcome, found=()):
 def names(traces):
     """Every run, by name."""
     for scenario, trace in traces.items():
-        own = 0
+        steps = collections.Counter()
         for role, name, k in trace.kills:
             yield f"{scenario}:kill:KILL:{role}:{name}:{k}"
-            if role == "refresh":
-                own += 1
-                if own % SIGNAL_STEP == 0:
-                    yield f"{scenario}:kill:{SIGNALS[own // SIGNAL_STEP % 3]}:{role}:{name}:{k}"
+            steps[role] += 1
+            if role == "refresh" and steps[role] % SIGNAL_STEP == 0:
+                yield f"{scenario}:kill:{SIGNALS[steps[role] // SIGNAL_STEP % 3]}:{role}:{name}:{k}"
+            if role == "keeper" or (role == "rebuild" and steps[role] % SIGNAL_STEP == 0):
+                yield f"{scenario}:orphan:{role}:{name}:{k}"
         for name, k in trace.fails:
             if name not in NEVER_FAIL:
                 for error in ERRORS.get(name, "EIO ENOMEM EINTR").split():
@@ -239,20 +240,24 @@ def make_run(name):
     scenario, kind, *rest = name.split(":")
     for worker.deadline in DEADLINES:
         worker.begin(next(one for one in SCENARIOS if one.name == scenario))
-        if kind == "writers":
-            found, outcome, disturbed = *writers(worker, name), True
-        else:
-            outcome, disturbed, more = (killed if kind == "kill" else failed)(worker, *rest)
-            found = [*more, *laws.after_run(worker, outcome)]
+        outcome, disturbed, more = KINDS[kind](worker, *rest)
+        found = more if kind == "writers" else [*more, *laws.after_run(worker, outcome)]
         if disturbed and not any(what.endswith(("it hangs", "a process stays behind")) for _, what in found):
             break
     return name, disturbed, found, str(outcome)
 
 
 def killed(worker, name, role, call, position):
-    kill = Kill(role, call, position, signal.Signals["SIG" + name])
+    return killed_at(worker, Kill(Call(role, call, int(position)), signal.Signals["SIG" + name]), role == "refresh")
+
+
+def orphaned(worker, role, call, position):
+    return killed_at(worker, Kill(Call(role, call, int(position)), signal.SIGKILL, orphans=True), True)
+
+
+def killed_at(worker, kill, is_refresh):
     outcome, seen = worker.trace(kill)
-    outcome.killed_by_us = kill.signal if role == "refresh" else 0
+    outcome.killed_by_us = kill.signal if is_refresh else 0
     return outcome, kill.done, list(laws.children_ended(seen))
 
 
@@ -297,9 +302,9 @@ def add_reply(worker, number):
     return rows
 
 
-def writers(worker, name):
+def writers(worker, number):
     """Beside a refresh another program adds handlers, and the panel adds replies."""
-    rng = random.Random(name)
+    rng = random.Random(number)
     added = set()
     pid = worker.start()
     for number in range(2):
@@ -316,7 +321,10 @@ def writers(worker, name):
     if again.status != 0:
         found.append(("L5", f"the next refresh ends with {again.status}: {again.stderr}"))
     worker.sql(f"USE {worker.database}; DELETE FROM mail WHERE id >= 900; DELETE FROM mail_resp WHERE id >= 900")
-    return found, outcome
+    return outcome, True, found
+
+
+KINDS = {"kill": killed, "orphan": orphaned, "fail": failed, "writers": writers}
 
 
 # --- in a worker process
@@ -364,9 +372,8 @@ def choose(all_names, arguments):
 def sort(name):
     """By the call; those of the rebuild are tortured without a refresh."""
     kind, *rest = name.split(":")[1:]
-    if kind == "kill":
-        return kind, *rest[:2 if rest[1] == "rebuild" else 3]
-    return kind, rest[0] if kind == "fail" else ""
+    of = {"kill": 2 if "rebuild" in rest else 3, "orphan": 1, "fail": 1, "writers": 0}
+    return kind, *rest[:of[kind]]
 
 
 def refresh(arguments):

@@ -163,12 +163,12 @@ def left_behind(worker, outcome, files, around):
         yield "L6", "the lock is held"
 
 
-# What a keeper does to find that its refresh is gone, before it asked to go with it.
-LAST_CALLS = {"close", "prctl", "poll", "exit_group"}
+# What a keeper does to find that its refresh is gone, before it has asked to go with it.
+LAST_CALLS = {"clone3", "close", "prctl", "poll", "exit_group"}
 
 
 def children_ended(seen):
-    """Who is killed takes its keeper along, and the keeper everybody else.  One call may have begun before."""
+    """Who is killed takes its keeper along, and the keeper everybody else.  It may have been stopped just then."""
     calls = [name for name in seen.after_parent if name not in LAST_CALLS]
     if len(calls) > 1:
         yield "L6", f"the keeper lives on: {' '.join(calls)}"
