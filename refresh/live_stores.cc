@@ -174,8 +174,11 @@ int LiveStores::get_ready()
 /* Tells what stands against opening a file. */
 int LiveStores::refuse(const std::string &path, StoreFileKind kind)
 {
-    if (kind != StoreFileKind::database_in_wal_mode)
-        return check_store_file(path, trouble_);
+    if (kind != StoreFileKind::database_in_wal_mode) {
+        if (check_store_file(path, trouble_) == 0)
+            trouble_(path + " cannot be read: it is not what it was a moment ago");
+        return -1;
+    }
     trouble_(path + " is in WAL mode, in which a commit over both stores is not one: sqlite3 " + path +
              " 'PRAGMA journal_mode = DELETE'");
     return -1;
