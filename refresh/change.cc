@@ -5,15 +5,15 @@ namespace kolmo
 
 const char *change_name(ChangeKind kind)
 {
-    constexpr std::array<const char *, change_kinds> names = {"added", "changed", "removed"};
+    constexpr const char *names[change_kinds] = {"added", "changed", "removed"};
 
     return names[static_cast<std::size_t>(kind)];
 }
 
 const char *table_name(ChangedTable table)
 {
-    constexpr std::array<const char *, changed_tables> names = {"autoresponder", "attachments",
-                                                                "extra_headers", "handlers"};
+    constexpr const char *names[changed_tables] = {"autoresponder", "attachments", "extra_headers",
+                                                   "handlers"};
 
     return names[static_cast<std::size_t>(table)];
 }

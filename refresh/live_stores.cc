@@ -1,5 +1,7 @@
 #include "refresh/live_stores.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -18,7 +20,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 /* Less than the 50 ms that others wait before they give up. */
-constexpr int milliseconds_of_a_try = 30;
+constexpr int milliseconds_of_a_try = 20;
 constexpr std::chrono::milliseconds pause_between_tries(20);
 
 bool is_busy(int rc)
@@ -47,6 +49,11 @@ std::string uri_of(const std::string &path, const char *mode)
             uri += {'%', digits[byte >> 4], digits[byte & 0xf]};
     }
     return uri + "?mode=" + mode;
+}
+
+int busy_milliseconds(std::chrono::milliseconds wait)
+{
+    return static_cast<int>(std::min<std::chrono::milliseconds::rep>(wait.count(), INT_MAX));
 }
 
 std::int64_t nanoseconds(const timespec &time)
@@ -144,7 +151,7 @@ int LiveStores::open_responder()
     else if (kind != StoreFileKind::database && kind != StoreFileKind::no_database)
         return refuse(responder_, kind);
     if (!flaw_.empty())
-        return 0;
+        return get_ready();
 
     const int attached = attach_as(responder_, "rw", "responder");
     const int rc = attached == SQLITE_OK ? first_read("responder") : attached;
@@ -156,17 +163,23 @@ int LiveStores::open_responder()
         return -1;
     }
     responder_file_ = FileIdentity::of(responder_); /* what was rolled back is written */
-    return flaw_.empty() ? get_ready() : 0;
+    return get_ready();
 }
 
-/* Of the pages that are written, those that the cache cannot hold cost a sync of the journal each time. */
+/*
+ * A commit over both files is on the disk when the super-journal's end is; one to the handlers only must have
+ * its journal's end synced, too.  Pages that are written and that the cache cannot hold cost a sync of the
+ * journal, time and again.
+ */
 int LiveStores::get_ready()
 {
-    const std::optional<std::int64_t> version = data_version();
+    const bool is_attached = flaw_.empty();
+    const std::optional<std::int64_t> version = is_attached ? data_version() : 0;
 
     data_version_ = version.value_or(0);
     if (version &&
-        execute("PRAGMA responder.synchronous = EXTRA; PRAGMA responder.cache_size = -6144") == SQLITE_OK)
+        execute(is_attached ? "PRAGMA responder.synchronous = FULL; PRAGMA responder.cache_size = -6144"
+                            : "PRAGMA main.synchronous = EXTRA") == SQLITE_OK)
         return 0;
     return tell(responder_ + " cannot be opened");
 }
@@ -210,10 +223,10 @@ int LiveStores::connect()
     db_.reset(db);
     if (rc != SQLITE_OK)
         return rc;
-    (void)sqlite3_busy_timeout(db, static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db, busy_milliseconds(wait_));
     /* The rows are published as they are: what a table's triggers make of them they have made already. */
     (void)sqlite3_db_config(db, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = EXTRA");
+    return execute("PRAGMA foreign_keys = OFF; PRAGMA main.synchronous = FULL");
 }
 
 int LiveStores::attach_as(const std::string &path, const char *mode, const char *schema)
@@ -287,7 +300,7 @@ int LiveStores::try_to(const char *begin)
 
     const int rc = execute(begin);
 
-    (void)sqlite3_busy_timeout(db_.get(), static_cast<int>(wait_.count()));
+    (void)sqlite3_busy_timeout(db_.get(), busy_milliseconds(wait_));
     return rc;
 }
 
@@ -295,6 +308,11 @@ int LiveStores::lock()
 {
     const Clock::time_point deadline = Clock::now() + wait_;
     int rc;
+
+    if (db_ == nullptr) {
+        trouble_("the live stores are not open any more");
+        return -1;
+    }
 
     while (is_busy(rc = try_to("BEGIN EXCLUSIVE")) && Clock::now() < deadline)
         std::this_thread::sleep_for(pause_between_tries);

@@ -57,25 +57,35 @@ pid_t clone_process(std::uint64_t flags, pid_t number)
     return static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
 }
 
+/* A live folder, and what is laid over it. */
+struct Cover {
+    std::string staged;
+    std::string live;
+};
+
 /* Everything that is prepared before the fork, so that the children only make system calls. */
 struct Plan {
-    struct Cover {
-        std::string staged;
-        std::string live;
-    };
-
-    explicit Plan(const RebuildCommand &command)
-        : program(command.program), output_to_stderr(command.output_to_stderr),
-          covers{{{command.responder_folder, std::filesystem::path(responder_db_path).parent_path()},
-                  {command.handlers_folder, std::filesystem::path(handlers_db_path).parent_path()}}}
-    {
-    }
-
     std::string program;
-    bool output_to_stderr;
+    bool output_to_stderr = false;
     std::array<Cover, 2> covers;
-    pid_t number = ::getpid() > 1 ? ::getpid() : 0; /* 1 is the keeper */
+    pid_t number = 0; /* of the rebuild in its namespace; 0 for any */
 };
+
+std::string folder_of(const char *store)
+{
+    return std::filesystem::path(store).parent_path();
+}
+
+Plan make_plan(const RebuildCommand &command)
+{
+    const pid_t own = ::getpid();
+
+    return {.program = command.program,
+            .output_to_stderr = command.output_to_stderr,
+            .covers = {{{command.responder_folder, folder_of(responder_db_path)},
+                        {command.handlers_folder, folder_of(handlers_db_path)}}},
+            .number = own > 1 ? own : 0}; /* 1 is the keeper */
+}
 
 /* The first process of the namespace. */
 class Keeper
@@ -125,7 +135,7 @@ void Keeper::stay_with_parent() const
 /* All are opened before the first is laid over another's path. */
 void Keeper::lay_folders() const
 {
-    std::array<char[32], 2> sources;
+    std::array<char[32], 2> sources = {};
 
     for (std::size_t i = 0; i < plan_.covers.size(); i++) {
         const int folder = ::open(plan_.covers[i].staged.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -181,7 +191,7 @@ void Keeper::run()
 
 int RebuildChild::start(const RebuildCommand &command, const SayTrouble &trouble)
 {
-    const Plan plan(command);
+    const Plan plan = make_plan(command);
     int ends[2];
 
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {

@@ -162,6 +162,7 @@ int Refresh::run_child(int *status)
         if (is_watched)
             progress.show(std::min(count_replies_unlocked(store), estimate_.replies), estimate_.replies);
     }
+    progress.clear();
     return child.end(status, trouble_);
 }
 
@@ -283,7 +284,6 @@ std::optional<Result> Refresh::compare(Publisher *publisher)
     const bool in_part = rebuild_failed_ || look_->summary.rebuild > 0;
     std::function<void(const Change &)> each;
 
-    rows_.clear();
     if (options_.rows)
         each = [this](const Change &change) {
             rows_.push_back(change);
@@ -339,6 +339,9 @@ std::optional<Result> Refresh::attempt(bool is_last)
                              }});
 
     rebuild_failed_ = false;
+    look_.reset();
+    rows_.clear();
+    counts_ = {};
     if (const auto result = stage(&publisher))
         return result;
     if (const auto result = rebuild(&publisher))
@@ -363,9 +366,11 @@ RefreshEnd Refresh::run()
     }
     if (look_ && look_->status != 2)
         output_->look(source_, staging_.paths().staged_responder, staging_.paths().staged_handlers, *look_);
-    for (const Change &row : rows_)
-        output_->change(row);
-    end.counts = counts_;
+    if (is_published(end.result) || end.result == Result::dry_run) {
+        for (const Change &row : rows_)
+            output_->change(row);
+        end.counts = counts_;
+    }
     return end;
 }
 

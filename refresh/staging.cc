@@ -199,11 +199,11 @@ Staging::~Staging()
 {
     if (path_.empty())
         return;
-    /* What cannot be removed stays noted: the next refresh removes it. */
+
     const bool is_gone = remove_staging_folder(path_.c_str()) == 0;
 
     set_folder_to_remove("");
-    if (is_gone)
+    if (is_gone) /* otherwise the next one tries, and tells */
         (void)lock_->note_folder("");
 }
 

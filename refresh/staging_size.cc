@@ -34,7 +34,7 @@ std::optional<std::uint64_t> number_in(const std::string &path, const std::strin
 {
     std::ifstream file(path);
     std::string line;
-    std::uint64_t number;
+    std::uint64_t number = 0;
 
     if (word.empty())
         return file >> number ? std::optional(number) : std::nullopt;

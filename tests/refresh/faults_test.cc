@@ -33,7 +33,7 @@ struct Stores {
 class FaultWorld : public PublisherWorld
 {
 public:
-    explicit FaultWorld(bool replaces) : replaces_(replaces)
+    explicit FaultWorld(bool replaces)
     {
         (void)run(paths.live_responder, sql_reply("gone@x.test", "G") + sql_reply("other@x.test", "O") +
                                             sql_attachment("gone@x.test", "1.pdf") + sql_header("X-A", "1"));
@@ -88,9 +88,6 @@ public:
             return PublishResult::failed;
         return again->publish();
     }
-
-private:
-    bool replaces_;
 };
 
 Stores published_stores(bool replaces)
@@ -242,6 +239,23 @@ TEST_P(FaultTest, AnyCallOfSqliteThatFailsIsOneTroubleAndNothingHalfPublished)
         (void)publish_with_failure(world, nth, &published);
         expect_all_or_nothing(world, published);
     }
+}
+
+/* After a power cut there may be of each folder what was synced last, and of a file what was synced before.
+ */
+TEST(ReplacementOrder, FileAndFolderAreSyncedBeforeTheNewNameAndAfterIt)
+{
+    const FaultWorld world(true);
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    ASSERT_EQ(world.get_ready(publisher.get(), [&] { world.rebuild(); }), 0);
+
+    const WriteFaults faults(1000, WriteFault::fails_once);
+
+    EXPECT_EQ(publisher->publish(), PublishResult::published);
+    EXPECT_EQ(WriteFaults::calls(), (Lines{"unlink", "fchown", "fchmod", "fsync", "unlink", "unlink",
+                                           "unlink", "fsync", "rename", "fsync"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, FaultTest, ::testing::Bool());

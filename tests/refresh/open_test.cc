@@ -129,20 +129,22 @@ TEST(PublisherOpen, JournalOfAKilledWriterIsRolledBackAndTold)
     }
 }
 
-/* The journal of one who is writing is nobody's remains. */
+/* The journal of one who is writing is nobody's remains, not even with old pages in it. */
 TEST(PublisherOpen, JournalOfAWriterAtWorkIsNoneToTellOf)
 {
     const PublisherWorld world;
+    const auto take_time = [] {
+        return ::poll(nullptr, 0, 200) == 0;
+    };
+    const HeldTransaction writer(world.paths.live_handlers,
+                                 "PRAGMA cache_size = 1; BEGIN; CREATE TABLE more (x); WITH RECURSIVE n(i) "
+                                 "AS (SELECT 1 UNION ALL SELECT i + 1 "
+                                 "FROM n WHERE i < 200) INSERT INTO more SELECT zeroblob(2000) FROM n;",
+                                 take_time);
     Published published;
 
-    {
-        const HeldTransaction writer(world.paths.live_handlers, "BEGIN;" + sql_handler("w@x.test"));
-
-        EXPECT_TRUE(std::filesystem::exists(world.paths.live_handlers + "-journal"));
-        EXPECT_EQ(world.publisher(&published)->open_live(), 0);
-        EXPECT_EQ(published.notes, Lines{});
-    }
-    EXPECT_EQ(world.run(world.paths.live_handlers, "SELECT address FROM handlers"), Lines{"w@x.test"});
+    EXPECT_EQ(world.publisher(&published)->open_live(), 0);
+    EXPECT_EQ(published.notes, Lines{});
 }
 
 /* The list of a commit over several files stays while a journal of it does. */
@@ -192,6 +194,12 @@ const std::vector<MeanwhileRow> meanwhile_rows = {
     {"a handler that is to be changed was changed",
      [](const PublisherWorld &world) {
          (void)world.run(world.paths.live_handlers, sql_handler("old@x.test", 4));
+     },
+     ": a handler that was to be written was changed meanwhile", false},
+    {"a handler that is to be changed was changed in its place",
+     [](const PublisherWorld &world) {
+         (void)world.run(world.paths.live_handlers,
+                         "UPDATE handlers SET priority = 4 WHERE address = 'old@x.test'");
      },
      ": a handler that was to be written was changed meanwhile", false},
     {"a handler that is to be changed was removed",
@@ -288,6 +296,22 @@ TEST(PublisherMeanwhile, ChangeOfTheResponderStoreIsSeenBeforehand)
     EXPECT_FALSE(publisher->responder_changed());
     std::filesystem::copy_file(world.paths.staged_responder, world.paths.live_responder);
     EXPECT_TRUE(publisher->responder_changed());
+}
+
+/* The file's times are those of a tick of the kernel's clock, in which there is room for several commits. */
+TEST(PublisherMeanwhile, CommitsOfOneMomentAreToldApart)
+{
+    const PublisherWorld world;
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A"));
+    for (int round = 0; round < 100; round++) {
+        (void)world.run(world.paths.live_responder, "UPDATE autoresponder SET body = 'B'");
+        ASSERT_EQ(publisher->open_live(), 0);
+        (void)world.run(world.paths.live_responder, "UPDATE autoresponder SET body = 'C'");
+        ASSERT_TRUE(publisher->responder_changed());
+    }
 }
 
 class LockedTest : public ::testing::TestWithParam<bool>

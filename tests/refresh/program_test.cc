@@ -269,6 +269,12 @@ const Situation situations[] = {
      0,
      "4 replies changed; 1 handler removed\n",
      Live::fresh},
+    {"a stale handler that the next rebuild would make again",
+     [](auto &panel) { (void)panel.add_mailbox_with_responder(1, "x y"); },
+     {"--prune"},
+     0,
+     "(because of blank-in-name)",
+     Live::fresh},
     {"no folder to stage in",
      [](auto &) {},
      {"--stage", "/nowhere"},
@@ -579,6 +585,20 @@ TEST_F(ProgramTest, JsonIsAnObjectALine)
     if (std::getenv("KOLMO_WRITE_GOLDEN") != nullptr)
         write_file(path, output, 0644);
     EXPECT_EQ(output, read_file(path)) << "KOLMO_WRITE_GOLDEN=1 writes it anew";
+}
+
+/* The rebuild repeats on standard output what it says on standard error. */
+TEST_F(ProgramTest, NothingButJsonGoesToStandardOutput)
+{
+    write_utility("echo sorry >&2; exit 3");
+
+    const ProgramResult result = refresh({"--json"});
+
+    EXPECT_EQ(without_chance(result.out),
+              "{\"trouble\":\"mail_responders_rebuild has failed with status 255; nothing is published\"}\n"
+              "{\"refresh\":{\"published\":false,\"reason\":\"rebuild-failed\",\"added\":0,\"changed\":0,"
+              "\"removed\":0,\"seconds\":0}}\n");
+    EXPECT_NE(result.err.find("mail_responders_control execution failed:"), std::string::npos) << result.err;
 }
 
 TEST_F(ProgramTest, QuietIsSilentWhenAllIsWell)

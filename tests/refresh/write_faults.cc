@@ -34,6 +34,13 @@ struct State {
 };
 
 State state;
+std::vector<std::string> calls_made;
+
+void note(const char *call)
+{
+    if (state.is_armed)
+        calls_made.emplace_back(call);
+}
 
 /* Whether the call at hand fails. */
 bool strikes()
@@ -99,6 +106,7 @@ WriteFaults::WriteFaults(int nth, WriteFault fault)
             EXPECT_EQ(files->xSetSystemCall(files, replacement.name, replacement.call), SQLITE_OK);
         }
     state = {true, nth, fault};
+    calls_made.clear();
 }
 
 WriteFaults::~WriteFaults()
@@ -110,6 +118,11 @@ WriteFaults::~WriteFaults()
         (void)files->xSetSystemCall(files, replacement.name, nullptr);
 }
 
+const std::vector<std::string> &WriteFaults::calls()
+{
+    return calls_made;
+}
+
 bool WriteFaults::has_struck() const
 {
     return state.left <= 0;
@@ -117,6 +130,7 @@ bool WriteFaults::has_struck() const
 
 } // namespace kolmo::testing
 
+using kolmo::testing::note;
 using kolmo::testing::strikes;
 
 extern "C" {
@@ -128,26 +142,31 @@ ssize_t __wrap_write(int file, const void *bytes, std::size_t size)
 
 int __wrap_fsync(int file)
 {
+    note("fsync");
     return strikes() ? -1 : __real_fsync(file);
 }
 
 int __wrap_fchown(int file, uid_t owner, gid_t group)
 {
+    note("fchown");
     return strikes() ? -1 : __real_fchown(file, owner, group);
 }
 
 int __wrap_fchmod(int file, mode_t mode)
 {
+    note("fchmod");
     return strikes() ? -1 : __real_fchmod(file, mode);
 }
 
 int __wrap_rename(const char *from, const char *to)
 {
+    note("rename");
     return strikes() ? -1 : __real_rename(from, to);
 }
 
 int __wrap_unlink(const char *path)
 {
+    note("unlink");
     return strikes() ? -1 : __real_unlink(path);
 }
 

@@ -8,6 +8,9 @@
  */
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace kolmo::testing
 {
 
@@ -28,6 +31,9 @@ public:
 
     /* Whether there was an nth call. */
     [[nodiscard]] bool has_struck() const;
+
+    /* The names of the calls so far that the code under test made itself, but for write. */
+    [[nodiscard]] static const std::vector<std::string> &calls();
 };
 
 } // namespace kolmo::testing
