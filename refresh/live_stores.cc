@@ -329,7 +329,10 @@ int LiveStores::commit()
 {
     if (execute("COMMIT") == SQLITE_OK || sqlite3_extended_errcode(db_.get()) == SQLITE_IOERR_DIR_FSYNC)
         return 0;
-    return tell("what was written cannot be committed, and has been undone");
+    (void)tell("what was written cannot be committed, and has been undone");
+    roll_back();
+    remove_stale_lists();
+    return -1;
 }
 
 /* Closing the connection does so, too. */
@@ -341,10 +344,10 @@ void LiveStores::roll_back()
         db_.reset();
 }
 
-/* Of a writer, like us, that was killed when it had both stores locked. */
+/* Of a writer, like us, that was killed when it had both stores locked, or of a commit that failed. */
 void LiveStores::remove_stale_lists()
 {
-    if (stale_journal_lists(handlers_).empty() || try_to("BEGIN IMMEDIATE") != SQLITE_OK)
+    if (db_ == nullptr || stale_journal_lists(handlers_).empty() || try_to("BEGIN IMMEDIATE") != SQLITE_OK)
         return;
     for (const std::string &list : stale_journal_lists(handlers_))
         (void)::unlink(list.c_str());

@@ -27,7 +27,7 @@ from kills import Call, Kill, TracedRun
 from runner import DEADLINES, ENVIRONMENT, MS_BIND, MS_REC, Outcome, Worker, must
 
 SAMPLE = 1000 # one run in so many, and one of each sort
-MS_SHARED = 0x100000
+MS_SHARED, MNT_DETACH = 0x100000, 2
 WAIT = "5" # seconds that it waits for a lock: nobody else holds one
 SIGNALS = ("TERM", "INT", "HUP")
 SIGNAL_STEP = 12 # every so many calls, one of these
@@ -94,7 +94,7 @@ class RefreshWorker(Worker):
             self.sql(f"CREATE DATABASE {self.database} CHARACTER SET utf8mb4; USE {self.database};" + file.read() +
                      ";".join(world.panel_sql()))
         # As on a host: what is mounted by a refresh that does not keep it to itself is seen here.
-        must(self.libc.mount(b"none", b"/", None, MS_REC | MS_SHARED, None), "shared mounts")
+        must(self.libc.mount(b"none", b"/run", None, MS_REC | MS_SHARED, None), "shared mounts")
         self.mounts_before = self.mounts()
         self.after = self.files() # what a store's owner and mode are to be
         self.templates = {scenario.name: self.make_scenario(scenario) for scenario in SCENARIOS}
@@ -132,6 +132,8 @@ class RefreshWorker(Worker):
     def begin(self, scenario):
         """The stores of a scenario, and nothing of an earlier run."""
         self.scenario = scenario
+        for mount in set(self.mounts().splitlines()) - set(self.mounts_before.splitlines()):
+            self.libc.umount2(mount.split()[4].encode(), MNT_DETACH)
         for path in self.around():
             (os.unlink if os.path.isfile(path) else shutil.rmtree)(path)
         self.reset(self.templates[scenario.name])
@@ -370,10 +372,13 @@ def choose(all_names, arguments):
 
 
 def sort(name):
-    """By the call; those of the rebuild are tortured without a refresh."""
+    """By the call; those of a commit one by one, those of the rebuild are tortured without a refresh."""
     kind, *rest = name.split(":")[1:]
-    of = {"kill": 2 if "rebuild" in rest else 3, "orphan": 1, "fail": 1, "writers": 0}
+    of = {"kill": 2 if "rebuild" in rest else 4 if rest[2:3] in COMMIT else 3, "orphan": 1, "fail": 1, "writers": 0}
     return kind, *rest[:of[kind]]
+
+
+COMMIT = (["fdatasync"], ["unlink"])
 
 
 def refresh(arguments):
