@@ -33,6 +33,14 @@ bool is_unusable(int rc)
     return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
 }
 
+/* The end of the journal, or of the list of both, is the commit.  What can fail after it, the sync of their
+   folder or the lock on its way down, undoes nothing. */
+bool is_after_commit(int extended)
+{
+    return extended == SQLITE_IOERR_DIR_FSYNC || extended == SQLITE_IOERR_RDLOCK ||
+           extended == SQLITE_IOERR_UNLOCK;
+}
+
 /* What RFC 3986 lets stand, for an SQLite URI. */
 std::string uri_of(const std::string &path, const char *mode)
 {
@@ -323,11 +331,9 @@ int LiveStores::lock()
     return rc == SQLITE_OK ? 0 : -1;
 }
 
-/* The end of the journal, or of the list of both, is the commit: when only its folder could not be synced
-   after that, nothing was undone. */
 int LiveStores::commit()
 {
-    if (execute("COMMIT") == SQLITE_OK || sqlite3_extended_errcode(db_.get()) == SQLITE_IOERR_DIR_FSYNC)
+    if (execute("COMMIT") == SQLITE_OK || is_after_commit(sqlite3_extended_errcode(db_.get())))
         return 0;
     (void)tell("what was written cannot be committed, and has been undone");
     roll_back();
