@@ -273,7 +273,8 @@ def failed(worker, call, position, error):
 def new_rows(number):
     """What the panel writes to the stores, in this order, when a mailbox begins to answer."""
     mn, address = f"new{number}@bücher.example", f"new{number}@xn--bcher-kva.example"
-    return [("autoresponder", mn, "", "no", f"Subject {number}", "", "", "text/plain", "UTF-8", "Text\n", 10, 100, mn),
+    return [("autoresponder", mn, "", "no", f"Subject {number}", "", "", "text/plain", "UTF-8", "Text\n", 10, 100,
+             mn),
             ("handlers", 2, 1, 1, 90, "autoresponder", address, world.HOOKS + "autoresponder", "responder", 0),
             foreign_handler(address)]
 

@@ -110,7 +110,8 @@ KNOWN_GOOD = set()  # what was left, after which a refresh was seen to end well
 def run_again(worker, files, around):
     """A state that was tried before is not tried again."""
     state = digest({CHANCE.sub("", name): content for name, content in files.items()} |
-                   {CHANCE.sub("", path): None for path in around} | {"noted": any(STAGING in line for line in noted())})
+                   {CHANCE.sub("", path): None for path in around} |
+                   {"noted": any(STAGING in line for line in noted())})
     if (worker.scenario.name, state) in KNOWN_GOOD:
         return
     has_folder = any(STAGING in path for path in around)
@@ -146,8 +147,8 @@ def ended_well(worker, outcome, files, around):
 
 
 def left_behind(worker, outcome, files, around):
-    """A killed one leaves journals, their list, and a folder that the next one finds; one that cannot remove its folder
-    leaves that; anybody else nothing."""
+    """A killed one leaves journals, their list, and a folder that the next one finds; one that cannot remove its
+    folder leaves that; anybody else nothing."""
     expected = set(world.OTHER_FILES) | set(RELATIVE.values())
     is_killed = outcome.signal == 9
     for name in sorted(set(files) - expected):
