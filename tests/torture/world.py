@@ -178,9 +178,9 @@ def store_rows(path, store):
         db.close()
 
 
-def documented_texts():
-    """The manual's messages, as patterns."""
-    with open(ROOT + "/man/mail_responders_rebuild.8", encoding="utf-8") as file:
+def documented_texts(page="mail_responders_rebuild"):
+    """A manual's messages, as patterns."""
+    with open(f"{ROOT}/man/{page}.8", encoding="utf-8") as file:
         page = file.read().replace("\\\n", "")
     diagnostics = re.search(r"^\.SH DIAGNOSTICS\n(.*?)^\.SH", page, re.M | re.S)[1]
     for text in re.findall(r"^\.T[PQ]\n\.B (.*)$", diagnostics, re.M):
