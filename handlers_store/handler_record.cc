@@ -101,6 +101,7 @@ int handler_list_append(HandlerList *list, const HandlerRecord *record)
         return -1;
     node->record = handler_record_clone(record);
     if (node->record == nullptr) {
+        node.reset();
         log_message(LOG_ERR, "Unable to clone handlers data record");
         return -1;
     }

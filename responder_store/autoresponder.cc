@@ -19,24 +19,24 @@ constexpr Sql<12> add_autoresponder_sql =
 int responder_db_add_autoresponder(StoreConnection *connection, const char *mailbox, const char *domain,
                                    const ResponderRecord *record)
 {
-    const OwnedText mailname = make_mailname(mailbox, domain);
-    const OwnedText owner = make_mailname(record->mail_name, domain);
-    const std::array row = {
-        bind_text(record->keystr, "Unable to bind parameter keystr: %s"),
-        bind_text(record->key_where, "Unable to bind parameter key_where: %s"),
-        bind_text(record->subject, "Unable to bind parameter subject: %s"),
-        bind_text(record->reply_to, "Unable to bind parameter reply_to: %s"),
-        bind_text(record->forward_address, "Unable to bind parameter forward_to: %s"),
-        bind_text(record->content_type, "Unable to bind parameter content_type: %s"),
-        bind_text(record->charset, "Unable to bind parameter charset: %s"),
-        bind_text(record->text, "Unable to bind parameter body: %s"),
-        bind_int(record->ans_freq, "Unable to bind parameter ans_freq: %s"),
-        bind_int(record->mem_limit, "Unable to bind parameter ans_limit: %s"),
-        bind_text(owner.get(), "Unable to bind parameter real_owner: %s"),
-        bind_text(mailname.get(), "Unable to bind parameter mailname: %s"),
-    };
-
     return to_result(with_responder_store(connection, [&](StoreOp &op) {
+        const OwnedText mailname = make_mailname(mailbox, domain);
+        const OwnedText owner = make_mailname(record->mail_name, domain);
+        const std::array row = {
+            bind_text(record->keystr, "Unable to bind parameter keystr: %s"),
+            bind_text(record->key_where, "Unable to bind parameter key_where: %s"),
+            bind_text(record->subject, "Unable to bind parameter subject: %s"),
+            bind_text(record->reply_to, "Unable to bind parameter reply_to: %s"),
+            bind_text(record->forward_address, "Unable to bind parameter forward_to: %s"),
+            bind_text(record->content_type, "Unable to bind parameter content_type: %s"),
+            bind_text(record->charset, "Unable to bind parameter charset: %s"),
+            bind_text(record->text, "Unable to bind parameter body: %s"),
+            bind_int(record->ans_freq, "Unable to bind parameter ans_freq: %s"),
+            bind_int(record->mem_limit, "Unable to bind parameter ans_limit: %s"),
+            bind_text(owner.get(), "Unable to bind parameter real_owner: %s"),
+            bind_text(mailname.get(), "Unable to bind parameter mailname: %s"),
+        };
+
         op.begin();
         if (!op.run(add_autoresponder_sql, row)) {
             /* Deliberately neither ended nor closed: the transaction stays open on the connection. */

@@ -33,10 +33,12 @@ int responder_db_remove_extra_headers(StoreConnection *connection)
 {
     int rc = SQLITE_OK;
     const Ending ending = with_responder_store(connection, [&](StoreOp &op) {
-        SqliteText error; /* released unread: the log takes the connection's own text */
+        SqliteText error;
 
-        if (op.exec("DELETE FROM extra_headers", &rc, &error) == Ending::done && rc != SQLITE_OK)
+        if (op.exec("DELETE FROM extra_headers", &rc, &error) == Ending::done && rc != SQLITE_OK) {
+            error.reset(); /* unread: the log takes the connection's own text */
             log_failure("Unable to remove autoresponder extra headers: %s", op.detail());
+        }
         return op.ending();
     });
 

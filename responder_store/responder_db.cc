@@ -21,10 +21,10 @@ OwnedText make_mailname(const char *mailbox, const char *domain)
 int remove_mailbox_rows(StoreConnection *connection, const char *mailbox, const char *domain, Sql<1> sql,
                         TextFormat<2> refused)
 {
-    const OwnedText mailname = make_mailname(mailbox, domain);
-    const std::array key = {bind_text(mailname.get(), "Unable to bind parameter mailname: %s")};
-
     return to_result(with_responder_store(connection, [&](StoreOp &op) {
+        const OwnedText mailname = make_mailname(mailbox, domain);
+        const std::array key = {bind_text(mailname.get(), "Unable to bind parameter mailname: %s")};
+
         op.begin();
         if (!op.run(sql, key))
             log_failure(refused, mailname.get(), op.detail());

@@ -90,23 +90,20 @@ int read_attachments(MYSQL_RES *rows, FileNames *names)
     return 0;
 }
 
-/* A responder with several forward addresses comes several times; the last row is found first. */
-int read_responders(MYSQL_RES *rows, ResponderList *list)
+/* A responder with several forward addresses comes several times; the last row is found first.  The message
+   of what memory did not suffice for, or null. */
+const char *read_responders(MYSQL_RES *rows, ResponderList *list)
 {
     while (const MYSQL_ROW row = mysql_fetch_row(rows)) {
         OwnedResponderRecord record(responder_record_from_row(row));
 
-        if (record == nullptr) {
-            log_message(LOG_ERR, "Failed to store next autoresponder: out of memory");
-            return -1;
-        }
-        if (responder_list_add(list, record.get()) == nullptr) {
-            log_message(LOG_ERR, "Failed to add next autoresponder to list: out of memory");
-            return -1;
-        }
+        if (record == nullptr)
+            return "Failed to store next autoresponder: out of memory";
+        if (responder_list_add(list, record.get()) == nullptr)
+            return "Failed to add next autoresponder to list: out of memory";
         (void)record.release();
     }
-    return 0;
+    return nullptr;
 }
 
 int query_responders(MYSQL *panel, const char *mail_ids, ResponderList *list)
@@ -123,13 +120,21 @@ int query_responders(MYSQL *panel, const char *mail_ids, ResponderList *list)
         "mail_resp.mn_id=mail.id WHERE mail_resp.resp_name='default' AND mail_resp.mn_id IN (%s)",
         mail_ids);
 
-    const PanelResult rows = panel_select(panel, query, std::strlen(query));
+    PanelResult rows = panel_select(panel, query, std::strlen(query));
 
     if (rows == nullptr) {
         log_message(LOG_ERR, "Unable to query autoresponders: %s", mysql_error(panel));
         return -1;
     }
-    return read_responders(rows.get(), list);
+
+    const char *const failure = read_responders(rows.get(), list);
+
+    if (failure == nullptr)
+        return 0;
+    rows.reset();
+    responder_list_free(list); /* first: the log may need the memory */
+    log_message(LOG_ERR, "%s", failure);
+    return -1;
 }
 
 /* The mailboxes to write, and what to write them over. */

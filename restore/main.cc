@@ -3,30 +3,13 @@
  */
 #include <csignal>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <sqlite3.h>
 
+#include "common/standard_streams.h"
 #include "restore/program_flow.h"
 
 namespace
 {
-
-/*
- * A free descriptor below 3 would be given to the database's socket or to a pipe, and every error message
- * would go there.  A service manager may start a process so.
- */
-void occupy_standard_streams()
-{
-    int fd;
-
-    do
-        fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO);
-    if (fd >= 0)
-        (void)close(fd);
-}
 
 /*
  * A parent that ignores it hands that down; the kernel then forgets how the panel's utility ended, and
@@ -48,7 +31,7 @@ void configure_sqlite()
 
 int main(int, char **argv)
 {
-    occupy_standard_streams();
+    kolmo::occupy_standard_streams();
     stop_ignoring_sigchld();
     configure_sqlite();
     return kolmo::rebuild_responders(argv[0]);

@@ -16,6 +16,13 @@ bool is_capital(char c)
     return c >= 'A' && c <= 'Z';
 }
 
+/* Bytes that are no whole character come from columns of bytes, which a rebuild leaves as they are. */
+bool begins_beyond_utf8mb3(std::string_view text)
+{
+    return text.size() >= 4 && text[0] >= '\xf0' && text[0] <= '\xf4' &&
+           std::all_of(text.begin() + 1, text.begin() + 4, [](char c) { return (c & 0xc0) == 0x80; });
+}
+
 } // namespace
 
 std::string ascii_lower(std::string_view text)
@@ -36,11 +43,6 @@ std::string handler_domain(const std::string &name)
     return ascii != nullptr ? ascii_lower(ascii.get()) : "";
 }
 
-bool is_ascii(std::string_view text)
-{
-    return std::none_of(text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; });
-}
-
 bool has_capitals(std::string_view text)
 {
     return std::any_of(text.begin(), text.end(), is_capital);
@@ -48,8 +50,9 @@ bool has_capitals(std::string_view text)
 
 bool is_beyond_utf8mb3(std::string_view text)
 {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) >= 0xf0; });
+    while (!text.empty() && !begins_beyond_utf8mb3(text))
+        text.remove_prefix(1);
+    return !text.empty();
 }
 
 std::string as_utf8mb3(std::string_view text)
@@ -57,7 +60,7 @@ std::string as_utf8mb3(std::string_view text)
     std::string result;
 
     for (std::size_t i = 0; i < text.size(); i++) {
-        const bool is_beyond = is_beyond_utf8mb3(text.substr(i, 1));
+        const bool is_beyond = begins_beyond_utf8mb3(text.substr(i));
 
         result += is_beyond ? '?' : text[i];
         i += is_beyond ? 3 : 0;

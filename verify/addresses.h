@@ -15,7 +15,6 @@ namespace kolmo
 /* A domain in its ASCII form and in lower case, as the handlers store has it; empty when it has none. */
 [[nodiscard]] std::string handler_domain(const std::string &name);
 
-[[nodiscard]] bool is_ascii(std::string_view text);
 [[nodiscard]] bool has_capitals(std::string_view text);
 
 /* Whether a character needs four bytes of UTF-8, which three-byte UTF-8 cannot hold. */

@@ -29,7 +29,7 @@ bool wants_color(const CommonOptions &options)
 
 bool wants_progress(const CommonOptions &options)
 {
-    return options.progress.value_or(::isatty(STDERR_FILENO) == 1);
+    return options.progress.value_or(!options.quiet && ::isatty(STDERR_FILENO) == 1);
 }
 
 void add_common_options(CLI::App *app, const char *wait_help, CommonOptions *options)
@@ -39,7 +39,7 @@ void add_common_options(CLI::App *app, const char *wait_help, CommonOptions *opt
 
     app->set_help_flag("-h,--help", "Print this help");
     app->add_flag("--json", options->json, "One JSON object a line");
-    app->add_flag("-q,--quiet", options->quiet, "Print findings only");
+    app->add_flag("-q,--quiet", options->quiet, "Print findings and trouble only");
     app->add_flag_callback(
         "--progress", [=] { options->progress = true; }, "Show progress on standard error");
     app->add_flag_callback(
@@ -48,9 +48,11 @@ void add_common_options(CLI::App *app, const char *wait_help, CommonOptions *opt
         ->type_name("SECONDS")
         ->check(CLI::Range(0, longest_wait).description(""))
         ->capture_default_str();
-    app->add_option("--color", options->color, "Colours: auto, always or never")
+    app->add_option_function<std::string>(
+           "--color", [=](const std::string &when) { options->color = colors.at(when); },
+           "Colours: auto, always or never")
         ->type_name("WHEN")
-        ->transform(CLI::Transformer(colors).description(""));
+        ->check(CLI::IsMember(colors).description(""));
 }
 
 std::optional<int> parse_command_line(CLI::App *app, int argc, char **argv)

@@ -18,7 +18,7 @@ enum class Color { when_terminal, always, never };
 struct CommonOptions {
     bool json = false;
     bool quiet = false;           /* findings and trouble only */
-    std::optional<bool> progress; /* nothing: when standard error is a terminal */
+    std::optional<bool> progress; /* nothing: on a terminal, unless quiet */
     int wait_seconds = 60;
     Color color = Color::when_terminal;
 };

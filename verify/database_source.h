@@ -15,7 +15,7 @@ struct DatabaseSource {
     std::string host;
     std::string user;
     std::string name;
-    std::string socket;
+    std::string door;                 /* the socket of the local host, "port NUMBER" of another one */
     std::vector<std::string> origins; /* "host from FILE", "user by default" */
 };
 

@@ -1,5 +1,6 @@
 #include "verify/domain_walk.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 
@@ -35,11 +36,6 @@ std::string stored_number(std::string_view text)
     return std::to_string(static_cast<std::int32_t>(std::strtol(std::string(text).c_str(), nullptr, 10)));
 }
 
-const FindingCode *first_of(const FindingCode *a, const FindingCode *b)
-{
-    return a != nullptr ? a : b;
-}
-
 } // namespace
 
 int DomainWalk::run()
@@ -72,7 +68,12 @@ int DomainWalk::read_texts(const std::string &domain_ids, const char *table, con
                         " FROM mail m JOIN mail_resp r ON r.mn_id=m.id AND " + "r.resp_name='default' JOIN " +
                         table + " t ON t.rn_id=r.id WHERE m.dom_id IN (" + domain_ids +
                         ") AND m.autoresponder='true'",
-                    [&](const PanelRows &row) { (*texts)[row.number(0)].emplace_back(row.text(1)); });
+                    [&](const PanelRows &row) {
+                        std::vector<std::string> &of_reply = (*texts)[row.number(0)];
+
+                        if (std::find(of_reply.begin(), of_reply.end(), row.text(1)) == of_reply.end())
+                            of_reply.emplace_back(row.text(1));
+                    });
 }
 
 int DomainWalk::walk_batch(std::span<const std::uint32_t> places)
@@ -277,7 +278,6 @@ void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &ad
 void DomainWalk::judge_mailbox(const PanelRows &row)
 {
     WantedMailbox mailbox;
-    const auto odd = odd_.find(row.number(mailbox_id));
     const std::string freq = stored_number(row.text(first_text + 8));
     const std::string limit = stored_number(row.text(first_text + 9));
     const std::vector<std::string> &forwards = texts_of(forwards_, row.number(reply_id));
@@ -291,7 +291,7 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     mailbox.local = ascii_lower(row.text(mail_name));
     mailbox.loses_texts = server_.loses_beyond_utf8mb3;
     mailbox.has_reply = !row.is_null(reply_id);
-    mailbox.is_certain = odd == odd_.end();
+    mailbox.is_certain = !odd_.contains(row.number(mailbox_id));
     for (unsigned int i = 0; i < reply_columns - 1; i++)
         mailbox.columns[i] = row.text(first_text + i);
     mailbox.columns[4] = forwards.empty() ? "" : std::string_view(forwards.back());
@@ -311,7 +311,7 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     if (forwards.size() > 1)
         find_in_panel(code_several_forwards, owner);
     judge_texts(mailbox, owner);
-    for (const std::uint32_t taker : limits_.takers(mailbox.local, place_)) {
+    for (const std::uint32_t taker : limits_.takers(names_, mailbox.local, place_)) {
         for (const PanelAlias &alias : names_.aliases_of(names_.domains[taker])) {
             find_in_panel(code_alias_overlaps_domain, alias.name, "", owner);
             limits_.expect_junk(mailbox.local + '@' + ascii_lower(alias.name), &code_alias_overlaps_domain);

@@ -31,6 +31,7 @@ private:
     using Texts = std::unordered_map<unsigned long, std::vector<std::string>>; /* by mail_resp's id */
 
     int walk_batch(std::span<const std::uint32_t> places);
+    /* Each text of a reply once, however often the panel has it: one row in the store is enough. */
     int read_texts(const std::string &domain_ids, const char *table, const char *column, Texts *texts);
     void enter_domain(std::uint32_t place);
     void judge_names(std::uint32_t place);

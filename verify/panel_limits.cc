@@ -72,24 +72,6 @@ std::string address_of(const std::string &local, const std::string &name)
     return address += name;
 }
 
-/* Every name under which a domain's mailboxes have addresses, as the stores spell it. */
-template <typename Body>
-void each_spelling(const PanelNames &names, const PanelDomain &domain, const Body &body)
-{
-    const auto both = [&](const std::string &name) {
-        const std::string lower = ascii_lower(name);
-        const std::string ascii = handler_domain(name);
-
-        body(lower);
-        if (!ascii.empty() && ascii != lower)
-            body(ascii);
-    };
-
-    both(domain.name);
-    for (const PanelAlias &alias : names.aliases_of(domain))
-        both(alias.name);
-}
-
 } // namespace
 
 int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names)
@@ -275,9 +257,22 @@ const std::vector<std::string> &PanelLimits::overlaps(std::uint32_t place) const
     return found != overlaps_.end() ? found->second : none;
 }
 
-std::set<std::uint32_t> PanelLimits::takers(const std::string &local, std::uint32_t place) const
+std::set<std::uint32_t> PanelLimits::takers(const PanelNames &names, const std::string &local,
+                                            std::uint32_t place) const
 {
-    return finder_->domains_in(local, place);
+    std::set<std::uint32_t> found = finder_->domains_in(local, place);
+
+    if (!finder_->has_patterns())
+        return found;
+    each_spelling(names, names.domains[place], [&](const std::string &name) {
+        const std::set<std::uint32_t> overlapping = finder_->domains_in(name, place);
+
+        for (const std::uint32_t taker : finder_->domains_in(address_of(local, name), place)) {
+            if (!overlapping.contains(taker))
+                found.insert(taker);
+        }
+    });
+    return found;
 }
 
 const FindingCode *PanelLimits::of_junk(std::string_view address) const

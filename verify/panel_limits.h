@@ -21,6 +21,11 @@ struct Limits {
     const FindingCode *handler = nullptr;
 };
 
+[[nodiscard]] inline const FindingCode *first_of(const FindingCode *a, const FindingCode *b)
+{
+    return a != nullptr ? a : b;
+}
+
 /* Limits that are known before the first mailbox is read. */
 class PanelLimits
 {
@@ -46,7 +51,8 @@ public:
     [[nodiscard]] const std::vector<std::string> &overlaps(std::uint32_t place) const;
 
     /* Domains, other than these of overlaps(), that take over this mailbox of a domain. */
-    [[nodiscard]] std::set<std::uint32_t> takers(const std::string &local, std::uint32_t place) const;
+    [[nodiscard]] std::set<std::uint32_t> takers(const PanelNames &names, const std::string &local,
+                                                 std::uint32_t place) const;
 
     /* What a rebuild writes too much stands at this name of a domain, or under this address. */
     void expect_junk(const std::string &name, const FindingCode *limit) { junk_.emplace(name, limit); }
@@ -55,8 +61,6 @@ public:
     [[nodiscard]] const FindingCode *of_junk(std::string_view address) const;
 
 private:
-    struct Names;
-
     int read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names, PanelDomain *domain);
     int read_twice(MYSQL *panel, const PanelNames &names);
     void find_overlaps(const PanelNames &names);

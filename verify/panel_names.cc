@@ -123,7 +123,7 @@ int read_odd_mailboxes(MYSQL *panel, const Places &places, PanelNames *names, Od
 
             if (place == places.end())
                 return;
-            odd->emplace(row.number(1), OddMailbox{row.number(0), row.number(2)});
+            odd->insert(row.number(1));
 
             PanelDomain &domain = names->domains[place->second];
 
@@ -175,6 +175,23 @@ std::vector<std::string> select_domains(const std::vector<std::string> &list, Pa
             unknown.push_back(name);
     }
     return unknown;
+}
+
+void each_spelling(const PanelNames &names, const PanelDomain &domain,
+                   const std::function<void(const std::string &)> &body)
+{
+    const auto both = [&](const std::string &name) {
+        const std::string lower = ascii_lower(name);
+        const std::string ascii = handler_domain(name);
+
+        body(lower);
+        if (!ascii.empty() && ascii != lower)
+            body(ascii);
+    };
+
+    both(domain.name);
+    for (const PanelAlias &alias : names.aliases_of(domain))
+        both(alias.name);
 }
 
 OverlapFinder::OverlapFinder(const PanelNames &names)

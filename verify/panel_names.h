@@ -6,7 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <functional>
 #include <set>
 #include <span>
 #include <string>
@@ -45,12 +45,8 @@ struct PanelNames {
     }
 };
 
-/* A mailbox that answers and has not exactly one default reply. */
-struct OddMailbox {
-    unsigned long domain_id;
-    unsigned long replies;
-};
-using OddMailboxes = std::map<unsigned long, OddMailbox>; /* by the mailbox's id */
+/* The ids of mailboxes that answer and have not exactly one default reply. */
+using OddMailboxes = std::set<unsigned long>;
 
 /*
  * Reads the names, how many mailboxes of each domain answer, and which of these have no default reply or
@@ -68,6 +64,10 @@ using OddMailboxes = std::map<unsigned long, OddMailbox>; /* by the mailbox's id
 [[nodiscard]] std::vector<std::string> select_domains(const std::vector<std::string> &list,
                                                       PanelNames *names);
 
+/* Calls body with every name under which a domain's mailboxes have addresses, as the stores spell it. */
+void each_spelling(const PanelNames &names, const PanelDomain &domain,
+                   const std::function<void(const std::string &)> &body);
+
 /* Which names of domains stand in other addresses. */
 class OverlapFinder
 {
@@ -77,6 +77,9 @@ public:
 
     /* The domains whose name stands in the text as SQLite's LIKE takes it, without one that is excepted. */
     [[nodiscard]] std::set<std::uint32_t> domains_in(std::string_view text, std::uint32_t except) const;
+
+    /* Whether one of them can match across the @ of an address. */
+    [[nodiscard]] bool has_patterns() const { return !patterns_.empty(); }
 
 private:
     std::unordered_map<std::string, std::uint32_t> plain_; /* in lower case */

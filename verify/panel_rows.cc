@@ -18,7 +18,6 @@ int PanelRows::ask(MYSQL *panel, const std::string &sql)
 bool PanelRows::next()
 {
     row_ = mysql_fetch_row(result_.get());
-    lengths_ = row_ != nullptr ? mysql_fetch_lengths(result_.get()) : nullptr;
     return row_ != nullptr;
 }
 
@@ -30,7 +29,7 @@ bool PanelRows::failed() const
 
 std::string_view PanelRows::text(unsigned int column) const
 {
-    return is_null(column) ? std::string_view() : std::string_view(row_[column], lengths_[column]);
+    return panel_text(row_[column]);
 }
 
 unsigned long PanelRows::number(unsigned int column) const

@@ -22,7 +22,8 @@ public:
     [[nodiscard]] bool next();
     [[nodiscard]] bool failed() const;
 
-    /* A column of the row, good until the next row; NULL is the empty text. */
+    /* A column of the row up to its first NUL, where it ends for a rebuild, too; good until the next row.
+       NULL is the empty text. */
     [[nodiscard]] std::string_view text(unsigned int column) const;
     [[nodiscard]] bool is_null(unsigned int column) const { return row_[column] == nullptr; }
     [[nodiscard]] unsigned long number(unsigned int column) const; /* 0 for what is none */
@@ -31,7 +32,6 @@ private:
     MYSQL *panel_ = nullptr;
     PanelResult result_;
     MYSQL_ROW row_ = nullptr;
-    const unsigned long *lengths_ = nullptr;
 };
 
 /* Calls body(rows) for each row.  Returns 0, or -1: mysql_error says why. */

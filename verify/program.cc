@@ -9,6 +9,7 @@
 #include "verify/options.h"
 #include "verify/output.h"
 #include "verify/progress.h"
+#include "verify/report.h"
 
 namespace kolmo
 {
@@ -23,7 +24,11 @@ int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
 {
     Progress progress(wants_progress(options));
     const VerifySink sink = {
-        .finding = [&](const Finding &finding) { output->finding(finding); },
+        .finding =
+            [&](const Finding &finding) {
+                progress.clear();
+                output->finding(finding);
+            },
         .trouble =
             [&](const std::string &text) {
                 progress.clear();
@@ -36,17 +41,18 @@ int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
             },
         .progress = [&](unsigned long done, unsigned long all) { progress.show(done, all); },
     };
+    const Report report(sink, summary);
     DatabaseSource source;
     char reason[4097] = "the database's client gives no reason";
 
-    if (read_database_source(&source, sink.trouble) != 0)
+    if (read_database_source(&source, [&](const std::string &text) { report.trouble(text); }) != 0)
         return trouble_status;
     output->begin(source, responder_db_path, handlers_db_path);
 
     const PanelConnection panel(panel_db_connect_ex(reason, sizeof reason));
 
     if (panel == nullptr) {
-        sink.trouble(reason);
+        report.trouble(reason);
         return trouble_status;
     }
     return verify_stores(panel.get(), {.domains = options.domains, .wait_seconds = options.wait_seconds},

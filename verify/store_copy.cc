@@ -20,8 +20,6 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-const char mail_group[] = "popuser";
-
 /* A step holds the lock for a few milliseconds: a writer waits 50 and more. */
 constexpr int pages_of_a_step = 512;
 constexpr int most_beginnings = 10;
@@ -56,18 +54,6 @@ std::string octal(mode_t mode)
     return digits;
 }
 
-/* The group's id, or nothing after telling that there is none. */
-std::optional<gid_t> mail_group_id(const TroubleSink &trouble)
-{
-    const group *const entry = ::getgrnam(mail_group);
-
-    if (entry == nullptr) {
-        trouble("there is no group popuser, by which the mail server reads the stores");
-        return std::nullopt;
-    }
-    return entry->gr_gid;
-}
-
 int open_source(const std::string &path, SqliteConnection *source, const TroubleSink &trouble)
 {
     sqlite3 *db = nullptr;
@@ -91,6 +77,8 @@ std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
                path + " 'SELECT count(*) FROM sqlite_master'";
     if (is_busy(rc))
         return path + " is locked by another process, longer than was waited for (--wait)";
+    if (rc == SQLITE_FULL)
+        return no_space_for_copy;
     if ((rc & 0xff) == SQLITE_NOTADB)
         return path + " is no database, or is damaged";
     return path + " cannot be copied: " + sqlite3_errstr(rc) + " (" + sqlite3_errmsg(source) + ")";
@@ -198,35 +186,28 @@ int check_store_file(const std::string &path, const TroubleSink &trouble)
     return -1;
 }
 
-void check_handlers_owner(const std::string &path, const TroubleSink &trouble)
+void check_owners(const std::string &responders, const std::string &handlers, const TroubleSink &trouble)
 {
-    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
+    const group *const mail = ::getgrnam("popuser");
     struct stat status;
 
-    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
+    if (mail == nullptr) {
+        trouble("there is no group popuser, by which the mail server reads the stores");
         return;
-    if (status.st_uid != 0 || status.st_gid != *mail_gid)
-        trouble(path + " belongs to " + std::to_string(status.st_uid) + ":" + std::to_string(status.st_gid) +
-                ", not to root:popuser: chown root:popuser " + path);
+    }
+    if (::stat(responders.c_str(), &status) == 0 &&
+        (status.st_mode & (status.st_gid == mail->gr_gid ? S_IRGRP : S_IROTH)) == 0)
+        trouble(responders + " cannot be read by the mail server's group (mode " +
+                octal(status.st_mode & 07777) + ", group " + std::to_string(status.st_gid) +
+                "): chgrp popuser " + responders + " && chmod g+r " + responders);
+    if (::stat(handlers.c_str(), &status) != 0)
+        return;
+    if (status.st_uid != 0 || status.st_gid != mail->gr_gid)
+        trouble(handlers + " belongs to " + std::to_string(status.st_uid) + ":" +
+                std::to_string(status.st_gid) + ", not to root:popuser: chown root:popuser " + handlers);
     if ((status.st_mode & 07777) != 0640)
-        trouble(path + " has mode " + octal(status.st_mode & 07777) + ", not 0640: chmod 0640 " + path);
-}
-
-void check_responder_reader(const std::string &path, const TroubleSink &trouble)
-{
-    const std::optional<gid_t> mail_gid = mail_group_id(trouble);
-    struct stat status;
-
-    if (!mail_gid || ::stat(path.c_str(), &status) != 0)
-        return;
-
-    const bool readable =
-        status.st_gid == *mail_gid ? (status.st_mode & S_IRGRP) != 0 : (status.st_mode & S_IROTH) != 0;
-
-    if (!readable)
-        trouble(path + " cannot be read by the mail server's group (mode " + octal(status.st_mode & 07777) +
-                ", group " + std::to_string(status.st_gid) + "): chgrp popuser " + path + " && chmod g+r " +
-                path);
+        trouble(handlers + " has mode " + octal(status.st_mode & 07777) + ", not 0640: chmod 0640 " +
+                handlers);
 }
 
 /* The empty name is SQLite's for a file of its own that has none. */

@@ -28,9 +28,13 @@ enum class StoreFileKind { database, database_in_wal_mode, no_database, empty, n
  */
 [[nodiscard]] int check_store_file(const std::string &path, const TroubleSink &trouble);
 
-/* Who may own and read a store; each tells what is wrong, and the command that mends it. */
-void check_handlers_owner(const std::string &path, const TroubleSink &trouble);   /* root, popuser, 0640 */
-void check_responder_reader(const std::string &path, const TroubleSink &trouble); /* popuser can read it */
+/* Tells when root:popuser does not own the handlers store with mode 0640, or when popuser cannot read the
+   responder store, and the command that mends it. */
+void check_owners(const std::string &responders, const std::string &handlers, const TroubleSink &trouble);
+
+/* What is to blame for SQLITE_FULL, rather than the store. */
+inline constexpr char no_space_for_copy[] =
+    "no private copy can be made in the folder for temporary files (TMPDIR): no space";
 
 enum class CopyEnding {
     copied,  /* and PRAGMA quick_check was clean */

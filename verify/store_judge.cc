@@ -37,29 +37,24 @@ constexpr int queue_column = 0;
 constexpr int type_column = 1;
 constexpr int enabled_column = 2;
 
-const FindingCode *first_of(const FindingCode *a, const FindingCode *b)
-{
-    return a != nullptr ? a : b;
-}
-
 std::string shown(std::optional<std::string_view> text)
 {
     return std::string(text.value_or("NULL"));
 }
 
-/* A text as an SQL literal that a shell leaves alone within double quotes. */
-std::string sql_literal(std::string_view text)
+/* A text, or a blob, as an SQL literal that a shell leaves alone within double quotes. */
+std::string sql_literal(std::string_view text, bool is_blob = false)
 {
     static const char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789@._+-";
     std::string hex;
 
-    if (text.find_first_not_of(plain) == std::string_view::npos)
+    if (!is_blob && text.find_first_not_of(plain) == std::string_view::npos)
         return '\'' + std::string(text) + '\'';
     for (const char c : text) {
         hex += "0123456789abcdef"[(c >> 4) & 15];
         hex += "0123456789abcdef"[c & 15];
     }
-    return "CAST(x'" + hex + "' AS TEXT)";
+    return is_blob ? "x'" + hex + '\'' : "CAST(x'" + hex + "' AS TEXT)";
 }
 
 /* A number as it is. */
@@ -72,6 +67,15 @@ std::string sql_literal_of(std::optional<std::string_view> value)
     return sql_literal(*value);
 }
 
+/* What is wrong with a store whose tables were not found in its copy, or could not be given an index there.
+ */
+std::string open_failure(const std::string &path, const char *kind, sqlite3 *copy)
+{
+    if (sqlite3_errcode(copy) == SQLITE_FULL)
+        return no_space_for_copy;
+    return path + " is no " + kind + " store: " + sqlite3_errmsg(copy);
+}
+
 } // namespace
 
 void StoreJudge::open_responders(const std::string &path, SqliteConnection copy)
@@ -81,7 +85,7 @@ void StoreJudge::open_responders(const std::string &path, SqliteConnection copy)
         (replies_.open(copy.get(), "autoresponder", "mn", all_columns, nullptr, nullptr) != 0 ||
          attachments_.open(copy.get(), "attachments", "mn", "filename", "filename", nullptr) != 0 ||
          headers_.open(copy.get(), "extra_headers", "name", "value", "value", nullptr) != 0)) {
-        report_.trouble(path + " is no responder store: " + sqlite3_errmsg(copy.get()));
+        report_.trouble(open_failure(path, "responder", copy.get()));
         copy.reset();
     }
     responders_ = std::move(copy);
@@ -92,12 +96,22 @@ void StoreJudge::open_handlers(const std::string &path, SqliteConnection copy)
     handlers_path_ = path;
     if (copy != nullptr &&
         handler_rows_.open(copy.get(), "handlers", "address",
-                           "queue, type, enabled, priority, executable, context, protected", "queue, type",
-                           "name = 'autoresponder'") != 0) {
-        report_.trouble(path + " is no handlers store: " + sqlite3_errmsg(copy.get()));
+                           "queue, type, enabled, priority, executable, context, protected",
+                           "queue, type, typeof(address)", "name = 'autoresponder'") != 0) {
+        report_.trouble(open_failure(path, "handlers", copy.get()));
         copy.reset();
     }
     handlers_ = std::move(copy);
+}
+
+/* Whether the table could not be read: that is told, and its store is not judged any further. */
+bool StoreJudge::unreadable(const KeyedTable &table, const std::string &path, SqliteConnection *copy)
+{
+    if (!table.failed())
+        return false;
+    report_.trouble("the private copy of " + path + " cannot be read: " + sqlite3_errmsg(copy->get()));
+    copy->reset();
+    return true;
 }
 
 void StoreJudge::judge(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox)
@@ -114,7 +128,12 @@ void StoreJudge::judge_reply(const PanelDomain &domain, const Target &target, co
     const FindingCode *const limit = first_of(mailbox.limits.reply, target.limits.reply);
 
     replies_.ask(address);
-    if (!replies_.next()) {
+
+    const bool has_reply = replies_.next();
+
+    if (unreadable(replies_, responder_path_, &responders_))
+        return;
+    if (!has_reply) {
         report_.find({.code = target.is_alias ? &code_alias_reply_missing : &code_reply_missing,
                       .limit = limit,
                       .place = Place::responder,
@@ -173,6 +192,8 @@ void StoreJudge::judge_attachments(const PanelDomain &domain, const WantedMailbo
         if (place < seen.size())
             seen[place] = true;
     }
+    if (unreadable(attachments_, responder_path_, &responders_))
+        return;
     for (std::size_t i = 0; i < seen.size() && mailbox.is_certain; i++) {
         const std::string &name = mailbox.attachments[i];
         const FindingCode *const lost =
@@ -204,6 +225,8 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
             judge_handler_row(domain, address, limit);
         }
     }
+    if (unreadable(handler_rows_, handlers_path_, &handlers_))
+        return;
     if (!has_handler)
         report_.find({.code = target.is_alias ? &code_alias_handler_missing : &code_handler_missing,
                       .limit = limit,
@@ -234,9 +257,7 @@ void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string 
 void StoreJudge::judge_headers(std::span<const char *const> names, std::span<const char *const> values,
                                bool loses_texts, const FindingCode *limit)
 {
-    if (responders_ == nullptr)
-        return;
-    for (std::size_t i = 0; i < names.size(); i++) {
+    for (std::size_t i = 0; i < names.size() && responders_ != nullptr; i++) {
         const std::string_view name = names[i];
         const bool is_last = std::none_of(names.begin() + static_cast<std::ptrdiff_t>(i) + 1, names.end(),
                                           [&](const char *later) { return name == later; });
@@ -261,6 +282,8 @@ void StoreJudge::judge_header(std::string_view name, std::string_view value, boo
         if (found != value)
             found = shown(headers_.text(0));
     }
+    if (unreadable(headers_, responder_path_, &responders_))
+        return;
     if (!found)
         report_.find({.code = &code_header_missing,
                       .limit = first_of(limit, lost),
@@ -292,22 +315,24 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     const auto junk_or_end = [&](std::string_view address) {
         return first_of(limits.of_junk(address), end);
     };
-    bool complete = true;
-
     if (responders_ != nullptr) {
-        complete &= replies_.each_left([&](std::string_view address, const SqliteQuery &) {
+        replies_.each_left([&](std::string_view address, const SqliteQuery &) {
             fill(address,
                  {.code = &code_reply_stale, .limit = junk_or_end(address), .place = Place::responder});
-        }) == 0;
-        complete &= attachments_.each_left([&](std::string_view address, const SqliteQuery &row) {
+        });
+        unreadable(replies_, responder_path_, &responders_);
+    }
+    if (responders_ != nullptr) {
+        attachments_.each_left([&](std::string_view address, const SqliteQuery &row) {
             fill(address, {.code = &code_attachment_stale,
                            .limit = junk_or_end(address),
                            .place = Place::responder,
                            .found = shown(row.text(2))});
-        }) == 0;
+        });
+        unreadable(attachments_, responder_path_, &responders_);
     }
     if (handlers_ != nullptr) {
-        complete &= handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
+        handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
             /* Read as numbers before anything makes texts of them. */
             const HandlerKind handler = {row.optional_number(2), row.optional_number(3)};
             Finding finding{.code = &code_handler_stale,
@@ -326,27 +351,26 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
                 finding.command = "sqlite3 " + handlers_path_ +
                                   " \"DELETE FROM handlers WHERE name = 'autoresponder' AND queue IS " +
                                   sql_literal_of(row.text(2)) + " AND type IS " +
-                                  sql_literal_of(row.text(3)) + " AND address = " + sql_literal(address) +
-                                  '"';
+                                  sql_literal_of(row.text(3)) +
+                                  " AND address = " + sql_literal(address, row.text(4) == "blob") + '"';
             fill(address, std::move(finding));
-        }) == 0;
+        });
+        unreadable(handler_rows_, handlers_path_, &handlers_);
     }
-    if (!complete)
-        report_.trouble("the private copies cannot be read to their end");
 }
 
 void StoreJudge::judge_rest_of_headers(const FindingCode *limit)
 {
     if (responders_ == nullptr)
         return;
-    if (headers_.each_left([&](std::string_view name, const SqliteQuery &row) {
-            report_.find({.code = &code_header_stale,
-                          .limit = limit,
-                          .place = Place::responder,
-                          .address = std::string(name),
-                          .found = shown(row.text(2))});
-        }) != 0)
-        report_.trouble("the private copy of the extra headers cannot be read to its end");
+    headers_.each_left([&](std::string_view name, const SqliteQuery &row) {
+        report_.find({.code = &code_header_stale,
+                      .limit = limit,
+                      .place = Place::responder,
+                      .address = std::string(name),
+                      .found = shown(row.text(2))});
+    });
+    unreadable(headers_, responder_path_, &responders_);
 }
 
 } // namespace kolmo

@@ -53,8 +53,6 @@ public:
     void open_responders(const std::string &path, SqliteConnection copy);
     void open_handlers(const std::string &path, SqliteConnection copy);
 
-    [[nodiscard]] bool has_responders() const { return responders_ != nullptr; }
-
     /* The reply with its attachments, and the handler, at one name of the mailbox's domain. */
     void judge(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
 
@@ -78,6 +76,8 @@ private:
     void judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit);
     void judge_header(std::string_view name, std::string_view value, bool loses_texts,
                       const FindingCode *limit);
+
+    bool unreadable(const KeyedTable &table, const std::string &path, SqliteConnection *copy);
 
     const Report &report_;
     std::string responder_path_;

@@ -30,8 +30,8 @@ int give_index(sqlite3 *db, const std::string &table, const std::string &key, co
 
     if (probe.prepare(db, has_index.c_str()) != 0)
         return -1;
-    if (probe.next())
-        return 0;
+    if (probe.next() || probe.failed())
+        return probe.failed() ? -1 : 0;
     probe = {};
 
     const std::string sql =
@@ -59,7 +59,7 @@ int KeyedTable::open(sqlite3 *db, const char *table, const char *key, const char
     all_.ask();
     empty_ = !all_.next();
     all_.ask();
-    return 0;
+    return failed() ? -1 : 0;
 }
 
 void KeyedTable::ask(std::string_view key)
@@ -78,14 +78,13 @@ bool KeyedTable::next()
     return false;
 }
 
-int KeyedTable::each_left(const std::function<void(std::string_view, const SqliteQuery &)> &body)
+void KeyedTable::each_left(const std::function<void(std::string_view, const SqliteQuery &)> &body)
 {
     all_.ask();
     while (all_.next()) {
         if (!kept_.has(all_.number(0)))
             body(all_.text(1).value_or("NULL"), all_);
     }
-    return all_.failed() ? -1 : 0;
 }
 
 } // namespace kolmo

@@ -33,7 +33,9 @@ public:
     /* The next row with exactly this key, in no order. */
     void ask(std::string_view key);
     [[nodiscard]] bool next();
-    [[nodiscard]] bool failed() const { return rows_.failed(); }
+
+    /* Whether next() or each_left() has ended before the rows did. */
+    [[nodiscard]] bool failed() const { return rows_.failed() || all_.failed(); }
 
     /* The columns of the row, counted from 0 behind the key. */
     [[nodiscard]] std::optional<std::string_view> text(int column) const { return rows_.text(column + 2); }
@@ -42,9 +44,8 @@ public:
     void keep() { kept_.add(rows_.number(0)); }
 
     /* Calls body with the key and the row (columns from 2) of each row that was not kept, in the order of
-       the keys.  Returns 0, or -1 when the rows could not be read to their end. */
-    [[nodiscard]] int
-    each_left(const std::function<void(std::string_view key, const SqliteQuery &row)> &body);
+       the keys. */
+    void each_left(const std::function<void(std::string_view key, const SqliteQuery &row)> &body);
 
     [[nodiscard]] bool is_empty() const { return empty_; }
 

@@ -21,11 +21,6 @@ constexpr std::size_t indent = 2;
 constexpr std::size_t detail_indent = indent + code_width;
 constexpr std::size_t command_indent = 4;
 
-struct Style {
-    const char *on;
-    const char *off;
-};
-
 /* 16,000 for 16000. */
 std::string grouped(unsigned long number)
 {
@@ -98,7 +93,7 @@ void TextOutput::begin(const DatabaseSource &source, const std::string &responde
     for (const std::string &origin : source.origins)
         origins += (origins.empty() ? "" : ", ") + origin;
     print_wrapped(stdout, "panel database   ",
-                  fmt::format("{} on {} ({}), as {}", source.name, source.host, source.socket, source.user));
+                  fmt::format("{} on {} ({}), as {}", source.name, source.host, source.door, source.user));
     print_wrapped(stdout, "                 ", origins);
     print_wrapped(stdout, "responder store  ", responder_store);
     print_wrapped(stdout, "handlers store   ", handlers_store);
@@ -182,8 +177,8 @@ void TextOutput::print_help() const
     if (!helps_.empty())
         fmt::print("\nWhat mends it\n");
     for (const auto &[key, codes] : helps_) {
-        fmt::print("  {:<9}", remedy_name(static_cast<Remedy>(key.first)));
-        print_wrapped(stdout, "", key.second);
+        print_wrapped(stdout, fmt::format("  {:<9}", remedy_name(static_cast<Remedy>(key.first))),
+                      key.second);
         for (const std::string &line : wrap(fmt::format("({})", fmt::join(codes, ", ")), width - 11))
             fmt::print("{:11}{}\n", "", line);
     }

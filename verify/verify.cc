@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "handlers_store/handlers_db.h"
 #include "panel/reply_headers.h"
@@ -19,25 +21,20 @@ namespace
 /* A setting longer than this arrives at a rebuild cut. */
 constexpr std::size_t longest_setting = 4095;
 
+/* What the reader of JSON passes over: a byte order mark, and blanks. */
+constexpr char before_json[] = "\xef\xbb\xbf \t\r\n";
+
 using NameIndex = std::vector<std::pair<std::size_t, std::uint32_t>>; /* a name's hash, its domain's place */
 
 /* Leads from every spelling of a name to its domain. */
 NameIndex index_names(const PanelNames &names)
 {
     NameIndex index;
-    const auto add = [&](const std::string &name, std::uint32_t place) {
-        const std::string lower = ascii_lower(name);
-        const std::string ascii = handler_domain(name);
-
-        index.emplace_back(std::hash<std::string>{}(lower), place);
-        if (!ascii.empty() && ascii != lower)
-            index.emplace_back(std::hash<std::string>{}(ascii), place);
-    };
 
     for (std::uint32_t i = 0; i < names.domains.size(); i++)
-        add(names.domains[i].name, i);
-    for (const PanelAlias &alias : names.aliases)
-        add(alias.name, alias.domain);
+        each_spelling(names, names.domains[i], [&](const std::string &name) {
+            index.emplace_back(std::hash<std::string>{}(name), i);
+        });
     std::sort(index.begin(), index.end());
     return index;
 }
@@ -45,11 +42,13 @@ NameIndex index_names(const PanelNames &names)
 const PanelDomain *domain_of_name(const PanelNames &names, const NameIndex &index, std::string_view name)
 {
     const std::size_t hash = std::hash<std::string>{}(ascii_lower(name));
-    const auto found = std::lower_bound(index.begin(), index.end(), std::pair(hash, std::uint32_t{0}));
 
-    if (found == index.end() || found->first != hash || !names.domains[found->second].selected)
-        return nullptr;
-    return &names.domains[found->second];
+    for (auto found = std::lower_bound(index.begin(), index.end(), std::pair(hash, std::uint32_t{0}));
+         found != index.end() && found->first == hash; ++found) {
+        if (names.domains[found->second].selected)
+            return &names.domains[found->second];
+    }
+    return nullptr;
 }
 
 /* One comparison from its beginning to its end. */
@@ -95,10 +94,8 @@ void Verification::open_stores()
         return check_store_file(path, trouble) == 0 ? copy_store(path, wait, trouble) : nullptr;
     };
 
-    if (options_.check_owners) {
-        check_responder_reader(responders, trouble);
-        check_handlers_owner(handlers, trouble);
-    }
+    if (options_.check_owners)
+        check_owners(responders, handlers, trouble);
     judge_.open_responders(responders, copy(responders));
     judge_.open_handlers(handlers, copy(handlers));
 }
@@ -177,9 +174,9 @@ void Verification::judge_setting(const std::string &json)
 
     if (json.size() > longest_setting)
         fault = &code_headers_too_long;
-    if (!json.empty() && read_reply_headers(json.c_str(), &headers, reason, sizeof reason) != 0)
+    else if (!json.empty() && read_reply_headers(json.c_str(), &headers, reason, sizeof reason) != 0)
         fault = &code_headers_not_json;
-    else if (fault == nullptr && !json.empty() && json[json.find_first_not_of(" \t\r\n")] != '{')
+    else if (!json.empty() && json[json.find_first_not_of(before_json)] != '{')
         fault = &code_headers_not_an_object;
     if (fault != nullptr)
         report_.find({.code = fault,
@@ -190,7 +187,7 @@ void Verification::judge_setting(const std::string &json)
     const FindingCode *const end = limits_.before_headers();
     const FindingCode *const limit = end != nullptr ? end : fault;
 
-    if (fault == &code_headers_not_json || fault == &code_headers_not_an_object)
+    if (fault != nullptr)
         headers = {};
 
     const auto is_beyond = [](const char *text) {
@@ -214,10 +211,12 @@ void Verification::run()
         report_.trouble(std::string("the panel database gives no snapshot: ") + mysql_error(panel_));
         return;
     }
+
+    const std::unique_ptr<MYSQL, decltype(&end_panel_snapshot)> snapshot(panel_, end_panel_snapshot);
+
     note_engines();
     if (read_panel() != 0)
         report_.trouble(std::string("the panel database cannot be read: ") + mysql_error(panel_));
-    end_panel_snapshot(panel_);
 }
 
 } // namespace
@@ -228,7 +227,11 @@ int verify_stores(MYSQL *panel, const VerifyOptions &options, const VerifySink &
 
     const Report report(sink, summary);
 
-    Verification(panel, options, report).run();
+    try {
+        Verification(panel, options, report).run();
+    } catch (const std::bad_alloc &) {
+        report.trouble("there is no memory left");
+    }
     if (summary->troubles > 0)
         return 2;
     return summary->findings() > 0 ? 1 : 0;

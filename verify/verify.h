@@ -55,7 +55,9 @@ struct VerifySummary {
  * Returns 0 when all is as the panel says, 1 when there are findings, 2 when there was trouble: a store that
  * is missing, damaged, locked, in WAL mode, or of another owner, a table of the panel that cannot be read, a
  * domain of the options that the panel does not have.  What a store that cannot be trusted holds is not
- * judged; everything else is.  Reports through the sink only; no exception leaves it but the sink's own.
+ * judged; everything else is.  Reports through the sink only.  Memory that runs out is trouble, too, but
+ * where libidn needs it: that ends the process with status 1.  No other exception leaves it but the sink's
+ * own.
  */
 [[nodiscard]] int verify_stores(MYSQL *panel, const VerifyOptions &options, const VerifySink &sink,
                                 VerifySummary *summary);

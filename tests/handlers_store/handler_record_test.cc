@@ -12,6 +12,23 @@
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/log_capture.h"
 
+namespace
+{
+
+/* What is freed while it is set. */
+std::vector<const void *> *freed;
+
+} // namespace
+
+extern "C" void __real_free(void *memory);
+
+extern "C" void __wrap_free(void *memory)
+{
+    if (freed != nullptr && memory != nullptr)
+        freed->push_back(memory);
+    __real_free(memory);
+}
+
 namespace kolmo::testing
 {
 
@@ -252,6 +269,31 @@ TEST_F(HandlerListTest, FreeLeavesTheHeadAsItWasAndAnInitMakesTheListUsableAgain
     (void)handler_list_init(&list);
     EXPECT_EQ(handler_list_append(&list, &record), 0);
     EXPECT_EQ(texts_of(list).size(), 1U);
+}
+
+/* Of each record address, executable, context and name, then itself, then its node, from the head. */
+TEST_F(HandlerListTest, FreeGoesInThisOrder)
+{
+    const HandlerRecord record = full_record();
+    std::vector<const void *> expected;
+
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(handler_list_append(&list, &record), 0);
+    for (const HandlerNode *node = list.head; node != nullptr; node = node->next) {
+        const HandlerRecord *const kept = node->record;
+
+        expected.insert(expected.end(),
+                        {kept->address, kept->executable, kept->context, kept->name, kept, node});
+    }
+
+    std::vector<const void *> order;
+
+    order.reserve(expected.size());
+    freed = &order;
+    handler_list_free(&list);
+    freed = nullptr;
+    EXPECT_EQ(order, expected);
+    (void)handler_list_init(&list);
 }
 
 TEST_F(HandlerListTest, FreeingAnEmptyOrNullListDoesNothing)

@@ -470,35 +470,18 @@ TEST_F(ConfParseStream, TheStoreComesOutSorted)
     EXPECT_STREQ(store->entries[2].name, "C");
 }
 
-TEST_F(ConfParseStream, AReadErrorIsLoggedAndKeepsWhatWasRead)
+TEST_F(ConfParseStream, AReadErrorIsLoggedOnceClosedAndKeepsWhatWasRead)
 {
     BrokenStream broken{.text = "B 1\nA 2\n"};
 
+    log.on_line = [&] {
+        EXPECT_TRUE(broken.is_closed) << "logged too early";
+    };
     EXPECT_EQ(conf_parse_stream(broken.open(), store.get()), -1);
     EXPECT_EQ(errno, EIO);
-    EXPECT_TRUE(broken.is_closed);
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Input/output error");
     EXPECT_TRUE(store->sorted);
     EXPECT_STREQ(conf_store_find(store.get(), "A"), "2");
-}
-
-const BrokenStream *watched;
-bool was_closed_when_logged;
-
-[[gnu::format(printf, 2, 3)]] void note_closing(int, const char *, ...)
-{
-    was_closed_when_logged = watched->is_closed;
-}
-
-TEST_F(ConfParseStream, TheStreamIsClosedBeforeAReadErrorIsLogged)
-{
-    BrokenStream broken{.text = "A 1\n"};
-
-    watched = &broken;
-    was_closed_when_logged = false;
-    log_message = note_closing; /* `log` puts back what was before */
-    EXPECT_EQ(conf_parse_stream(broken.open(), store.get()), -1);
-    EXPECT_TRUE(was_closed_when_logged);
 }
 
 TEST_F(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)

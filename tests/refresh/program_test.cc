@@ -308,6 +308,18 @@ protected:
     }
 };
 
+TEST_F(ProgramTest, OutputThatIsLostIsTrouble)
+{
+    ProgramOptions options;
+
+    options.argv = {"sh", "-c", "exec " KOLMO_REFRESH_PROGRAM " --help >/dev/full"};
+
+    const ProgramResult result = Program("/bin/sh", options).finish();
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "mail_responders_refresh: standard output cannot be written\n");
+}
+
 TEST_F(ProgramTest, EachSituationComesToWhatItShould)
 {
     for (const Situation &situation : situations) {

@@ -90,6 +90,9 @@ TEST_F(StoreOpTest, FailureIsReportedBeforeItIsFinalizedAndThatBeforeItIsClosed)
     const std::array row = {bind_int(1, "Unable to bind first: %s"),
                             bind_int(2, "Unable to bind second: %s")};
 
+    log.on_line = [&] {
+        EXPECT_EQ(faults.calls().back(), "bind 2 2") << "logged too late";
+    };
     EXPECT_TRUE(op.run(Sql<2>::made("SELECT ?"), row)) << "nothing was refused";
     EXPECT_EQ(log.take_one(), "3 Unable to bind second: column index out of range");
     EXPECT_EQ(op.ending(), Ending::failed);
@@ -332,6 +335,12 @@ TEST_F(WithStore, BodyIsNotRunWithoutAConnection)
     faults.fail_call(1);
     EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write, body), Ending::failed);
     EXPECT_EQ(log.take_one(), "3 Unable to open database " + store.path() + ": not an error");
+
+    faults.fail_call(1);
+    faults.be_busy(SqliteCall::close, 2);
+    faults.fail_pause(1);
+    EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write, body), Ending::abandoned);
+    EXPECT_FALSE(log.take_one().empty());
 
     connection.abandon();
     EXPECT_EQ(with_store(&connection, store.path().c_str(), OpenMode::read_write, body), Ending::abandoned);

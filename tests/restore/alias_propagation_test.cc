@@ -253,6 +253,21 @@ TEST_F(RestoreAliasResponders, AliasesBeforeTheFailingOneAreKept)
     EXPECT_EQ(keys(), (Lines{"info@a.alias", "info@one.example"}));
 }
 
+TEST_F(RestoreAliasResponders, FailedHandlersLeaveTheRepliesAloneAndEndIt)
+{
+    const std::string path = handlers.folder().path("missing/handlers.db");
+
+    panel.add_alias(1, "a.alias");
+    panel.add_alias(1, "b.alias");
+    handlers_db_set_path(path.c_str());
+    EXPECT_EQ(restore_alias_responders("1", "one.example"), 1);
+    handlers_db_set_path(handlers.path().c_str());
+    EXPECT_EQ(log.take(), (Lines{"3 Unable to open database " + path + ": unable to open database file",
+                                 "3 Unable to set mail handlers for domain alias a.alias"}));
+    EXPECT_EQ(keys(), Lines{"info@one.example"});
+    EXPECT_TRUE(responder_db.is_open());
+}
+
 TEST_F(RestoreAliasResponders, ResultThatCannotBeFetchedIsReported)
 {
     panel.add_alias(1, "a.alias");

@@ -276,6 +276,39 @@ TEST_F(LoadDomainResponders, LongerQueryIsSentAsCutAndTheServersComplaintReporte
     EXPECT_EQ(store.rows(), Lines{});
 }
 
+TEST_F(LoadDomainResponders, RowsAreFreedBeforeTheFilesAreAskedFor)
+{
+    PanelWatch watch;
+    std::vector<std::size_t> queries_before;
+
+    add_mailbox("info");
+    watch.queries.clear();
+    watch.on_free = [&] {
+        queries_before.push_back(watch.queries.size());
+    };
+    EXPECT_EQ(load("info", "1"), 0);
+    EXPECT_EQ(queries_before, (std::vector<std::size_t>{1, 2}));
+}
+
+/* The row that could not be copied, and the one that had no place in the list. */
+TEST_F(LoadDomainResponders, RowsAreFreedBeforeMissingMemoryIsLogged)
+{
+    add_mailbox("info");
+    for (const int nth : {1, 13}) {
+        PanelWatch watch;
+        bool freed = false;
+
+        watch.on_free = [&] {
+            freed = true;
+        };
+        log.on_line = [&] {
+            EXPECT_TRUE(freed) << nth;
+        };
+        EXPECT_EQ(without_memory(nth, [&] { return load("info", "1"); }), -1);
+        EXPECT_FALSE(log.take_one().empty());
+    }
+}
+
 /* One after the other: the first copies of the row, its place in the list, both splits, the attachments. */
 TEST_F(LoadDomainResponders, EachAllocationThatFailsIsReported)
 {
@@ -431,6 +464,16 @@ TEST_F(RestoreResponderAttachments, NoMemoryForTheGrowthIsReportedAndNothingWrit
     EXPECT_EQ(restore_without_memory(129), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to reallocate memory for responder attachments");
     EXPECT_EQ(store.rows(), Lines{});
+}
+
+/* 511 names and three arrays of them; what comes next is the mailname's. */
+TEST_F(RestoreResponderAttachments, RoomDoubles)
+{
+    add_files(511);
+
+    EXPECT_EQ(restore_without_memory(514), -1);
+    EXPECT_EQ(log.take_one(), "3 Unable to reallocate memory for responder attachments");
+    EXPECT_EXIT((void)restore_without_memory(515), ::testing::ExitedWithCode(1), "^Cannot allocate memory: ");
 }
 
 TEST_F(RestoreResponderAttachments, NoMemoryForANameIsReportedAndNothingWritten)

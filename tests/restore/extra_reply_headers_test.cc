@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -171,6 +172,18 @@ TEST_F(StoreExtraHeaders, FailingWriterReportsForItself)
     EXPECT_EQ(log.take_one(),
               "3 Unable to prepare SQL statement for query 'REPLACE INTO extra_headers VALUES (?, ? "
               " );': no such table: extra_headers");
+}
+
+/* Only the reading is guarded. */
+TEST_F(StoreExtraHeaders, TroubleOfTheWriterIsNotTakenForABrokenSetting)
+{
+    store.execute("DROP TABLE extra_headers");
+    log.on_line = [] {
+        throw std::runtime_error("no log");
+    };
+
+    EXPECT_THROW((void)store_extra_headers(&connection, R"({"A":"1"})"), std::runtime_error);
+    EXPECT_EQ(log.take_one().find(cannot_parse), std::string::npos);
 }
 
 struct BrokenSetting {

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "restore/run_handles.h"
+#include "tests/restore/panel_watch.h"
 #include "tests/run/panel_world.h"
 #include "tests/support/fake_syslog.h"
 #include "tests/support/log_capture.h"
@@ -25,6 +26,16 @@ namespace
 {
 
 using Lines = std::vector<std::string>;
+
+Lines disconnected; /* every mysql_close: "open" or "null" */
+
+extern "C" void __real_mysql_close(MYSQL *connection);
+
+extern "C" void __wrap_mysql_close(MYSQL *connection)
+{
+    disconnected.emplace_back(connection != nullptr ? "open" : "null");
+    __real_mysql_close(connection);
+}
 
 /* A panel without domains, so that the run's own calls are the only ones. */
 class RebuildResponders : public ::testing::Test
@@ -77,6 +88,40 @@ TEST_F(RebuildResponders, EveryEndingClosesTheStoreOnceAndForgetsBothConnections
         EXPECT_EQ(panel_db, nullptr);
     }
     panel.reset();
+}
+
+/* The refused connection, and the run's, of which there is none. */
+TEST_F(RebuildResponders, PanelIsTakenLeaveOfEvenWithoutAConnection)
+{
+    panel.execute("DROP DATABASE qsx");
+    disconnected.clear();
+
+    EXPECT_EQ(run().first, -1);
+    EXPECT_EQ(disconnected, (Lines{"open", "null"}));
+    panel.reset();
+}
+
+TEST_F(RebuildResponders, RowsOfTheDomainsAreFreedBeforeTheSettingIsAskedFor)
+{
+    PanelWatch watch;
+    std::vector<std::size_t> queries_before;
+
+    watch.on_free = [&] {
+        queries_before.push_back(watch.queries.size());
+    };
+    EXPECT_EQ(run().first, 0);
+    EXPECT_EQ(queries_before, (std::vector<std::size_t>{1, 2}));
+}
+
+TEST_F(RebuildResponders, OpenFailureWhoseClosingFailsEndsTheRunToo)
+{
+    SqliteFaults sqlite;
+    sqlite.fail_call(SqliteCall::open, 1);
+    sqlite.be_busy(SqliteCall::close, 2);
+    sqlite.fail_pause(1);
+
+    EXPECT_EQ(run(), std::pair(-1, Lines{"3 Unable to open database " + responder_store + ": not an error"}));
+    EXPECT_EQ(sqlite.calls(), (Lines{"open " + responder_store, "close", "close", "pause 10000"}));
 }
 
 TEST_F(RebuildResponders, StoreThatAFailingOperationHasClosedIsNotClosedAgain)

@@ -13,6 +13,7 @@ namespace
 {
 
 std::vector<std::string> lines;
+const LogCapture *current;
 
 [[gnu::format(printf, 2, 0)]] void capture_list(int priority, const char *format, std::va_list arguments)
 {
@@ -20,6 +21,8 @@ std::vector<std::string> lines;
 
     (void)std::vsnprintf(text, sizeof text, format, arguments);
     lines.push_back(std::to_string(priority) + ' ' + text);
+    if (current->on_line)
+        current->on_line();
 }
 
 [[gnu::format(printf, 2, 3)]] void capture(int priority, const char *format, ...)
@@ -36,6 +39,7 @@ std::vector<std::string> lines;
 LogCapture::LogCapture() : saved_message_(log_message), saved_list_message_(log_vmessage)
 {
     lines.clear();
+    current = this;
     log_message = capture;
     log_vmessage = capture_list;
 }

@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,9 @@ public:
 
     /* The same, expected to be exactly one line (none or several fail the test): that line. */
     std::string take_one();
+
+    /* Called at each line: what has been done before it is logged? */
+    std::function<void()> on_line;
 
 private:
     LogSink saved_message_;

@@ -1,12 +1,16 @@
 /* One thing is changed in a store that is right: exactly that is found. */
 #include <filesystem>
+#include <new>
 #include <string>
 
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "panel/panel_db.h"
 #include "tests/support/temp_dir.h"
 #include "tests/verify/verify_world.h"
 
@@ -266,8 +270,98 @@ TEST_F(ChangeTest, WithDomainsGivenOnlyTheseAreLookedAt)
     EXPECT_EQ(seen.status, 2);
     EXPECT_EQ(seen.troubles, Lines{"the panel has no domain b.test with mail service"});
     EXPECT_EQ(seen.findings, Lines{});
+
+    /* A name of two domains belongs to either. */
+    panel->execute(sql_domain(3, "c.test") + sql_alias(1, "c.test"));
+    change_store(responder_store, "INSERT INTO autoresponder (mn) VALUES ('stale@c.test')");
+    options.domains = {"c.test"};
+    EXPECT_EQ(look(options).findings, Lines{"reply-stale rebuild stale@c.test"});
+}
+
+TEST_F(ChangeTest, TheCommandOfAStaleHandlerDeletesExactlyIt)
+{
+    const std::vector<std::string> before = handler_rows();
+
+    for (const std::string key : {"2, 1, 'x@gone.test'", "2, 1, x'784067'", "3, 1, 'info@a.test'",
+                                  "'two', 1, 'it''s \"$(x)@a.test'"}) {
+        const std::size_t address = key.rfind(", ") + 2;
+
+        change_store(handlers_store, "INSERT INTO handlers VALUES (" + key.substr(0, address) +
+                                         "1, 90, 'autoresponder', " + key.substr(address) +
+                                         ", '/x', 'c', 0)");
+
+        const Look seen = look();
+
+        ASSERT_EQ(seen.commands.size(), 1u) << key;
+        run_shell(seen.commands[0]);
+        EXPECT_EQ(handler_rows(), before) << seen.commands[0];
+    }
+}
+
+/* Steps of SQLite left until one fails. */
+int steps_to_failure = 0;
+
+TEST_F(ChangeTest, NoStepOfSqliteThatFailsBecomesAFinding)
+{
+    int failures = 0;
+
+    while (true) {
+        steps_to_failure = failures + 1;
+
+        const Look seen = look();
+
+        EXPECT_EQ(seen.findings, Lines{}) << "step " << failures + 1;
+        if (steps_to_failure > 0)
+            break;
+        failures++;
+        EXPECT_EQ(seen.status, 2) << "step " << failures;
+        EXPECT_EQ(seen.troubles.size(), 1u) << "step " << failures << ::testing::PrintToString(seen.troubles);
+    }
+    steps_to_failure = 0;
+    EXPECT_GT(failures, 20);
+}
+
+/* A consumer that runs out of memory in the middle of the look. */
+TEST_F(ChangeTest, MemoryThatRunsOutIsTroubleAndEndsTheTransaction)
+{
+    char reason[4097] = "";
+    const PanelConnection connection(panel_db_connect_ex(reason, sizeof reason));
+    VerifySink sink;
+    VerifySummary summary;
+
+    sink.progress = [](unsigned long, unsigned long) {
+        throw std::bad_alloc();
+    };
+    ASSERT_NE(connection, nullptr) << reason;
+    EXPECT_EQ(verify_stores(connection.get(), {}, sink, &summary), 2);
+    EXPECT_EQ(summary.troubles, 1u);
+
+    const PanelResult result(panel_select(connection.get(), "SELECT @@in_transaction", 23));
+
+    ASSERT_NE(result, nullptr);
+    EXPECT_STREQ(mysql_fetch_row(result.get())[0], "0");
+}
+
+TEST_F(ChangeTest, MissingGroupOfTheMailServerIsToldOnce)
+{
+    const TempDir folder;
+
+    ASSERT_EQ(::mount(folder.write("group", "root:x:0:\n").c_str(), "/etc/group", nullptr, MS_BIND, nullptr),
+              0);
+
+    const Look seen = look();
+
+    EXPECT_EQ(::umount2("/etc/group", MNT_DETACH), 0);
+    EXPECT_EQ(seen.troubles, Lines{"there is no group popuser, by which the mail server reads the stores"});
 }
 
 } // namespace
+
+extern "C" int __real_sqlite3_step(sqlite3_stmt *statement);
+
+extern "C" int __wrap_sqlite3_step(sqlite3_stmt *statement)
+{
+    return steps_to_failure > 0 && --steps_to_failure == 0 ? SQLITE_IOERR : __real_sqlite3_step(statement);
+}
 
 } // namespace kolmo

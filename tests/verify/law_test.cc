@@ -1,7 +1,8 @@
 /*
  * After a rebuild that ended with 0 and in silence, of a panel that meets no limit, there is nothing to find.
  *
- * KOLMO_VERIFY_PANELS: how many random panels; 500 without it.  KOLMO_VERIFY_SEED: the first one's seed.
+ * KOLMO_VERIFY_PANELS: how many random panels; 250 without it.  KOLMO_VERIFY_SEED: the first one's seed; without it
+ * the suites of both compilers take other panels.
  */
 #include <cstdlib>
 #include <random>
@@ -148,6 +149,12 @@ std::string RandomPanel::sql()
     return rows;
 }
 
+#ifdef __clang__
+constexpr int first_seed = 1;
+#else
+constexpr int first_seed = 251;
+#endif
+
 int number_from_environment(const char *name, int fallback)
 {
     const char *const text = std::getenv(name);
@@ -161,8 +168,8 @@ class LawTest : public VerifyTest
 
 TEST_F(LawTest, ASilentRebuildLeavesNothingToFind)
 {
-    const int count = number_from_environment("KOLMO_VERIFY_PANELS", 500);
-    const int first = number_from_environment("KOLMO_VERIFY_SEED", 1);
+    const int count = number_from_environment("KOLMO_VERIFY_PANELS", 250);
+    const int first = number_from_environment("KOLMO_VERIFY_SEED", first_seed);
     unsigned long mailboxes = 0;
     const std::string no_handlers = "DELETE FROM handlers WHERE name = 'autoresponder'";
 

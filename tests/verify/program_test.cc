@@ -5,19 +5,24 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pty.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "exec/closefrom.h"
+#include "tests/support/environment.h"
 #include "tests/support/killed_writer.h"
 #include "tests/support/other_process_lock.h"
 #include "tests/support/program_run.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/temp_dir.h"
 #include "tests/verify/verify_world.h"
 
 namespace kolmo
@@ -28,11 +33,12 @@ namespace
 
 using namespace testing;
 
-ProgramResult run(std::vector<std::string> arguments = {})
+ProgramResult run(std::vector<std::string> arguments = {}, const std::vector<int> &closed = {})
 {
     ProgramOptions options;
 
     options.argv = std::move(arguments);
+    options.closed = closed;
     options.argv.insert(options.argv.begin(), "mail_responders_verify");
     return Program(KOLMO_VERIFY_PROGRAM, options).finish();
 }
@@ -60,6 +66,7 @@ protected:
 
         EXPECT_EQ(text.status, 2);
         EXPECT_NE(unwrapped(text.err).find(words), std::string::npos) << text.err << text.out;
+        EXPECT_NE(text.out.find(" not to be trusted"), std::string::npos) << text.out;
 
         std::vector<std::string> with_json = arguments;
 
@@ -80,6 +87,31 @@ TEST_F(ProgramTest, StatusSaysWhetherAllIsAsThePanelSays)
     EXPECT_EQ(run().status, 1);
 }
 
+/* A note and a finding that no buffer holds go out while the database's connection is needed: there would be
+   trouble if they went into it. */
+TEST_F(ProgramTest, WithoutStandardStreamsNothingGoesIntoTheDatabase)
+{
+    panel->execute("ALTER TABLE mail ENGINE = Aria; UPDATE mail_resp SET text = REPEAT('x', 100000)");
+    EXPECT_EQ(run({"--json"}, {1}).status, 1);
+    EXPECT_EQ(run({}, {2}).status, 1);
+    EXPECT_EQ(run({}, {0, 1, 2}).status, 1);
+}
+
+TEST_F(ProgramTest, OutputThatIsLostIsTrouble)
+{
+    for (const std::string arguments : {"", "--json", "--help"}) {
+        ProgramOptions options;
+
+        options.argv = {"sh", "-c", "exec " KOLMO_VERIFY_PROGRAM " " + arguments + " >/dev/full"};
+        change_store(responder_store, "DELETE FROM autoresponder");
+
+        const ProgramResult result = Program("/bin/sh", options).finish();
+
+        EXPECT_EQ(result.status, 2) << arguments;
+        EXPECT_EQ(result.err, "mail_responders_verify: standard output cannot be written\n") << arguments;
+    }
+}
+
 TEST_F(ProgramTest, WhatItDoesNotUnderstandIsUsageOnStandardError)
 {
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{"--nonsense"},
@@ -88,6 +120,7 @@ TEST_F(ProgramTest, WhatItDoesNotUnderstandIsUsageOnStandardError)
                                                       {"--wait", "soon"},
                                                       {"--wait", "-1"},
                                                       {"--color", "red"},
+                                                      {"--color", "1"},
                                                       {"--domain", "a.test", "b.test"}}) {
         const ProgramResult result = run(arguments);
 
@@ -128,6 +161,15 @@ TEST_F(ProgramTest, FirstIsSaidWhichDatabaseWasAskedAndWhoSaidSo)
         std::string::npos);
     EXPECT_NE(unwrapped(result.out).find("socket from /etc/qsx/qsx.conf"), std::string::npos);
     EXPECT_EQ(result.out.find(sandbox_variable("KOLMO_SANDBOX_PASSWORD")), std::string::npos);
+
+    /* A socket serves the local host only. */
+    write_file(dsn_path, "[kolmo]\nhost = 127.0.0.1\nport = 1\n");
+
+    const std::string remote = unwrapped(run().out);
+
+    EXPECT_NE(remote.find("qsx on 127.0.0.1 (port 1), as admin"), std::string::npos) << remote;
+    EXPECT_NE(remote.find("port from /etc/qsx/private/dsn.ini\n"), std::string::npos) << remote;
+    EXPECT_EQ(remote.find("sock"), std::string::npos) << remote;
 }
 
 TEST_F(ProgramTest, PanelThatCannotBeAskedIsTrouble)
@@ -222,6 +264,28 @@ TEST_F(ProgramTest, StoreThatCannotBeTrustedIsTroubleAndIsNotJudged)
             EXPECT_EQ(look().findings, Lines{}) << row.words;
         }
     }
+}
+
+/* The store is not to blame, and neither is it where only the index of its copy has no room. */
+TEST_F(ProgramTest, FullFolderForTemporaryFilesIsTroubleOfItsOwn)
+{
+    const TempDir folder;
+    const EnvironmentVariable temporary("TMPDIR", folder.path().c_str());
+    const std::string words =
+        "mail_responders_verify: no private copy can be made in the folder for temporary "
+        "files (TMPDIR): no space";
+
+    ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=6m"), 0);
+    change_store(handlers_store, "CREATE TABLE filler AS SELECT zeroblob(9000000)");
+    expect_trouble(words);
+    change_store(handlers_store, "DROP TABLE filler; VACUUM");
+    change_store(
+        responder_store,
+        "CREATE TABLE plain AS SELECT * FROM autoresponder; DROP TABLE autoresponder; ALTER TABLE plain "
+        "RENAME TO autoresponder; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT "
+        "4500) INSERT INTO autoresponder (mn) SELECT printf('%01000d', i) FROM n");
+    expect_trouble(words);
+    EXPECT_EQ(::umount2(folder.path().c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(ProgramTest, LockedStoreIsTroubleAtTheEndOfTheWait)
@@ -355,52 +419,150 @@ TEST_F(ProgramTest, NothingIsWritten)
     panel->execute("DROP USER 'reader'@'localhost'");
 }
 
-TEST_F(ProgramTest, InterruptedItEndsByTheSignalAndLeavesNothing)
+/* The program on a terminal of its own. */
+class Terminal
 {
-    StoreLock lock(StoreLock::Kind::exclusive);
-    ProgramOptions options;
+public:
+    explicit Terminal(std::vector<std::string> arguments)
+    {
+        const winsize size = {50, 100, 0, 0};
+        std::vector<char *> argv = {const_cast<char *>("mail_responders_verify")};
 
-    options.argv = {"mail_responders_verify", "--progress"};
-    Program program(KOLMO_VERIFY_PROGRAM, options);
+        for (std::string &text : arguments)
+            argv.push_back(text.data());
+        argv.push_back(nullptr);
+        pid_ = ::forkpty(&terminal_, nullptr, nullptr, &size);
+        if (pid_ == 0) {
+            kolmo::closefrom(STDERR_FILENO + 1);
+            (void)::execv(KOLMO_VERIFY_PROGRAM, argv.data());
+            ::_exit(127);
+        }
+    }
+    ~Terminal()
+    {
+        (void)::close(terminal_);
+        if (ended_)
+            return;
+        (void)::kill(pid_, SIGKILL);
+        (void)::waitpid(pid_, nullptr, 0);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
 
-    /* It waits for the lock; whether it has got there or not, the signal ends it. */
-    EXPECT_TRUE(program.is_running());
-    EXPECT_EQ(::kill(program.pid(), SIGINT), 0);
+    [[nodiscard]] pid_t pid() const { return pid_; }
 
-    const ProgramResult result = program.finish();
+    /* Whether the program, not what was forked to become it, has a file open whose name begins so. */
+    [[nodiscard]] bool has_open(const std::string &path) const
+    {
+        const std::string process = "/proc/" + std::to_string(pid_);
+        std::error_code error;
 
-    EXPECT_EQ(result.status, 1000 + SIGINT);
-    EXPECT_EQ(result.err, "");
-    for (const auto &entry : std::filesystem::directory_iterator(sandbox_variable("TMPDIR")))
-        ADD_FAILURE() << entry.path() << " is left";
+        if (std::filesystem::read_symlink(process + "/exe", error) != KOLMO_VERIFY_PROGRAM)
+            return false;
+        for (const auto &file : std::filesystem::directory_iterator(process + "/fd", error)) {
+            if (std::filesystem::read_symlink(file, error).string().starts_with(path))
+                return true;
+        }
+        return false;
+    }
+
+    /* What it writes until these words come, its end, or silence for half a minute. */
+    std::string read_until(const std::string &words)
+    {
+        pollfd ready = {terminal_, POLLIN, 0};
+        std::string output;
+        char byte;
+
+        while (!output.ends_with(words) && ::poll(&ready, 1, 30000) == 1 && ::read(terminal_, &byte, 1) == 1)
+            output += byte;
+        return output;
+    }
+
+    /* The rest, and how it ended. */
+    std::string finish(int *status = nullptr)
+    {
+        std::string output;
+        char chunk[4096];
+        ssize_t length;
+
+        while ((length = ::read(terminal_, chunk, sizeof chunk)) > 0)
+            output.append(chunk, static_cast<std::size_t>(length));
+        ended_ = ::waitpid(pid_, status, 0) == pid_;
+        return output;
+    }
+
+private:
+    int terminal_ = -1;
+    pid_t pid_ = -1;
+    bool ended_ = false;
+};
+
+constexpr char progress_line[] = "\r1 of 1 mailboxes, about 0 s left\x1b[K";
+constexpr char wiped_line[] = "\r\x1b[K";
+
+/* A look that has lasted so long already that a line is due at its first mailbox. */
+class ProgressTest : public ProgramTest
+{
+protected:
+    std::unique_ptr<Terminal> start(const std::vector<std::string> &arguments)
+    {
+        StoreLock lock(StoreLock::Kind::exclusive);
+        auto terminal = std::make_unique<Terminal>(arguments);
+        bool has_begun = false;
+
+        for (int tries = 0; tries < 6000 && !has_begun; tries++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            has_begun = terminal->has_open(responder_store);
+        }
+        EXPECT_TRUE(has_begun);
+        std::this_thread::sleep_for(std::chrono::milliseconds(110));
+        return terminal;
+    }
+};
+
+TEST_F(ProgressTest, LineIsShownOnATerminalAndIsGoneBeforeAnythingElseIsSaid)
+{
+    struct Row {
+        std::vector<std::string> arguments;
+        bool shown;
+    };
+    const Row rows[] = {
+        {{"--json"}, true},
+        {{"-q", "--json"}, false},
+        {{"-q", "--json", "--progress"}, true},
+        {{"--json", "--no-progress"}, false},
+    };
+
+    change_store(responder_store, "UPDATE autoresponder SET subject = 'x'");
+    for (const Row &row : rows) {
+        const std::string output = start(row.arguments)->finish();
+        const std::string line = row.shown ? std::string(progress_line) + wiped_line : "";
+        const std::size_t finding = output.find("{\"code\"");
+
+        ASSERT_NE(finding, std::string::npos) << output;
+        EXPECT_TRUE(output.substr(0, finding).ends_with(line)) << output;
+        EXPECT_EQ(output.find("mailboxes,") != std::string::npos, row.shown) << output;
+    }
 }
 
-/* What the program writes to a terminal of its own, which has as many columns. */
-std::string on_a_terminal(const std::vector<std::string> &arguments, unsigned short columns)
+/* The last table that is read is locked: the look stands still with its line and its copies. */
+TEST_F(ProgressTest, InterruptedItEndsByTheSignalAndLeavesNothing)
 {
-    const winsize size = {50, columns, 0, 0};
-    std::vector<std::string> texts = arguments;
-    std::vector<char *> argv = {const_cast<char *>("mail_responders_verify")};
-    std::string output;
-    int terminal = -1;
-    char chunk[4096];
-    ssize_t length;
+    const std::string folder = sandbox_variable("TMPDIR");
+    int status = 0;
 
-    for (std::string &text : texts)
-        argv.push_back(text.data());
-    argv.push_back(nullptr);
+    change_store(responder_store, "CREATE TABLE filler AS SELECT zeroblob(3000000)"); /* more than a cache */
+    panel->execute("LOCK TABLES ServiceNodeConfiguration WRITE");
 
-    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, &size);
+    const std::unique_ptr<Terminal> terminal = start({});
 
-    if (child == 0) {
-        (void)::execv(KOLMO_VERIFY_PROGRAM, argv.data());
-        ::_exit(127);
-    }
-    while ((length = ::read(terminal, chunk, sizeof chunk)) > 0)
-        output.append(chunk, static_cast<std::size_t>(length));
-    (void)::close(terminal);
-    (void)::waitpid(child, nullptr, 0);
-    return output;
+    EXPECT_TRUE(terminal->read_until(progress_line).ends_with(progress_line));
+    EXPECT_TRUE(terminal->has_open(folder));
+    EXPECT_EQ(::kill(terminal->pid(), SIGINT), 0);
+    EXPECT_EQ(terminal->finish(&status), wiped_line);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+    EXPECT_EQ(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+    panel->execute("UNLOCK TABLES");
 }
 
 /* What is never the same: the time, and a progress line that may or may not have been due. */
@@ -441,14 +603,16 @@ protected:
     }
 };
 
-TEST_F(GoldenTest, TextOnATerminalIsColouredAndAtMostAHundredColumnsWide)
+TEST_F(GoldenTest, TextOnATerminalIsColouredUnlessRefusedAndAtMostAHundredColumnsWide)
 {
-    expect_golden("text.txt", without_time(on_a_terminal({}, 100)));
+    expect_golden("text.txt", without_time(Terminal({}).finish()));
+    expect_golden("plain.txt", without_time(Terminal({"--color", "never"}).finish()));
 }
 
-TEST_F(GoldenTest, TextElsewhereHasNoColours)
+TEST_F(GoldenTest, TextElsewhereHasNoColoursUnlessAskedFor)
 {
     expect_golden("plain.txt", run().out);
+    expect_golden("text.txt", run({"--color", "always"}).out);
 }
 
 TEST_F(GoldenTest, JsonIsAnObjectALine)

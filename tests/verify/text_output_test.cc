@@ -1,0 +1,49 @@
+/* What people read. */
+#include <algorithm>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/output_capture.h"
+#include "verify/output.h"
+#include "verify/printable.h"
+#include "verify/report.h"
+
+namespace kolmo
+{
+
+namespace
+{
+
+TEST(TextOutput, NoCodesHelpIsWiderThanAHundredColumns)
+{
+    const testing::Output printed = testing::output_of([] {
+        const std::unique_ptr<Output> output = make_text_output("verify", false, false);
+        const VerifySink sink = {
+            .finding = [&](const Finding &finding) { output->finding(finding); },
+            .trouble = {},
+            .note = {},
+            .progress = {},
+        };
+        VerifySummary summary;
+        const Report report(sink, &summary);
+
+        for (const FindingCode *const code : finding_codes())
+            report.find({.code = code, .domain = "a.test", .address = "info@a.test"});
+        output->end(summary, 0);
+    });
+    std::istringstream lines(printed.out);
+    std::string line;
+    std::size_t helps = 0;
+
+    while (std::getline(lines, line)) {
+        EXPECT_LE(columns_of(line), 100u) << line;
+        helps += line.starts_with("  rebuild  ") || line.starts_with("  panel    ") ||
+                 line.starts_with("  manual   ");
+    }
+    EXPECT_GT(helps, 20u) << printed.out;
+}
+
+} // namespace
+
+} // namespace kolmo
