@@ -1,6 +1,6 @@
-# What is installed: the program, its manual page, and the libraries that it shares with the panel's other
-# programs, with a pkg-config file and a CMake package that lead to them.  The first two are the component
-# "program", the rest is "development".
+# What is installed: the programs with their manual pages and what completes their options in a shell, and the
+# libraries that they share with the panel's other programs, with pkg-config files and a CMake package that lead to
+# them.  The former are the component "program", the rest is "development".
 include(CMakePackageConfigHelpers)
 
 set(kolmo_rings kolmo_common kolmo_exec kolmo_panel kolmo_store_kit kolmo_responder_store kolmo_handlers_store)
@@ -8,12 +8,13 @@ set(kolmo_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/kolmo)
 set(kolmo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kolmo)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
-install(TARGETS mail_responders_rebuild mail_responders_refresh mail_responders_verify RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
-  COMPONENT program)
-install(FILES ${PROJECT_SOURCE_DIR}/man/mail_responders_rebuild.8 ${PROJECT_SOURCE_DIR}/man/mail_responders_refresh.8
-  ${PROJECT_SOURCE_DIR}/man/mail_responders_verify.8
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man8
-  COMPONENT program)
+set(kolmo_programs mail_responders_rebuild mail_responders_refresh mail_responders_verify)
+foreach(program IN LISTS kolmo_programs)
+  install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/man/${program}.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/completion/${program} COMPONENT program
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endforeach()
 
 foreach(ring IN LISTS kolmo_rings)
   string(REPLACE kolmo_ "" export_name ${ring})

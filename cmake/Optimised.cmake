@@ -6,6 +6,10 @@ option(KOLMO_HARDEN "Build with the compiler's and the linker's hardening" OFF)
 target_compile_options(kolmo_build INTERFACE $<$<NOT:$<CONFIG:Debug>>:
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=.>)
 
+# Programs are linked to whole libraries, and keep what they call of them.
+target_compile_options(kolmo_build INTERFACE $<$<NOT:$<CONFIG:Debug>>:-ffunction-sections -fdata-sections>)
+target_link_options(kolmo_build INTERFACE $<$<NOT:$<CONFIG:Debug>>:LINKER:--gc-sections>)
+
 if(KOLMO_HARDEN)
   # The first is undefined because a distribution's own flags may define it, to another value.
   target_compile_options(kolmo_build INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -D_GLIBCXX_ASSERTIONS)

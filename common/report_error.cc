@@ -51,7 +51,7 @@ void append_system_error(char *message, int error)
     const std::size_t room = message_size - length;
     const int needed =
         std::snprintf(message + length, room, "\nSystem error %d: %s", error, std::strerror(error));
-    if (needed < 0 || static_cast<std::size_t>(needed) >= room)
+    if (static_cast<std::size_t>(needed) >= room) /* or it failed */
         message[length] = '\0';
 }
 

@@ -100,10 +100,8 @@ QsxConfEntry *find_sorted(const QsxConfStore *store, const char *name)
 int make_first_slots(QsxConfStore *store)
 {
     store->entries = static_cast<QsxConfEntry *>(std::calloc(first_capacity, sizeof *store->entries));
-    if (store->entries == nullptr) {
-        errno = ENOMEM;
+    if (store->entries == nullptr)
         return -1;
-    }
     store->capacity = first_capacity;
     store->count = 0;
     store->sorted = true;
@@ -147,7 +145,7 @@ char *value_end(char *value, char *end)
 {
     char *marker = nullptr;
 
-    for (char *p = value + 1; p < end; p++) {
+    for (char *p = value; p < end; p++) {
         if (is_space(*p))
             marker = marker == nullptr ? p : nullptr;
         else
@@ -268,7 +266,7 @@ int conf_parse_stream(std::FILE *stream, QsxConfStore *store)
         return -1;
 
     const KeepErrno kept;
-    const bool was_read_whole = std::feof(stream) != 0 && std::ferror(stream) == 0;
+    const bool was_read_whole = std::feof(stream) != 0; /* which a read error is not */
     file.reset();
     conf_store_sort(store);
     if (was_read_whole)

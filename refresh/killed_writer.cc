@@ -1,5 +1,6 @@
 #include "refresh/killed_writer.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -45,13 +46,24 @@ bool has_writer(const std::string &path)
     return store.is_open() && ::fcntl(store.get(), F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
+/* One whose header was not yet written is not rolled back from, and stays until the next writer takes it. */
+bool is_needed(const std::string &path)
+{
+    const Fd journal(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    char first = 0;
+
+    if (!journal.is_open())
+        return errno != ENOENT;
+    return ::pread(journal.get(), &first, 1, 0) < 0 || first != 0;
+}
+
 bool names_a_journal(const std::filesystem::path &list)
 {
     std::ifstream file(list, std::ios::binary);
     std::string name;
 
     while (std::getline(file, name, '\0'))
-        if (!name.empty() && ::access(name.c_str(), F_OK) == 0)
+        if (!name.empty() && is_needed(name))
             return true;
     return false;
 }

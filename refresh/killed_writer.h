@@ -19,9 +19,9 @@ namespace kolmo
 
 /*
  * The lists of journals (store-mjXXXXXXXXX) that a killed commit over several files left beside its first
- * one.  One of which a journal is still there is not among them: whether that journal's file is rolled back
- * depends on the list.  To be trusted while this process holds the store's writers off: a list is not
- * complete at once.
+ * one.  One of which a journal with a header is still there is not among them: whether that journal's file is
+ * rolled back depends on the list.  To be trusted while this process holds the store's writers off: a list is
+ * not complete at once.
  */
 [[nodiscard]] std::vector<std::string> stale_journal_lists(const std::string &path);
 

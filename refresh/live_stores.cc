@@ -33,6 +33,14 @@ bool is_unusable(int rc)
     return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
 }
 
+/* The end of the journal, or of the list of both, is the commit.  What can fail after it, the sync of their
+   folder or the lock on its way down, undoes nothing. */
+bool is_after_commit(int extended)
+{
+    return extended == SQLITE_IOERR_DIR_FSYNC || extended == SQLITE_IOERR_RDLOCK ||
+           extended == SQLITE_IOERR_UNLOCK;
+}
+
 /* What RFC 3986 lets stand, for an SQLite URI. */
 std::string uri_of(const std::string &path, const char *mode)
 {
@@ -187,8 +195,11 @@ int LiveStores::get_ready()
 /* Tells what stands against opening a file. */
 int LiveStores::refuse(const std::string &path, StoreFileKind kind)
 {
-    if (kind != StoreFileKind::database_in_wal_mode)
-        return check_store_file(path, trouble_);
+    if (kind != StoreFileKind::database_in_wal_mode) {
+        if (check_store_file(path, trouble_) == 0)
+            trouble_(path + " cannot be read: it is not what it was a moment ago");
+        return -1;
+    }
     trouble_(path + " is in WAL mode, in which a commit over both stores is not one: sqlite3 " + path +
              " 'PRAGMA journal_mode = DELETE'");
     return -1;
@@ -322,9 +333,12 @@ int LiveStores::lock()
 
 int LiveStores::commit()
 {
-    if (execute("COMMIT") == SQLITE_OK)
+    if (execute("COMMIT") == SQLITE_OK || is_after_commit(sqlite3_extended_errcode(db_.get())))
         return 0;
-    return tell("what was written cannot be committed, and has been undone");
+    (void)tell("what was written cannot be committed, and has been undone");
+    roll_back();
+    remove_stale_lists();
+    return -1;
 }
 
 /* Closing the connection does so, too. */
@@ -336,10 +350,10 @@ void LiveStores::roll_back()
         db_.reset();
 }
 
-/* Of a writer, like us, that was killed when it had both stores locked. */
+/* Of a writer, like us, that was killed when it had both stores locked, or of a commit that failed. */
 void LiveStores::remove_stale_lists()
 {
-    if (stale_journal_lists(handlers_).empty() || try_to("BEGIN IMMEDIATE") != SQLITE_OK)
+    if (db_ == nullptr || stale_journal_lists(handlers_).empty() || try_to("BEGIN IMMEDIATE") != SQLITE_OK)
         return;
     for (const std::string &list : stale_journal_lists(handlers_))
         (void)::unlink(list.c_str());

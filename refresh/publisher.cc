@@ -137,13 +137,17 @@ int Publisher::Live::copy_to(const std::string &from, const std::string &to)
     (void)::unlink(to.c_str());
     (void)Fd(::open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
 
-    const int rc = sqlite3_open_v2(to.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
+    int rc = sqlite3_open_v2(to.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
     const SqliteConnection copy(db);
 
-    /* Who is killed here begins with a new copy. */
-    if (rc != SQLITE_OK || sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF", nullptr,
-                                        nullptr, nullptr) != SQLITE_OK) {
-        sink_.trouble(to + " cannot be made: " + (db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc)));
+    /* SQLite is content with reading when it cannot write.  Who is killed here begins with a new copy. */
+    if (rc == SQLITE_OK)
+        rc = sqlite3_db_readonly(db, "main") != 0
+                 ? SQLITE_READONLY
+                 : sqlite3_exec(db, "PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF", nullptr, nullptr,
+                                nullptr);
+    if (rc != SQLITE_OK) {
+        sink_.trouble(to + " cannot be made: " + sqlite3_errstr(rc));
         return -1;
     }
     return copy_database(from, wait_, db, sink_.trouble) == CopyEnding::copied ? 0 : -1;

@@ -108,11 +108,13 @@ int Refresh::begin()
                          trouble_);
 }
 
+/* A refresh that was interrupted has removed its folder, but not the note of it. */
 void Refresh::remove_left_folder()
 {
     const std::string &left = lock_.left_folder();
+    struct stat status;
 
-    if (left.empty())
+    if (left.empty() || (::lstat(left.c_str(), &status) != 0 && errno == ENOENT))
         return;
     if (remove_staging_folder(left.c_str()) == 0)
         output_->note("a refresh was killed; what it has left at " + left + " is gone");

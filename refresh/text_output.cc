@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -52,6 +53,16 @@ std::string counts_text(const ChangeCounts &counts)
     return text.empty() ? "nothing" : text;
 }
 
+/* A stream that cannot be written to must not end a refresh half-way: its status tells how it ended, too. */
+template <typename Words>
+void tell(const Words &words)
+{
+    try {
+        words();
+    } catch (const std::system_error &) {
+    }
+}
+
 class TextOutput : public RefreshOutput
 {
 public:
@@ -60,32 +71,48 @@ public:
     {
     }
 
-    void trouble(const std::string &text) override { verify_->trouble(text); }
-    void note(const std::string &text) override { verify_->note(text); }
+    void trouble(const std::string &text) override
+    {
+        tell([&] { verify_->trouble(text); });
+    }
+    void note(const std::string &text) override
+    {
+        tell([&] { verify_->note(text); });
+    }
 
     void look(const DatabaseSource &, const std::string &, const std::string &,
               const StagedLook &look) override
     {
-        for (const Finding &finding : look.findings)
-            verify_->finding(finding);
-        if (!look.findings.empty())
-            verify_->end(look.summary, look.seconds);
+        tell([&] {
+            for (const Finding &finding : look.findings)
+                verify_->finding(finding);
+            if (!look.findings.empty())
+                verify_->end(look.summary, look.seconds);
+        });
     }
 
     void change(const Change &change) override
     {
-        fmt::print("{:<7}  {:<10}  {}\n", change_name(change.kind),
-                   nouns[static_cast<std::size_t>(change.table)].one, printable(change.key));
+        tell([&] {
+            fmt::print("{:<7}  {:<10}  {}\n", change_name(change.kind),
+                       nouns[static_cast<std::size_t>(change.table)].one, printable(change.key));
+        });
     }
 
-    void end(const RefreshEnd &end) override;
+    void end(const RefreshEnd &end) override
+    {
+        tell([&] { print_end(end); });
+        (void)std::fflush(stdout);
+    }
 
 private:
+    void print_end(const RefreshEnd &end) const;
+
     std::unique_ptr<Output> verify_;
     bool quiet_;
 };
 
-void TextOutput::end(const RefreshEnd &end)
+void TextOutput::print_end(const RefreshEnd &end) const
 {
     if (!quiet_ || end.result == Result::published_in_part) {
         switch (end.result) {
@@ -105,7 +132,6 @@ void TextOutput::end(const RefreshEnd &end)
             break;
         }
     }
-    (void)std::fflush(stdout);
 }
 
 } // namespace

@@ -10,14 +10,14 @@ PanelResult query_domain(TextFormat<1> format, const char *domain_id, const char
                          TextFormat<1> not_answered)
 {
     char query[query_size];
-    const int length = format_text(query, sizeof query, format, domain_id);
+    const auto length = static_cast<std::size_t>(format_text(query, sizeof query, format, domain_id));
 
-    if (length < 1 || length >= static_cast<int>(sizeof query)) {
+    if (length >= sizeof query) { /* or it failed */
         log_message(LOG_ERR, "%s", not_formed);
         return nullptr;
     }
 
-    PanelResult rows = panel_select(panel_db, query, static_cast<unsigned long>(length));
+    PanelResult rows = panel_select(panel_db, query, length);
 
     if (rows == nullptr)
         log_failure(not_answered, mysql_error(panel_db));

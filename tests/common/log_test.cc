@@ -361,6 +361,14 @@ TEST_F(TracedLog, EmptyVariableIsReplaced)
     EXPECT_EQ(variable.get(), "M4242");
 }
 
+TEST_F(TracedLog, ProgramWithoutANameHasNoId)
+{
+    name_[0] = '\0';
+    init_syslog(LOG_ERR, LOG_TRACE_ID);
+    log_message(LOG_ERR, "text");
+    EXPECT_EQ(syslog_.take_lines(), Lines{"3 text"});
+}
+
 TEST_F(TracedLog, InheritedIdIsKeptAndCutAt63Characters)
 {
     const std::string inherited(64, 't');

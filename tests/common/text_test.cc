@@ -23,6 +23,13 @@ TEST(Xasprintf, FormatsIntoNewMemory)
     EXPECT_STREQ(text.get(), "box@example -1");
 }
 
+TEST(Xasprintf, EmptyTextIsAText)
+{
+    const OwnedText text(xasprintf("%s", ""));
+
+    EXPECT_STREQ(text.get(), "");
+}
+
 TEST(Xasprintf, LongTextIsWhole)
 {
     const std::string part(100000, 'x');

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "tests/exec/exec_support.h"
+#include "tests/exec/process_faults.h"
 #include "tests/support/output_capture.h"
 
 namespace kolmo::testing
@@ -60,6 +61,23 @@ TEST_F(OpenPipe, EndsAreAboveTheStreamsEvenIfThoseAreClosedAndLeaveThemClosed)
                   }),
                   "above")
             << "closed streams, as bits: " << closed;
+    }
+}
+
+TEST_F(OpenPipe, EndThatCannotBeMovedAboveTheStreamsIsAFailureThatLeavesNeitherEnd)
+{
+    for (int nth = 1; nth <= 2; nth++) {
+        EXPECT_EQ(in_child([nth] {
+                      Pipe pipe;
+                      close_streams(3);
+                      const std::string before = open_descriptors(0);
+                      const Fault fault(Call::fcntl, nth, EMFILE);
+                      const int result = open_pipe(&pipe);
+                      return std::to_string(result) + (Fault::has_fired() ? ", moved" : ", never moved") +
+                             (open_descriptors(0) == before ? "" : ", an end open");
+                  }),
+                  "-1, moved")
+            << "end " << nth;
     }
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -101,6 +102,19 @@ TEST(Main, RunStartsWithSqliteForOneThreadAndWithoutStatisticsAndItsStatusIsTheR
 
     EXPECT_EQ(run_main(), 7);
     EXPECT_EQ(seen, "rebuild, waits, bare SQLite, next descriptor " + std::to_string(next));
+}
+
+TEST(Main, WithoutAFreeDescriptorTheRunStartsAllTheSame)
+{
+    rlimit kept;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &kept), 0);
+    const rlimit full = {static_cast<rlim_t>(next_descriptor()), kept.rlim_max};
+
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
+    const int status = run_main();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &kept), 0);
+    EXPECT_EQ(status, 7);
+    EXPECT_EQ(seen, "rebuild, waits, bare SQLite, next descriptor -1");
 }
 
 TEST(Main, AfterAParentThatIgnoredItsChildrenTheRunWaitsForThem)

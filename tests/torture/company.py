@@ -103,7 +103,9 @@ def run(worker, name, undisturbed_files):
     if kind == "second":
         other = worker.start(tag="-second")
     else:
-        other = os.posix_spawn(UTILITY, [UTILITY, "--init-db"], ENVIRONMENT, setsid=True)
+        # What it says is its own affair.
+        other = os.posix_spawn(UTILITY, [UTILITY, "--init-db"], ENVIRONMENT, setsid=True, file_actions=[
+            (os.POSIX_SPAWN_OPEN, 2, "/dev/null", os.O_WRONLY, 0)])
     outcome = worker.finish(pid, [other])
     if kind == "second":
         second = worker.finish(other, tag="-second")

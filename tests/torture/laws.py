@@ -4,6 +4,7 @@ Each function yields (law, what was seen).  What is seen names no process, so th
 exceptions can match it.
 """
 
+import itertools
 import os
 import re
 import sqlite3
@@ -16,8 +17,8 @@ SYSTEM_TEXTS = sorted({os.strerror(number) for number in range(1, 134)}, key=len
 RELATIVE = {store: os.path.relpath(store, world.STORES) for store in world.TABLES}
 FINAL = {world.RESPONDERS: world.RESPONDER_STATES[-1], world.HANDLERS: world.HANDLER_STATES[-1]}
 
-# The texts that stand for rows which a store refused, and the rows they can stand for.
-REFUSED_ROW = re.compile(r"Unable to add autoresponder attachment \((.*?)\): ")
+# The texts that stand for rows which a store refused.
+REFUSED_ATTACHMENT = re.compile(r"Unable to add autoresponder attachment \((.*?)\): ")
 REFUSED_HEADER = re.compile(r"Unable to add autoresponder extra headers: ")
 REFUSED_HANDLER = re.compile(r"Unable to execute insert record into handlers database: ")
 
@@ -36,8 +37,8 @@ def of_the_stores(worker, outcome, files, undisturbed_files):
     for store in world.TABLES:
         rows[store] = yield from opened(copy, store, outcome)
     yield from others_kept(files, undisturbed_files, rows[world.HANDLERS])
-    if outcome.silent() and rows != FINAL:
-        yield "L3", "success in silence, but " + differences(rows)
+    if outcome.status == 0:
+        yield from all_done(rows, outcome)
     yield from prefix_kept(rows, outcome)
     yield from run_again(worker, digest(files))
 
@@ -74,41 +75,47 @@ def others_kept(files, undisturbed_files, handlers):
             yield "L2", f"a handler of others is gone: {row}"
 
 
+def all_done(rows, outcome):
+    """L3; a refused row, too, was reported."""
+    if outcome.silent():
+        if rows != FINAL:
+            yield "L3", "success in silence, but " + differences(rows)
+        return
+    for store in world.TABLES:
+        if not any(rows[store] == STATES[store](refused)[-1] for refused in REFUSALS[store](outcome.stderr)):
+            yield "L3", f"success, but {differences(rows)}; standard error: {outcome.stderr.strip()}"
+            return
+
+
 def prefix_kept(rows, outcome):
     """L4, for both stores."""
-    stale = [world.STALE_STATE] if outcome.signal or outcome.status != 0 else []
-    for store, states in ((world.RESPONDERS, stale + world.RESPONDER_STATES),
-                          (world.HANDLERS, world.HANDLER_STATES)):
-        if rows[store] is not None and not any(is_state(rows[store], state, outcome) for state in states):
-            nearest = min(states, key=lambda state: len(state ^ rows[store]))
-            yield "L4", (f"{os.path.basename(store)} is no prefix; nearest: missing {sorted(nearest - rows[store])}"
-                         f" too many {sorted(rows[store] - nearest)}; standard error: {outcome.stderr.strip()}")
-
-
-def is_state(rows, state, outcome):
-    """Whether `rows` are those of a commit, less rows that were reported as refused and their copies."""
-    missing = state - rows
-    if rows - state:
-        return False
-    if not missing:
-        return True
-    attachments = REFUSED_ROW.findall(outcome.stderr)
-    allowance = {"attachments": len(attachments), "extra_headers": len(REFUSED_HEADER.findall(outcome.stderr)),
-                 "handlers": len(REFUSED_HANDLER.findall(outcome.stderr))}
-    copies = {alias: domain for _, domain, aliases, _ in world.DOMAINS for alias in aliases}
-    for row in missing:
-        if row[0] == "attachments":
-            local, domain = row[1].split("@")
-            if f"{local}@{copies.get(domain, domain)}" not in attachments:
-                return False
-            if domain in copies: # the copy of a row that is missing itself
-                continue
-        elif row[0] == "handlers" and row[6].split("@")[-1] in copies and \
-                (*row[:6], row[6].replace("uno.example", "one.example"), *row[7:]) in missing:
+    for store, states in (
+            (world.RESPONDERS, [world.STALE_STATE] if outcome.signal or outcome.status != 0 else []),
+            (world.HANDLERS, [])):
+        states += STATES[store]()
+        if rows[store] is None or rows[store] in states or any(
+                rows[store] in STATES[store](refused) for refused in REFUSALS[store](outcome.stderr)):
             continue
-        allowance[row[0]] = allowance.get(row[0], 0) - 1
-    return min(allowance.values()) >= 0
+        nearest = min(states, key=lambda state: len(state ^ rows[store]))
+        yield "L4", (f"{os.path.basename(store)} is no prefix; nearest: missing {sorted(nearest - rows[store])}"
+                     f" too many {sorted(rows[store] - nearest)}; standard error: {outcome.stderr.strip()}")
 
+
+def refused_handlers(stderr):
+    """Which ones, in every way that the messages allow."""
+    return itertools.combinations(world.WRITTEN_HANDLERS, len(REFUSED_HANDLER.findall(stderr)))
+
+
+def refused_responder_rows(stderr):
+    mailboxes = sorted(REFUSED_ATTACHMENT.findall(stderr))
+    for attachments in itertools.combinations(world.WRITTEN_ATTACHMENTS, len(mailboxes)):
+        if sorted(row[1] for row in attachments) == mailboxes:
+            for headers in itertools.combinations(world.WRITTEN_HEADERS, len(REFUSED_HEADER.findall(stderr))):
+                yield attachments + headers
+
+
+STATES = {world.RESPONDERS: world.responder_states, world.HANDLERS: world.handler_states}
+REFUSALS = {world.RESPONDERS: refused_responder_rows, world.HANDLERS: refused_handlers}
 
 KNOWN_GOOD = set()  # states after which a run was seen to end well
 
@@ -149,12 +156,16 @@ def differences(rows):
 
 # --- L6
 
+# What a machine that is too busy could bring about, too.
+LATE = HANG, STAYS = "it hangs", "a process stays behind"
+
+
 def ended_well(outcome, files):
     if outcome.hang:
-        yield "L6", "it hangs"
+        yield "L6", HANG
         return
     if outcome.leaked:
-        yield "L6", "a process stays behind"
+        yield "L6", STAYS
     if outcome.signal:
         if outcome.signal != outcome.killed_by_us:
             crash = [line for line in outcome.report if line.startswith("crash ")]
@@ -254,9 +265,9 @@ def after_power_cut(worker, commits, undisturbed_files):
             yield "L1", f"{name}: {error}"
             continue
         number = commits[store]
-        if rows[store] == states[number]:
+        if rows[store] in states[number:number + 1]:
             continue
-        if number > 0 and rows[store] == states[number - 1]:
+        if number > 0 and rows[store] in states[number - 1:number]:
             yield "L4", f"{name} has lost its latest commit"
         else:
             yield "L4", f"{name} is no state of a run after {number} commits"

@@ -13,7 +13,7 @@ import world
 from calls import undisturbed
 
 SECTOR = 512
-VARIANTS = 10 # images at each sync: nothing, everything, and random ones
+VARIANTS = 12 # images at each sync: nothing, everything, and random ones
 CALLS = "openat,pwrite64,ftruncate,fdatasync,fsync,unlink"
 
 
@@ -66,7 +66,8 @@ class Disk:
         elif what == "unlink":
             self.bind(path, None)
             store = path.removesuffix("-journal")
-            self.commits[store] += 1
+            if store != path and store in self.commits:
+                self.commits[store] += 1
         elif what == "write":
             self.names[path].write(*rest)
         elif what == "truncate":

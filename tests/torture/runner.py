@@ -19,7 +19,7 @@ import world
 
 # Seconds; a run takes some hundredths of one.  Whoever does not end by the first is tried again with the second:
 # a hang repeats itself, a starved machine's delay does not.
-DEADLINES = (20, 120)
+DEADLINES = (20, 60)
 PATIENCE = 600 # for the undisturbed runs, without which there is nothing to do
 UTILITY = "/opt/qsx/admin/sbin/mail_responders_control"
 ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"}
@@ -117,7 +117,10 @@ class Worker:
     def reset(self, source=None):
         """The stores as the first run finds them, or as they stand below `source`."""
         for entry in os.scandir(self.stores):
-            shutil.rmtree(entry.path)
+            if entry.is_dir(follow_symlinks=False):
+                shutil.rmtree(entry.path)
+            else:
+                os.unlink(entry.path)
         shutil.copytree(source or self.template, self.stores, dirs_exist_ok=True)
         self.own_handlers(self.stores)
 

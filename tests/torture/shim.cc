@@ -10,9 +10,11 @@
  *                             crash SIGNAL FRAME ...
  *                             open NUMBER TARGET        a descriptor above 2 when main returned
  *                             count NAME N              calls seen, at the end
- *   TORTURE_MEMORY=N[+]     the Nth allocation fails, with + each later one, too
+ *                             place OFFSET ...          each allocation's, in the program only
+ * (TORTURE_PLACES) TORTURE_MEMORY=N[+]     the Nth allocation fails, with + each later one, too
  *   TORTURE_HALF=NAME:N     the Nth call of NAME transfers half of what was asked for
  *   TORTURE_STOP_CHILD=1    a child process stops itself, to be traced
+ *   TORTURE_PLACES=1        says of each allocation where it was made
  *
  * A frame is MODULE+OFFSET(SYMBOL), the symbol only where the module exports it.
  */
@@ -39,7 +41,7 @@ bool reporting; /* what a report allocates is not counted */
 
 char report_path[256];
 long memory_from, memory_seen;
-bool memory_stays_short, stop_child;
+bool memory_stays_short, stop_child, tell_places;
 
 enum Transfer { t_read, t_write, t_pread64, t_pwrite64, t_recv, t_send, transfers };
 const char *const transfer_names[transfers] = {"read", "write", "pread64", "pwrite64", "recv", "send"};
@@ -89,11 +91,40 @@ void report_frames(const char *what)
     reporting = false;
 }
 
+int (*real_main)(int, char **, char **);
+
+/* The way through the program's own functions: one that leads into a library by another way is another place.
+ */
+void report_place()
+{
+    constexpr long program_size = 1L << 28; /* at most; no library is that near */
+    char line[1024] = "place";
+    void *frames[48];
+    std::size_t length = std::strlen(line);
+    Dl_info info = {};
+
+    reporting = true;
+    (void)dladdr(reinterpret_cast<void *>(real_main), &info);
+    const int count = backtrace(frames, 48);
+    for (int i = 0; i < count && length < sizeof line - 20; i++) {
+        const long offset = static_cast<char *>(frames[i]) - static_cast<char *>(info.dli_fbase);
+
+        if (offset >= 0 && offset < program_size)
+            length += static_cast<std::size_t>(
+                std::snprintf(line + length, 20, " %lx", static_cast<unsigned long>(offset)));
+    }
+    (void)std::strcat(line, "\n");
+    report(line);
+    reporting = false;
+}
+
 bool memory_is_short()
 {
     if (!in_main || reporting)
         return false;
     memory_seen++;
+    if (tell_places)
+        report_place();
     if (memory_from == 0 || memory_seen < memory_from || (memory_seen > memory_from && !memory_stays_short))
         return false;
     if (memory_seen == memory_from)
@@ -142,9 +173,10 @@ void take_options()
                 break;
     }
     stop_child = std::getenv("TORTURE_STOP_CHILD") != nullptr;
+    tell_places = std::getenv("TORTURE_PLACES") != nullptr;
     (void)std::snprintf(report_path, sizeof report_path, "%s", std::getenv("TORTURE_REPORT"));
-    for (const char *name :
-         {"LD_PRELOAD", "TORTURE_REPORT", "TORTURE_MEMORY", "TORTURE_HALF", "TORTURE_STOP_CHILD"})
+    for (const char *name : {"LD_PRELOAD", "TORTURE_REPORT", "TORTURE_MEMORY", "TORTURE_HALF",
+                             "TORTURE_STOP_CHILD", "TORTURE_PLACES"})
         (void)unsetenv(name);
 }
 
@@ -195,8 +227,6 @@ void report_open()
         report(line);
     }
 }
-
-int (*real_main)(int, char **, char **);
 
 int marked_main(int argc, char **argv, char **environment)
 {

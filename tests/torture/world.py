@@ -75,13 +75,14 @@ def panel_sql():
            f"('auto_reply_headers', {literal(json)}, 1, 'mailServer')")
 
 
-def responder_states():
-    """What the responder store holds after each commit of a run, the empty store first."""
+def responder_states(refused=()):
+    """What the responder store holds after each commit of a run that `refused` rows do not get into, the empty
+    store first."""
     rows = set()
     states = [frozenset()]
 
     def commit(new):
-        rows.update(new)
+        rows.update(row for row in new if row not in refused)
         if new:
             states.append(frozenset(rows))
 
@@ -99,13 +100,18 @@ def responder_states():
     return states
 
 
-def handler_states():
-    """The same for the handlers store, as it stood before the run first."""
-    rows = {(row[0], row[1], row[4], row[5]): row for row in FOREIGN}
+def handler_key(row):
+    """A handler replaces the one that has the same: its queue, type, name and address."""
+    return row[0], row[1], row[4], row[5]
+
+
+def handler_states(refused=()):
+    """The same for the handlers store, as it stood before the run first; `refused` are keys."""
+    rows = {handler_key(row): row for row in FOREIGN}
     states = [frozenset(rows.values())]
 
     def commit(new):
-        rows.update({(row[0], row[1], row[4], row[5]): row for row in new})
+        rows.update({handler_key(row): row for row in new if handler_key(row) not in refused})
         states.append(frozenset(rows.values()))
 
     for _, domain, aliases, mailboxes in DOMAINS:
@@ -123,6 +129,12 @@ def handler_states():
 
 RESPONDER_STATES = responder_states()
 HANDLER_STATES = handler_states()
+# What a run writes row by row, so that the store can refuse one: the keys of handlers, and whole rows.
+WRITTEN_HANDLERS = sorted({handler_key(row[1:]) for row in HANDLER_STATES[-1] - HANDLER_STATES[0]})
+WRITTEN_ATTACHMENTS = sorted(
+    {("attachments", f"{local.lower()}@{domain}", file) for _, domain, _, mailboxes in DOMAINS
+     for _, local, *_, files in mailboxes for file in files})
+WRITTEN_HEADERS = [("extra_headers", *header) for header in HEADERS]
 # What an earlier run left, and what is gone as soon as the utility has done its work.
 STALE_STATE = frozenset({("attachments", "gone@one.example", "old.pdf")})
 # The rows of others: those that no run replaces.
@@ -166,9 +178,9 @@ def store_rows(path, store):
         db.close()
 
 
-def documented_texts():
-    """The manual's messages, as patterns."""
-    with open(ROOT + "/man/mail_responders_rebuild.8", encoding="utf-8") as file:
+def documented_texts(page="mail_responders_rebuild"):
+    """A manual's messages, as patterns."""
+    with open(f"{ROOT}/man/{page}.8", encoding="utf-8") as file:
         page = file.read().replace("\\\n", "")
     diagnostics = re.search(r"^\.SH DIAGNOSTICS\n(.*?)^\.SH", page, re.M | re.S)[1]
     for text in re.findall(r"^\.T[PQ]\n\.B (.*)$", diagnostics, re.M):
