@@ -47,7 +47,6 @@ class Bench:
             "rebuild": [ROOT + "/build/release/mail_responders_rebuild"],
             "floor": [work + "/floor", self.password],
             "script": ["/usr/bin/python3", HERE + "/plain.py", self.password],
-            "refresh": [ROOT + "/build/release/mail_responders_refresh", "-q", "--no-progress"],
         }
 
     def sql(self, text):
@@ -98,12 +97,8 @@ class Bench:
 
     def run(self, name):
         """Seconds passed, seconds of the processor, MiB at the peak."""
-        self.reset()
-        return self.run_again(name)
-
-    def run_again(self, name):
-        """The same on the stores as they are."""
         peak = self.work + "/peak"
+        self.reset()
         start = time.monotonic()
         process = subprocess.Popen([self.work + "/peak_memory", peak] + self.programs[name])
         _, status, usage = os.wait4(process.pid, 0)
@@ -189,6 +184,7 @@ def measure_shapes(bench, shapes, disk):
                     for name in names:
                         row["figures"][name]["syncs"] = bench.syncs(name)
             result.append(row)
+            say(ratio_table([row]).splitlines()[-1])
     return result
 
 
@@ -235,77 +231,6 @@ def measure_aliases(bench):
         result.append({"replies": mailboxes, "seconds": (walls[1] - walls[0]) / 8})
         say(f"an alias beside {mailboxes} replies: {result[-1]['seconds'] * 1000:.1f} ms")
     return result
-
-
-class Onlookers:
-    """The mail server's view of a run: a reader that asks for every mailbox, and a writer of handlers of its own.
-
-    Each is a process that asks again at once, a millisecond later while it is kept waiting; what is kept is how long one
-    answer took at most, and how many mailboxes had none.
-    """
-
-    def __init__(self, mailboxes):
-        self.processes = [subprocess.Popen([sys.executable, "-B", HERE + "/onlooker.py", kind, str(mailboxes)],
-                                           stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-                          for kind in ("reader", "writer")]
-        for process in self.processes:
-            process.stdout.readline()
-
-    def leave(self):
-        reader, writer = (json.loads(process.communicate("\n")[0]) for process in self.processes)
-        return {"silent": reader["silent"], "reader": reader["longest"], "writer": writer["longest"]}
-
-
-def watched_run(bench, name, change, mailboxes):
-    """The stand-in of the panel's utility does not wait for a lock: a run that met one is taken again."""
-    while True:
-        bench.sql(change + ";")
-        onlookers = Onlookers(mailboxes)
-        ended_well = subprocess.run(bench.programs[name], stderr=subprocess.DEVNULL, check=False).returncode == 0
-        seen = onlookers.leave()
-        if ended_well:
-            return seen
-
-
-def measure_refresh(bench, disk):
-    """Beside the plain rebuild, on a disk: all rows differ, 100 do, none does."""
-    changes = {"all": "UPDATE mail_resp SET subject = CONCAT(subject, '!')",
-               "100": "UPDATE mail_resp SET subject = CONCAT(subject, '!') WHERE id <= 100",
-               "none": "DO 0"}
-    result = []
-    for title, shape in (("500 x 10, an attachment each", SHAPES["typical"]), ("1,600 x 10", Shape(1600, 10))):
-        bench.load(shape)
-        with stores_on("disk", disk):
-            bench.run("rebuild")
-            for differing, change in changes.items():
-                row = {"panel": title, "differing": differing}
-                for name in ("rebuild", "refresh"):
-                    bench.sql(change + ";")
-                    say(f"{title}, {differing} differing: {name}")
-                    walls, memory = [], []
-                    rounds = bench.rounds if name == "refresh" else 1
-                    for _ in range(rounds):
-                        bench.sql(change + ";")
-                        passed, _, peak = bench.run_again(name)
-                        walls.append(passed)
-                        memory.append(peak)
-                    row[name] = ({"wall": statistics.median(walls), "memory": max(memory)} |
-                                 watched_run(bench, name, change, shape.domains * shape.mailboxes))
-                result.append(row)
-    return result
-
-
-def refresh_table(rows):
-    lines = ["| panel | differing | program | wall | of the rebuild's | silent mailboxes | longest read | longest write "
-             "| memory |", "| --- | --- | --- | --- | --- | --- | --- | --- | --- |"]
-    for row in rows:
-        for name in ("rebuild", "refresh"):
-            figures = row[name]
-            lines.append(f"| {row['panel']} | {row['differing']} | {name} | {figures['wall']:.2f} s | "
-                         f"{figures['wall'] / row['rebuild']['wall']:.2f} | {figures['silent']} | "
-                         f"{figures['reader'] * 1000:.0f} ms | {figures['writer'] * 1000:.0f} ms | "
-                         f"{figures['memory']:.1f} MiB |")
-    return "\n".join(lines)
 
 
 def ratio_table(rows):
@@ -368,7 +293,7 @@ def main():
     parser.add_argument("--work", required=True)
     parser.add_argument("--disk", required=True)
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("what", nargs="*", default=["shapes", "parts", "growth", "refresh"])
+    parser.add_argument("what", nargs="*", default=["shapes", "parts", "growth"])
     options = parser.parse_args()
     bench = Bench(options.work, options.rounds)
     known = os.path.join(options.work, "figures.json")
@@ -388,9 +313,6 @@ def main():
         figures["growth"] = measure_growth(bench)
         print("\n" + growth_table(figures["growth"]), flush=True)
         plot(figures["growth"], options.work)
-    if "refresh" in options.what:
-        figures["refresh"] = measure_refresh(bench, options.disk)
-        print("\n" + refresh_table(figures["refresh"]), flush=True)
     with open(known, "w", encoding="ascii") as file:
         json.dump(figures, file, indent=1)
 
