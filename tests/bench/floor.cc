@@ -1,9 +1,9 @@
 /*
  * floor: what a rebuild cannot do without.
  *
- * It issues the statements of mail_responders_rebuild, each prepared, bound, stepped and finalized as often as there,
- * opens the stores as often, runs the utility, and does nothing else: no message, no check, no list that could be
- * spared, no setting of SQLite's.  What goes wrong ends it.
+ * It issues the statements of mail_responders_rebuild, each prepared, bound, stepped and finalized as often
+ * as there, opens the stores as often, runs the utility, and does nothing else: no message, no check, no list
+ * that could be spared, no setting of SQLite's.  What goes wrong ends it.
  *
  *     floor PASSWORD      in tools/sandbox
  */
@@ -91,7 +91,8 @@ void run(sqlite3 *store, const char *sql, std::initializer_list<Value> values = 
 
 std::string lowered(std::string text)
 {
-    std::transform(text.begin(), text.end(), text.begin(), [](char c) { return 'A' <= c && c <= 'Z' ? c + 32 : c; });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return 'A' <= c && c <= 'Z' ? c + 32 : c; });
     return text;
 }
 
@@ -107,11 +108,12 @@ std::string ascii(const char *domain)
     return result;
 }
 
-void insert_handler(sqlite3 *handlers, int priority, const char *name, int type, const char *address, int queue,
-                    const char *executable, const char *context, int enabled)
+void insert_handler(sqlite3 *handlers, int priority, const char *name, int type, const char *address,
+                    int queue, const char *executable, const char *context, int enabled)
 {
     run(handlers,
-        "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, protected, "
+        "INSERT OR REPLACE INTO handlers(priority, name, type, address, queue, executable, context, "
+        "protected, "
         "enabled) VALUES(?, ?, ?, LOWER(?), ?, ?, ?, ?, ?)",
         {priority, name, type, address, queue, executable, context, 0, enabled});
 }
@@ -133,8 +135,8 @@ void register_handlers(const std::vector<std::string> &names, const std::string 
 
     run(handlers, "BEGIN TRANSACTION;");
     for (const std::string &name : names)
-        insert_handler(handlers, 90, "autoresponder", 1, lowered(name + "@" + ascii(domain.c_str())).c_str(), 2,
-                       "/opt/qsx/handlers/hooks/autoresponder", "responder", 1);
+        insert_handler(handlers, 90, "autoresponder", 1, lowered(name + "@" + ascii(domain.c_str())).c_str(),
+                       2, "/opt/qsx/handlers/hooks/autoresponder", "responder", 1);
     run(handlers, "END TRANSACTION;");
     (void)sqlite3_close(handlers);
 }
@@ -147,10 +149,11 @@ void write_mailbox(sqlite3 *store, const std::string &name, const char *domain, 
 
     run(store, "BEGIN TRANSACTION;");
     run(store,
-        "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
+        "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, "
+        "charset, body, "
         "ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );",
-        {row[3], row[4], row[5], row[6], row[13], row[7], row[8], row[9], std::atoi(row[11]), std::atoi(row[12]),
-         owner.c_str(), address.c_str()});
+        {row[3], row[4], row[5], row[6], row[13], row[7], row[8], row[9], std::atoi(row[11]),
+         std::atoi(row[12]), owner.c_str(), address.c_str()});
     run(store, "END TRANSACTION;");
     if (mysql_num_rows(files) > 0) {
         run(store, "BEGIN TRANSACTION;");
@@ -163,13 +166,14 @@ void write_mailbox(sqlite3 *store, const std::string &name, const char *domain, 
 
 void write_replies(sqlite3 *store, const std::vector<std::string> &names, const char *ids, const char *domain)
 {
-    MYSQL_RES *const replies =
-        ask("SELECT mail_resp.id, mail_resp.mn_id, mail_resp.resp_name, mail_resp.keystr,mail_resp.key_where, "
-            "mail_resp.subject, mail_resp.reply_to, mail_resp.content_type, mail_resp.charset, mail_resp.text, "
-            "mail_resp.resp_on, mail_resp.ans_freq, mail_resp.mem_limit, resp_forward.address, mail.mail_name FROM "
-            "mail_resp LEFT JOIN resp_forward ON resp_forward.rn_id=mail_resp.id LEFT JOIN mail ON "
-            "mail_resp.mn_id=mail.id WHERE mail_resp.resp_name='default' AND mail_resp.mn_id IN (" +
-            std::string(ids) + ")");
+    MYSQL_RES *const replies = ask(
+        "SELECT mail_resp.id, mail_resp.mn_id, mail_resp.resp_name, mail_resp.keystr,mail_resp.key_where, "
+        "mail_resp.subject, mail_resp.reply_to, mail_resp.content_type, mail_resp.charset, mail_resp.text, "
+        "mail_resp.resp_on, mail_resp.ans_freq, mail_resp.mem_limit, resp_forward.address, mail.mail_name "
+        "FROM "
+        "mail_resp LEFT JOIN resp_forward ON resp_forward.rn_id=mail_resp.id LEFT JOIN mail ON "
+        "mail_resp.mn_id=mail.id WHERE mail_resp.resp_name='default' AND mail_resp.mn_id IN (" +
+        std::string(ids) + ")");
     std::vector<std::pair<std::string, MYSQL_ROW>> rows;
 
     while (const MYSQL_ROW row = mysql_fetch_row(replies))
@@ -199,21 +203,23 @@ void copy_handlers(const char *domain, const char *alias)
                 "SELECT priority, type, queue, name, executable, context, enabled, address FROM handlers "
                 "WHERE address LIKE '%' || ? || '%'",
                 {domain});
-    const auto text = [&](int column) { return reinterpret_cast<const char *>(sqlite3_column_text(select, column)); };
+    const auto text = [&](int column) {
+        return reinterpret_cast<const char *>(sqlite3_column_text(select, column));
+    };
     std::vector<Row> rows;
 
     while (sqlite3_step(select) == SQLITE_ROW) {
         const std::string address = text(7);
 
-        rows.push_back({sqlite3_column_int(select, 0), sqlite3_column_int(select, 1), sqlite3_column_int(select, 2),
-                        sqlite3_column_int(select, 6), text(3), text(4), text(5),
-                        address.substr(0, address.find('@') + 1) + alias});
+        rows.push_back({sqlite3_column_int(select, 0), sqlite3_column_int(select, 1),
+                        sqlite3_column_int(select, 2), sqlite3_column_int(select, 6), text(3), text(4),
+                        text(5), address.substr(0, address.find('@') + 1) + alias});
     }
     (void)sqlite3_finalize(select);
     run(handlers, "BEGIN TRANSACTION;");
     for (auto row = rows.rbegin(); row != rows.rend(); ++row)
-        insert_handler(handlers, row->priority, row->name.c_str(), row->type, row->address.c_str(), row->queue,
-                       row->executable.c_str(), row->context.c_str(), row->enabled);
+        insert_handler(handlers, row->priority, row->name.c_str(), row->type, row->address.c_str(),
+                       row->queue, row->executable.c_str(), row->context.c_str(), row->enabled);
     run(handlers, "END TRANSACTION;");
     (void)sqlite3_close(handlers);
 }
@@ -221,9 +227,10 @@ void copy_handlers(const char *domain, const char *alias)
 void copy_replies(sqlite3 *store, const char *domain, const char *alias)
 {
     const std::string renamed = "SELECT replace(mn, '@" + std::string(domain) + "', '@" + alias + "'), ";
-    const std::string replies = "REPLACE INTO autoresponder " + renamed +
-                                "keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
-                                "ans_freq, ans_limit, real_owner FROM autoresponder;";
+    const std::string replies =
+        "REPLACE INTO autoresponder " + renamed +
+        "keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
+        "ans_freq, ans_limit, real_owner FROM autoresponder;";
     const std::string files = "REPLACE INTO attachments " + renamed + "filename FROM attachments;";
 
     run(store, "BEGIN TRANSACTION;");
@@ -234,9 +241,9 @@ void copy_replies(sqlite3 *store, const char *domain, const char *alias)
 
 void restore_domain(sqlite3 *store, const std::string &id, const char *domain)
 {
-    MYSQL_RES *const mailboxes =
-        ask("SELECT group_concat(mail_name SEPARATOR ','), group_concat(id SEPARATOR ',') FROM mail  WHERE dom_id=" +
-            id + " AND autoresponder='true'");
+    MYSQL_RES *const mailboxes = ask("SELECT group_concat(mail_name SEPARATOR ','), group_concat(id "
+                                     "SEPARATOR ',') FROM mail  WHERE dom_id=" +
+                                     id + " AND autoresponder='true'");
 
     if (const MYSQL_ROW row = mysql_fetch_row(mailboxes); row[0] != nullptr) {
         const std::vector<std::string> names = split(row[0]);
@@ -261,7 +268,8 @@ void run_utility()
     pid_t child = -1;
     int status = -1;
 
-    must(posix_spawn(&child, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) == 0, argv[0]);
+    must(posix_spawn(&child, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) == 0,
+         argv[0]);
     must(waitpid(child, &status, 0) == child && status == 0, argv[0]);
 }
 
