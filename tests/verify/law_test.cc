@@ -1,8 +1,8 @@
 /*
  * After a rebuild that ended with 0 and in silence, of a panel that meets no limit, there is nothing to find.
  *
- * KOLMO_VERIFY_PANELS: how many random panels; 250 without it.  KOLMO_VERIFY_SEED: the first one's seed; without it
- * the suites of both compilers take other panels.
+ * KOLMO_VERIFY_PANELS: how many random panels; 250 without it.  KOLMO_VERIFY_SEED: the first one's seed;
+ * without it the suites of both compilers take other panels.
  */
 #include <cstdlib>
 #include <random>
