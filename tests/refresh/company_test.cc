@@ -1,6 +1,7 @@
 /* Others write while stores are published again and again: nothing of theirs is lost. */
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <new>
@@ -61,6 +62,9 @@ bool write_to(const std::string &path, const std::string &sql)
     (void)sqlite3_busy_timeout(db, 60000);
     if (rc == SQLITE_OK)
         rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK)
+        (void)std::fprintf(stderr, "the writer is refused: %d %s, errno %d\n", sqlite3_extended_errcode(db),
+                           sqlite3_errmsg(db), sqlite3_system_errno(db));
     (void)sqlite3_close(db);
     return rc == SQLITE_OK;
 }
