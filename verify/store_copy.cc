@@ -66,8 +66,18 @@ int open_source(const std::string &path, SqliteConnection *source, const Trouble
     return -1;
 }
 
+/* A copy without a name is a temporary file of SQLite's. */
+std::string no_space_for(sqlite3 *copy)
+{
+    const char *const file = sqlite3_db_filename(copy, "main");
+
+    if (file == nullptr || *file == '\0')
+        return no_space_for_copy;
+    return std::string(file) + " cannot be made: " + sqlite3_errstr(SQLITE_FULL);
+}
+
 /* What a failed copy means; a reader that may not write cannot roll a hot journal back. */
-std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
+std::string copy_failure(const std::string &path, int rc, sqlite3 *source, sqlite3 *copy)
 {
     if (rc == SQLITE_READONLY_ROLLBACK || rc == SQLITE_READONLY_RECOVERY || (rc & 0xff) == SQLITE_READONLY)
         return path + " has a hot journal (" + path +
@@ -78,7 +88,7 @@ std::string copy_failure(const std::string &path, int rc, sqlite3 *source)
     if (is_busy(rc))
         return path + " is locked by another process, longer than was waited for (--wait)";
     if (rc == SQLITE_FULL)
-        return no_space_for_copy;
+        return no_space_for(copy);
     if ((rc & 0xff) == SQLITE_NOTADB)
         return path + " is no database, or is damaged";
     return path + " cannot be copied: " + sqlite3_errstr(rc) + " (" + sqlite3_errmsg(source) + ")";
@@ -247,7 +257,7 @@ CopyEnding copy_database(const std::string &path, std::chrono::milliseconds wait
     backup.reset();
     if (rc == SQLITE_OK)
         return check_copy(copy, path, trouble);
-    trouble(copy_failure(path, rc, source.get()));
+    trouble(copy_failure(path, rc, source.get(), copy));
     return is_damage(rc) ? CopyEnding::damaged : CopyEnding::failed;
 }
 

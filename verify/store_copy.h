@@ -32,7 +32,7 @@ enum class StoreFileKind { database, database_in_wal_mode, no_database, empty, n
    responder store, and the command that mends it. */
 void check_owners(const std::string &responders, const std::string &handlers, const TroubleSink &trouble);
 
-/* What is to blame for SQLITE_FULL, rather than the store. */
+/* What is to blame for SQLITE_FULL in a private copy, rather than the store. */
 inline constexpr char no_space_for_copy[] =
     "no private copy can be made in the folder for temporary files (TMPDIR): no space";
 

@@ -241,6 +241,33 @@ TEST_P(FaultTest, AnyCallOfSqliteThatFailsIsOneTroubleAndNothingHalfPublished)
     }
 }
 
+/* Not the folder for temporary files, where other copies are made. */
+TEST(StagingOfHandlers, FileThatHasNoRoomIsNamed)
+{
+    bool struck = true;
+    int nth = 0;
+
+    for (; struck; nth++) {
+        const FaultWorld world(false);
+        Published published;
+        const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+        SCOPED_TRACE("failure " + std::to_string(nth));
+        ASSERT_EQ(publisher->open_live(), 0);
+
+        const WriteFaults faults(nth + 1, WriteFault::fails_once);
+        const int result = publisher->copy_handlers();
+
+        struck = faults.has_struck();
+        EXPECT_EQ(result, published.troubles.empty() ? 0 : -1);
+        for (const std::string &trouble : published.troubles)
+            EXPECT_TRUE(trouble.starts_with(world.paths.handlers_before + " cannot be made: ") ||
+                        trouble.starts_with(world.paths.staged_handlers + " cannot be made: "))
+                << trouble;
+    }
+    EXPECT_GT(nth, 10);
+}
+
 /* After a power cut there may be of each folder what was synced last, and of a file what was synced before.
  */
 TEST(ReplacementOrder, FileAndFolderAreSyncedBeforeTheNewNameAndAfterIt)

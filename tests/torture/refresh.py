@@ -4,9 +4,7 @@ A run's name says all: `rows:kill:KILL:keeper:mount:2` kills the keeper at its s
 both stores differ; `whole:fail:rename:1:EIO` fails the refresh's first rename, while the responder store is missing.
 """
 
-import argparse
 import collections
-import fnmatch
 import multiprocessing
 import os
 import random
@@ -335,7 +333,7 @@ KINDS = {"kill": killed, "orphan": orphaned, "fail": failed, "writers": writers}
 state = {}
 
 
-def remember(program):
+def remember(program, _):
     state["program"] = program
 
 
@@ -354,22 +352,18 @@ def become_worker():
 
 def plan(_):
     become_worker()
-    return list(names(state["traces"]))
+    return [(name, sort(name)) for name in names(state["traces"])]
 
 
 # --- in the main process
 
-def choose(all_names, arguments):
-    if arguments.only:
-        return [name for name in all_names if any(fnmatch.fnmatchcase(name, only) for only in arguments.only)]
-    if arguments.all:
-        return all_names
-    # The same ones every time, by a hash of the name, and the last of each sort: there is most to lose.
+def sample(runs):
+    """The same ones every time, by a hash of the name, and the last of each sort: there is most to lose."""
     last = {}
-    for name in all_names:
-        if sort(name) not in last or last[sort(name)].startswith(name.split(":")[0]):
-            last[sort(name)] = name
-    return [name for name in all_names if name == last[sort(name)] or zlib.crc32(name.encode()) % SAMPLE == 0]
+    for name, its_sort in runs:
+        if its_sort not in last or last[its_sort].startswith(name.split(":")[0]):
+            last[its_sort] = name
+    return {*last.values(), *(name for name, _ in runs if zlib.crc32(name.encode()) % SAMPLE == 0)}
 
 
 def sort(name):
@@ -382,53 +376,10 @@ def sort(name):
 COMMIT = (["fdatasync"], ["unlink"])
 
 
-def refresh(arguments):
-    known, used = [row for row in torture.exceptions() if row[3].startswith("refresh:")], collections.Counter()
-    tally = collections.defaultdict(collections.Counter)
-    violations, begin = 0, time.monotonic()
-    with open(arguments.log, "w", encoding="utf-8") as log, multiprocessing.Pool(
-            arguments.workers, remember, (arguments.program,)) as pool:
-        all_names = pool.apply(plan, (None,))
-        chosen = choose(all_names, arguments)
-        print(f"{len(chosen)} of {len(all_names)} runs", flush=True)
-        progress = torture.Progress(len(chosen))
-        for name, disturbed, found, said in pool.imap_unordered(make_run, chosen, 2):
-            row = tally[":".join(name.split(":")[:2])]
-            row["runs"] += 1
-            row["missed"] += not disturbed
-            for law, seen in found:
-                excepted = torture.is_known(known, used, "refresh:" + name, law, seen)
-                row["known" if excepted else law] += 1
-                print(f"{name}\t{law}\t{'known' if excepted else 'new'}\t{seen!r}", file=log, flush=True)
-                if not excepted:
-                    violations += 1
-                    if arguments.verbose or violations <= 50:
-                        print(f"{law} {seen[:1500]}\n    tools/torture --refresh --only '{name}'", flush=True)
-            if arguments.verbose:
-                print(f"{name}: {said}", flush=True)
-            progress.step(violations)
-    torture.show(tally, violations, time.monotonic() - begin)
-    return 1 if violations or not chosen else 0
-
-
-def main():
-    parser = argparse.ArgumentParser(prog="tools/torture --refresh")
-    parser.add_argument("--all", action="store_true")
-    parser.add_argument("--sample", action="store_true")
-    parser.add_argument("--only", action="append", default=[], metavar="PATTERN")
-    parser.add_argument("--workers", type=int, default=2)
-    parser.add_argument("--verbose", action="store_true")
-    parser.add_argument("--log", default=os.devnull)
-    parser.add_argument("--program", required=True)
-    arguments = parser.parse_args()
-    os.closerange(3, 256) # what the caller left open is no leak of the program
-    torture.fill_panel()
-    try:
-        return refresh(arguments)
-    except RuntimeError as error:
-        print(f"torture: {error}", file=sys.stderr)
-        return 1
+def row(name):
+    return ":".join(name.split(":")[:2])
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(torture.main(torture.Torture("tools/torture --refresh", str, remember, plan, make_run, sample, row,
+                                          "refresh:")))

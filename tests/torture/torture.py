@@ -129,19 +129,24 @@ def is_known(known, used, name, law, seen):
     return False
 
 
-def choose(runs, arguments):
+def choose(runs, arguments, sample):
     names = [name for name, _ in runs]
     if arguments.only:
         return [name for name in names if any(fnmatch.fnmatchcase(name, pattern) for pattern in arguments.only)]
     if arguments.all:
         return names
-    # The same ones every time: one of each sort, and some by a hash of the name; no lock that is waited for for ever.
-    # Of the allocations in one place the last: there is the most to lose.
+    chosen = sample(runs)
+    return [name for name in names if name in chosen]
+
+
+def sample(runs):
+    """The same ones every time: one of each sort, and some by a hash of the name; no lock that is waited for for
+    ever.  Of the allocations in one place the last: there is the most to lose."""
     steady = [(name, sort) for name, sort in runs if calls.is_steady(name)]
     first, last = dict((sort, name) for name, sort in reversed(steady)), dict((sort, name) for name, sort in steady)
     chosen = {(last if name.startswith("memory:") else first)[sort] for name, sort in steady}
     chosen |= {name for name, _ in steady if zlib.crc32(name.encode()) % SAMPLE == 0}
-    return [name for name in names if name in chosen and not re.match(r"call:on:fcntl:\d+:EAGAIN", name)]
+    return {name for name in chosen if not re.match(r"call:on:fcntl:\d+:EAGAIN", name)}
 
 
 class Progress:
@@ -159,28 +164,35 @@ class Progress:
               end="\r" if sys.stderr.isatty() else "\n", file=sys.stderr, flush=True)
 
 
-def torture(arguments):
-    known, used = list(exceptions()), collections.Counter()
-    tally = collections.defaultdict(collections.Counter)
+# What is tortured: its command, how its program gets where it is run, what the workers do, the names of a sample's
+# runs, the row of the table that a run counts for, and what the exceptions put before its name.
+Torture = collections.namedtuple("Torture", "command install remember plan make_run sample row prefix")
+
+
+def torture(kind, arguments):
+    known = [row for row in exceptions() if row[3].startswith("refresh:") == (kind.prefix != "")]
+    used, tally = collections.Counter(), collections.defaultdict(collections.Counter)
     violations = hangs = 0
     begin = time.monotonic()
     with open(arguments.log, "w", encoding="utf-8") as log, multiprocessing.Pool(
-            arguments.workers, remember, (arguments.program, arguments.shim)) as pool:
-        names = choose(pool.apply(plan, (None,)), arguments)
+            arguments.workers, kind.remember, (arguments.program, arguments.shim)) as pool:
+        runs = pool.apply(kind.plan, (None,))
+        names = choose(runs, arguments, kind.sample)
+        print(f"{len(names)} of {len(runs)} runs", flush=True)
         progress = Progress(len(names))
-        for name, disturbed, found, said in pool.imap_unordered(make_run, names, 4):
-            row = tally[":".join(name.split(":")[:2] if name[0] in "cmk" else name.split(":")[:1])]
+        for name, disturbed, found, said in pool.imap_unordered(kind.make_run, names, 2):
+            row = tally[kind.row(name)]
             row["runs"] += 1
             row["missed"] += not disturbed
             for law, seen in found:
-                excepted = is_known(known, used, name, law, seen)
+                excepted = is_known(known, used, kind.prefix + name, law, seen)
                 row["known" if excepted else law] += 1
                 print(f"{name}\t{law}\t{'known' if excepted else 'new'}\t{seen!r}", file=log, flush=True)
                 if not excepted:
                     violations += 1
                     hangs += seen == laws.HANG
                     if arguments.verbose or violations <= 50:
-                        print(f"{law} {seen[:1500]}\n    tools/torture --only '{name}'", flush=True)
+                        print(f"{law} {seen[:1500]}\n    {kind.command} --only '{name}'", flush=True)
             if arguments.verbose:
                 print(f"{name}: {said}", flush=True)
             progress.step(violations)
@@ -189,8 +201,6 @@ def torture(arguments):
                 break
     show(tally, violations, time.monotonic() - begin)
     for _, _, _, text in known:
-        if text.startswith("refresh:"):
-            continue
         if arguments.verbose or (arguments.all and not used[text]):
             print(f"exception used {used[text]} times: {text}")
     return 1 if violations or not names else 0
@@ -227,8 +237,9 @@ def fill_panel():
         pass # each worker mounts its own over it
 
 
-def main():
-    parser = argparse.ArgumentParser(prog="tools/torture")
+def main(kind):
+    """The command line of a torture, the panel of all its runs, and the runs."""
+    parser = argparse.ArgumentParser(prog=kind.command)
     parser.add_argument("--all", action="store_true")
     parser.add_argument("--sample", action="store_true")
     parser.add_argument("--only", action="append", default=[], metavar="PATTERN")
@@ -236,17 +247,21 @@ def main():
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("--log", default=os.devnull)
     parser.add_argument("--program", required=True)
-    parser.add_argument("--shim", required=True)
+    parser.add_argument("--shim")
     arguments = parser.parse_args()
     os.closerange(3, 256) # what the caller left open is no leak of the program
-    arguments.program = install(arguments.program)
+    arguments.program = kind.install(arguments.program)
     fill_panel()
     try:
-        return torture(arguments)
+        return torture(kind, arguments)
     except RuntimeError as error:
         print(f"torture: {error}", file=sys.stderr)
         return 1
 
 
+def row(name):
+    return ":".join(name.split(":")[:2] if name[0] in "cmk" else name.split(":")[:1])
+
+
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(Torture("tools/torture", install, remember, plan, make_run, sample, row, "")))
