@@ -147,7 +147,7 @@ void report_output(Fd read_end)
 
 int wait_exec_fd(pid_t pid)
 {
-    int status = 0;
+    int status;
 
     if (::waitpid(pid, &status, WUNTRACED) < 0)
         report_error(0, 0, "Error occured during waiting the child process with pid: %d: %s\n", pid,

@@ -46,8 +46,8 @@ TEST_F(BusyPause, ZeroIsNotSlept)
 
 TEST_F(BusyPause, SleepsTheNanosecondsGiven)
 {
-    EXPECT_EQ(busy_pause(12'345), 0);
-    EXPECT_EQ(faults.pauses(), std::vector<long>{12'345});
+    EXPECT_EQ(busy_pause(1), 0);
+    EXPECT_EQ(faults.pauses(), std::vector<long>{1});
 }
 
 TEST_F(BusyPause, InterruptedPauseFailsAndIsNotTakenUpAgain)
