@@ -84,7 +84,7 @@ void read_ready(Captures captures, const fd_set &ready)
 /* Takes the status of a child that has ended: true with the run's result, false while it runs. */
 bool reap_if_ended(pid_t pid, int *result)
 {
-    int status = 0;
+    int status;
 
     errno = 0;
     if (::waitpid(pid, &status, WNOHANG) == 0)

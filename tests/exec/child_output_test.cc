@@ -436,6 +436,7 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreamsAndTheExitCodeReturned)
     const char *const bad_address[] = {helper, reinterpret_cast<const char *>(1), nullptr};
     const Orders talker({"out", "4", "say", "trouble", "exit", "7"});
     const Orders long_talker({"err", "8190"});
+    const Orders short_talker({"err", "1"});
     const Orders silent({});
     std::string piece(4096, 'e');
 
@@ -449,6 +450,7 @@ TEST_F(ForkExecFd, StandardErrorIsReportedOnBothStreamsAndTheExitCodeReturned)
     } rows[] = {
         {helper, talker, 7, "trouble\n"},
         {helper, long_talker, 0, piece + piece},
+        {helper, short_talker, 0, "e\n"},
         {"/nonexistent/program", silent, 255, "Error occured during execv():\nNo such file or directory.\n"},
         {helper, bad_address, 255,
          "Error occured during execv():\nBad address, possible reason - NULL parameter is absent in "
