@@ -177,8 +177,6 @@ int fork_execv_getouterr(char **out, char **err, const char *path, const char *c
 int fork_execv_getout(char **out, const char *path, const char *const argv[])
 {
     CaptureBuffer captures[1];
-
-    *out = nullptr;
     const int result = run_captured(captures, path, argv);
     *out = release_text(&captures[0]);
     return result;

@@ -103,6 +103,7 @@ TEST_F(ReportError, NoSystemErrorLineWithoutErrno)
 TEST_F(ReportError, TrailingNewlineIsNotDoubled)
 {
     EXPECT_EQ(reported("text\n", 0), "text\n");
+    EXPECT_EQ(reported("\n", 0), "\n");
 }
 
 TEST_F(ReportError, SystemErrorOfATextWithANewlineStandsAfterABlankLine)

@@ -68,6 +68,15 @@ TEST_F(ForkExecvPipes, NullDeviceIsInstalledWhereTheStreamWasClosed)
     EXPECT_EQ(seen.find("0 1 2 /dev/null "), 0U) << seen;
 }
 
+TEST_F(ForkExecvPipes, StreamThatWasClosedAndIsLeftSoMakesRoomForAnother)
+{
+    EXPECT_EQ(in_child([] {
+                  close_streams(1);
+                  return std::to_string(raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({"exit", "3"}))));
+              }),
+              std::to_string(3 << 8));
+}
+
 TEST_F(ForkExecvPipes, OtherDescriptorIsInstalledAndClosed)
 {
     const TempDir folder;
