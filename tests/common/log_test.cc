@@ -317,9 +317,9 @@ TEST_F(SyslogLog, LevelSetsTheMaskAndTheEnvironmentRaisesItOnRequest)
         {0x0b, "2", "setlogmask 0x0f"},     {0x0b, "9", "setlogmask 0x0f"},
         {0x0b, "66", "setlogmask 0x0f"},    {0x0b, "", "setlogmask 0x0f"},
         {0x0b, "7", "setlogmask 0xff"},     {0x08, "0", "setlogmask 0x01"},
-        {0x0b, "8", "setlogmask 0x0f"},     {0x0b, "/", "setlogmask 0x0f"},
-        {0x0b, "x", "setlogmask 0x0f"},     {0x03, "6", "setlogmask 0x0f"},
-        {0x03, "7", "setlogmask 0x0f"},
+        {0x08, "x", "setlogmask 0x01"},     {0x0b, "8", "setlogmask 0x0f"},
+        {0x0b, "/", "setlogmask 0x0f"},     {0x0b, "x", "setlogmask 0x0f"},
+        {0x03, "6", "setlogmask 0x0f"},     {0x03, "7", "setlogmask 0x0f"},
     };
 
     init_syslog(LOG_ERR);
@@ -340,6 +340,14 @@ TEST_F(SyslogLog, TraceIdOfTheEnvironmentIsIgnoredWithoutTheOption)
     init_syslog(LOG_ERR);
     log_message(LOG_ERR, "text");
     EXPECT_EQ(syslog_.take_lines(), Lines{"3 text"});
+}
+
+TEST_F(SyslogLog, NoTraceIdIsExportedWithoutTheOption)
+{
+    const EnvironmentVariable variable("KOLMO_LOG_TRACE_ID", "");
+
+    init_syslog(LOG_ERR);
+    EXPECT_EQ(variable.get(), "");
 }
 
 TEST_F(TracedLog, IdIsMadeOfNameAndProcessIdAndExported)
@@ -371,13 +379,15 @@ TEST_F(TracedLog, ProgramWithoutANameHasNoId)
 
 TEST_F(TracedLog, InheritedIdIsKeptAndCutAt63Characters)
 {
-    const std::string inherited(64, 't');
-    const EnvironmentVariable variable("KOLMO_LOG_TRACE_ID", inherited.c_str());
+    for (const std::size_t length : {1, 63, 64}) {
+        const std::string inherited(length, 't');
+        const EnvironmentVariable variable("KOLMO_LOG_TRACE_ID", inherited.c_str());
 
-    init_syslog(LOG_ERR, LOG_TRACE_ID);
-    log_message(LOG_ERR, "text");
-    EXPECT_EQ(syslog_.take_lines(), Lines{"3 " + std::string(63, 't') + ": text"});
-    EXPECT_EQ(variable.get(), inherited);
+        init_syslog(LOG_ERR, LOG_TRACE_ID);
+        log_message(LOG_ERR, "text");
+        EXPECT_EQ(syslog_.take_lines(), Lines{"3 " + inherited.substr(0, 63) + ": text"});
+        EXPECT_EQ(variable.get(), inherited);
+    }
 }
 
 TEST_F(TracedLog, MessageIsCutAt8191CharactersWithTheId)

@@ -249,9 +249,17 @@ TEST_F(HandlerListTest, FailedAppendKeepsWhatTheListHeld)
     EXPECT_EQ(texts_of(list).size(), 1U);
 }
 
-TEST_F(HandlerListTest, AppendOfNoRecordCannotBeCloned)
+TEST_F(HandlerListTest, AppendOfNoRecordCannotBeClonedWhichIsLoggedWhenTheNodeIsFreed)
 {
+    std::vector<const void *> nodes;
+
+    nodes.reserve(1);
+    log.on_line = [] {
+        freed = nullptr;
+    };
+    freed = &nodes;
     EXPECT_EQ(handler_list_append(&list, nullptr), -1);
+    EXPECT_EQ(nodes.size(), 1U);
     EXPECT_EQ(log.take_one(), "3 Unable to clone handlers data record");
     EXPECT_EQ(list.head, nullptr);
 }

@@ -469,11 +469,11 @@ TEST_F(RestoreResponderAttachments, NoMemoryForTheGrowthIsReportedAndNothingWrit
 /* 511 names and three arrays of them; what comes next is the mailname's. */
 TEST_F(RestoreResponderAttachments, RoomDoubles)
 {
-    add_files(511);
+    add_files(512);
 
-    EXPECT_EQ(restore_without_memory(514), -1);
+    EXPECT_EQ(restore_without_memory(516), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to reallocate memory for responder attachments");
-    EXPECT_EXIT((void)restore_without_memory(515), ::testing::ExitedWithCode(1), "^Cannot allocate memory: ");
+    EXPECT_EXIT((void)restore_without_memory(517), ::testing::ExitedWithCode(1), "^Cannot allocate memory: ");
 }
 
 TEST_F(RestoreResponderAttachments, NoMemoryForANameIsReportedAndNothingWritten)
