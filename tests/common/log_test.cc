@@ -379,7 +379,7 @@ TEST_F(TracedLog, ProgramWithoutANameHasNoId)
 
 TEST_F(TracedLog, InheritedIdIsKeptAndCutAt63Characters)
 {
-    for (const std::size_t length : {1, 63, 64}) {
+    for (const unsigned int length : {1U, 63U, 64U}) {
         const std::string inherited(length, 't');
         const EnvironmentVariable variable("KOLMO_LOG_TRACE_ID", inherited.c_str());
 
