@@ -83,7 +83,7 @@ pid_t fork_execv_pipes(int fd_in, int fd_out, int fd_err, const char *path, cons
 int wait_child(pid_t pid, const char *name, int *status)
 {
     const char *program = name != nullptr ? name : "<unknown>";
-    int own_status;
+    int own_status = 0;
     int *wait_status = status != nullptr ? status : &own_status;
 
     if (pid < 0) {

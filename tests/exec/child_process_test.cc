@@ -70,11 +70,12 @@ TEST_F(ForkExecvPipes, NullDeviceIsInstalledWhereTheStreamWasClosed)
 
 TEST_F(ForkExecvPipes, StreamThatWasClosedAndIsLeftSoMakesRoomForAnother)
 {
-    EXPECT_EQ(in_child([] {
-                  close_streams(1);
-                  return std::to_string(raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({"exit", "3"}))));
-              }),
-              std::to_string(3 << 8));
+    EXPECT_EQ(
+        in_child([] {
+            close_streams(1);
+            return std::to_string(raw_status(fork_execv_pipes(0, -1, 2, helper, Orders({"exit", "3"}))));
+        }),
+        std::to_string(3 << 8));
 }
 
 TEST_F(ForkExecvPipes, OtherDescriptorIsInstalledAndClosed)
