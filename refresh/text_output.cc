@@ -60,6 +60,7 @@ void tell(const Words &words)
     try {
         words();
     } catch (const std::system_error &) {
+        return; /* where it was to be told, that cannot be told either */
     }
 }
 

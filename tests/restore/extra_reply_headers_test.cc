@@ -56,6 +56,12 @@ void *operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
+/* Of the test library's own; never one that is to fail. */
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept
+{
+    return std::malloc(size);
+}
+
 void operator delete(void *memory) noexcept
 {
     std::free(memory);
