@@ -148,9 +148,7 @@ TEST_F(CompanyTest, WhatOthersWriteWhileStoresArePublishedIsNeverLost)
         });
         Writer replies(board, 2, [&](int round) {
             /* The panel has it first, so the live store may have got it by a publication already. */
-            const std::string reply =
-                "REPLACE" +
-                sql_reply("r" + std::to_string(round) + "@x.test", "R").substr(std::string("INSERT").size());
+            const std::string reply = sql_reply("r" + std::to_string(round) + "@x.test", "R");
             const bool is_written = write_to(panel, reply) && write_to(world.paths.live_responder, reply);
 
             board->replies = round;

@@ -20,7 +20,7 @@ Lines tables_of(sqlite3 *connection)
 
 std::string sql_reply(const std::string &address, const std::string &body)
 {
-    return "INSERT INTO autoresponder VALUES ('" + address +
+    return "INSERT OR REPLACE INTO autoresponder VALUES ('" + address +
            "', 'key', 'where', 'subject', '', '', 'text/plain', "
            "'UTF-8', '" +
            body + "', 1, 2, 'owner');";
