@@ -466,7 +466,7 @@ TEST_F(RestoreResponderAttachments, NoMemoryForTheGrowthIsReportedAndNothingWrit
     EXPECT_EQ(store.rows(), Lines{});
 }
 
-/* 511 names and three arrays of them; what comes next is the mailname's. */
+/* 512 names and four arrays of them; what comes next is the mailname's. */
 TEST_F(RestoreResponderAttachments, RoomDoubles)
 {
     add_files(512);
