@@ -1,7 +1,7 @@
 /*
  * After a rebuild that ended with 0 and in silence, of a panel that meets no limit, there is nothing to find.
  *
- * KOLMO_VERIFY_PANELS: how many random panels; 250 without it.  KOLMO_VERIFY_SEED: the first one's seed.
+ * KOLMO_VERIFY_PANELS: how many random panels; 500 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
 #include <cstdlib>
 #include <random>
@@ -161,7 +161,7 @@ class LawTest : public VerifyTest
 
 TEST_F(LawTest, ASilentRebuildLeavesNothingToFind)
 {
-    const int count = number_from_environment("KOLMO_VERIFY_PANELS", 250);
+    const int count = number_from_environment("KOLMO_VERIFY_PANELS", 500);
     const int first = number_from_environment("KOLMO_VERIFY_SEED", 1);
     unsigned long mailboxes = 0;
     const std::string no_handlers = "DELETE FROM handlers WHERE name = 'autoresponder'";
