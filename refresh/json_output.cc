@@ -35,13 +35,14 @@ public:
 
     void end(const RefreshEnd &end) override
     {
-        if (!quiet_)
+        if (is_told(end.result, quiet_))
             print_json_line({{"refresh",
                               {{"published", is_published(end.result)},
                                {"reason", result_name(end.result)},
                                {"added", end.counts.of(ChangeKind::added)},
                                {"changed", end.counts.of(ChangeKind::changed)},
                                {"removed", end.counts.of(ChangeKind::removed)},
+                               {"replaced", end.replaces_responder},
                                {"seconds", end.seconds}}}});
     }
 

@@ -122,7 +122,6 @@ int LiveStores::open()
         db_.reset();
         return -1;
     }
-    remove_stale_lists();
     return 0;
 }
 
@@ -350,7 +349,6 @@ void LiveStores::roll_back()
         db_.reset();
 }
 
-/* Of a writer, like us, that was killed when it had both stores locked, or of a commit that failed. */
 void LiveStores::remove_stale_lists()
 {
     if (db_ == nullptr || stale_journal_lists(handlers_).empty() || try_to("BEGIN IMMEDIATE") != SQLITE_OK)

@@ -69,6 +69,9 @@ public:
     [[nodiscard]] int commit();
     void roll_back();
 
+    /* Of a writer, like us, that was killed when it had both stores locked, or of a commit that failed. */
+    void remove_stale_lists();
+
     /* SQLite's words for what failed last. */
     [[nodiscard]] std::string detail() const;
 
@@ -84,7 +87,6 @@ private:
     [[nodiscard]] int execute(const char *sql);
     [[nodiscard]] int try_to(const char *begin);
     [[nodiscard]] std::optional<std::int64_t> data_version();
-    void remove_stale_lists();
     int tell(const std::string &what);
 
     std::string handlers_;

@@ -35,6 +35,9 @@ enum class Result {
 /* The exit status. */
 [[nodiscard]] int result_status(Result result);
 
+/* Whether it is told how it ended: what was published in part is told in any case. */
+[[nodiscard]] bool is_told(Result result, bool quiet);
+
 /* A look at the staged stores. */
 struct StagedLook {
     int status = 2; /* as verify_stores returned it */
@@ -46,6 +49,7 @@ struct StagedLook {
 struct RefreshEnd {
     Result result = Result::trouble;
     ChangeCounts counts;
+    bool replaces_responder = false; /* the whole file, whatever rows differ */
     double seconds = 0;
 };
 
@@ -72,7 +76,7 @@ public:
 };
 
 /* For people: troubles and notes on standard error, the rest on standard output.  quiet leaves out notes,
-   what mends findings, and how it ended when it ended well. */
+   what mends findings, and how it ended unless that was in part. */
 [[nodiscard]] std::unique_ptr<RefreshOutput> make_refresh_text_output(bool quiet, bool color);
 
 /* For programs: an object a line, everything on standard output. */

@@ -358,10 +358,15 @@ Publisher::Publisher(PublishPaths paths, int wait_seconds, PublishSink sink)
 
 Publisher::~Publisher() = default;
 
-int Publisher::open_live()
+int Publisher::open_live(bool tidies)
 {
-    live_->remove_leftover();
-    return live_->stores.open();
+    if (tidies)
+        live_->remove_leftover();
+    if (live_->stores.open() != 0)
+        return -1;
+    if (tidies)
+        live_->stores.remove_stale_lists();
+    return 0;
 }
 
 int Publisher::copy_handlers()

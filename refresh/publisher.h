@@ -83,15 +83,15 @@ public:
     Publisher &operator=(const Publisher &) = delete;
 
     /*
-     * Opens both live stores and keeps in mind how they are.  A hot journal is rolled back, and what a killed
-     * process of ours left beside the stores is removed.  A responder store that is missing, empty, no
-     * database or damaged is no failure: it will be replaced whole.  Not while this process has another
-     * connection to a store.
+     * Opens both live stores and keeps in mind how they are.  A hot journal is rolled back.  A responder
+     * store that is missing, empty, no database or damaged is no failure: it will be replaced whole.  Not
+     * while this process has another connection to a store.
      *
+     * tidies  whether what a killed process of ours left beside the stores is removed
      * Returns 0, or -1 after telling the trouble: the handlers store is missing or no database, a store is in
      * WAL mode (in which a commit over two files is not one), locked, or cannot be read or written.
      */
-    [[nodiscard]] int open_live();
+    [[nodiscard]] int open_live(bool tidies = true);
 
     /* Copies the live handlers store, by SQLite's backup interface, to staged_handlers and handlers_before,
        mode 0600; owner and mode are the caller's affair.  Returns 0, or -1 after telling the trouble. */

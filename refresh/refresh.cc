@@ -75,6 +75,7 @@ private:
     [[nodiscard]] int run_child(int *status);
     [[nodiscard]] int look_at_stores();
     void take_finding(Finding finding);
+    [[nodiscard]] bool is_in_part() const { return rebuild_failed_ || look_->summary.rebuild > 0; }
 
     const RefreshOptions &options_;
     RefreshOutput *output_;
@@ -93,6 +94,7 @@ private:
     std::vector<HandlerKey> prune_;
     std::vector<Change> rows_;
     ChangeCounts counts_;
+    bool replaces_responder_ = false;
     std::optional<HoldSignals> held_; /* while the live stores are locked */
     std::vector<std::string> said_under_lock_;
 };
@@ -168,14 +170,16 @@ int Refresh::run_child(int *status)
 
 std::optional<Result> Refresh::stage(Publisher *publisher)
 {
-    if (options_.dry_run && has_hot_journal(responder_db_path)) {
+    for (const char *const store : {responder_db_path, handlers_db_path}) {
+        if (!options_.dry_run || !has_hot_journal(store))
+            continue;
         trouble_(
-            std::string(responder_db_path) +
+            std::string(store) +
             " has a hot journal, which a dry run does not touch: without --dry-run it is rolled back first");
         return Result::trouble;
     }
-    if (staging_.prepare(trouble_) != 0 || publisher->open_live() != 0 || publisher->copy_handlers() != 0 ||
-        staging_.adopt_handlers(trouble_) != 0)
+    if (staging_.prepare(trouble_) != 0 || publisher->open_live(!options_.dry_run) != 0 ||
+        publisher->copy_handlers() != 0 || staging_.adopt_handlers(trouble_) != 0)
         return Result::trouble;
     return std::nullopt;
 }
@@ -205,13 +209,15 @@ std::optional<Result> Refresh::rebuild(Publisher *publisher)
     return std::nullopt;
 }
 
-/* With --prune a stale handler is removed, not found; one behind which a limit stands would come again. */
+/* With --prune a stale handler is removed, not found; one behind which a limit stands would come again. After
+   a rebuild that failed nothing is removed. */
 void Refresh::take_finding(Finding finding)
 {
     const std::string staged = staging_.paths().staged_handlers;
     const std::size_t place = finding.command.find(staged);
 
-    if (finding.code == &code_handler_stale && finding.limit == nullptr && options_.prune) {
+    if (finding.code == &code_handler_stale && finding.limit == nullptr && options_.prune &&
+        !rebuild_failed_) {
         prune_.push_back({finding.handler.queue, finding.handler.type, finding.address});
         look_->summary.manual--;
         return;
@@ -281,7 +287,6 @@ std::optional<Result> Refresh::look(bool is_last)
 
 std::optional<Result> Refresh::compare(Publisher *publisher)
 {
-    const bool in_part = rebuild_failed_ || look_->summary.rebuild > 0;
     std::function<void(const Change &)> each;
 
     if (options_.rows)
@@ -290,10 +295,11 @@ std::optional<Result> Refresh::compare(Publisher *publisher)
         };
     if (publisher->compare({.removes = !rebuild_failed_, .prune = prune_}, each, &counts_) != 0)
         return Result::trouble;
-    if (options_.dry_run && (counts_.all() > 0 || publisher->replaces_responder()))
-        return Result::dry_run;
-    if (options_.dry_run || (counts_.all() == 0 && !publisher->replaces_responder() && !in_part))
+    replaces_responder_ = publisher->replaces_responder();
+    if (counts_.all() == 0 && !replaces_responder_ && !is_in_part())
         return Result::nothing_to_do;
+    if (options_.dry_run)
+        return Result::dry_run;
     return std::nullopt;
 }
 
@@ -319,7 +325,7 @@ std::optional<Result> Refresh::publish(Publisher *publisher, bool is_last)
         return Result::published_in_part;
     if (result == PublishResult::changed_meanwhile)
         return Result::changed_meanwhile;
-    return rebuild_failed_ || look_->summary.rebuild > 0 ? Result::published_in_part : Result::published;
+    return is_in_part() ? Result::published_in_part : Result::published;
 }
 
 std::optional<Result> Refresh::attempt(bool is_last)
@@ -370,6 +376,7 @@ RefreshEnd Refresh::run()
         for (const Change &row : rows_)
             output_->change(row);
         end.counts = counts_;
+        end.replaces_responder = replaces_responder_;
     }
     return end;
 }

@@ -45,4 +45,9 @@ int result_status(Result result)
     return row_of(result).status;
 }
 
+bool is_told(Result result, bool quiet)
+{
+    return !quiet || result == Result::published_in_part;
+}
+
 } // namespace kolmo

@@ -41,12 +41,12 @@ std::string counts_of_table(const ChangeCounts &counts, std::size_t table)
     return text;
 }
 
-std::string counts_text(const ChangeCounts &counts)
+std::string changes_text(const RefreshEnd &end)
 {
-    std::string text;
+    std::string text = end.replaces_responder ? "the responder store's file replaced" : "";
 
     for (std::size_t table = 0; table < changed_tables; table++) {
-        const std::string part = counts_of_table(counts, table);
+        const std::string part = counts_of_table(end.counts, table);
 
         text += (text.empty() || part.empty() ? "" : "; ") + part;
     }
@@ -115,23 +115,23 @@ private:
 
 void TextOutput::print_end(const RefreshEnd &end) const
 {
-    if (!quiet_ || end.result == Result::published_in_part) {
-        switch (end.result) {
-        case Result::published:
-            fmt::print("{}\n", counts_text(end.counts));
-            break;
-        case Result::published_in_part:
-            fmt::print("published in part: {}\n", counts_text(end.counts));
-            break;
-        case Result::nothing_to_do:
-            fmt::print("nothing to do: the live stores are as a rebuild makes them\n");
-            break;
-        case Result::dry_run:
-            fmt::print("would publish: {}\n", counts_text(end.counts));
-            break;
-        default: /* the trouble was told */
-            break;
-        }
+    if (!is_told(end.result, quiet_))
+        return;
+    switch (end.result) {
+    case Result::published:
+        fmt::print("{}\n", changes_text(end));
+        break;
+    case Result::published_in_part:
+        fmt::print("published in part: {}\n", changes_text(end));
+        break;
+    case Result::nothing_to_do:
+        fmt::print("nothing to do: the live stores are as a rebuild makes them\n");
+        break;
+    case Result::dry_run:
+        fmt::print("would publish: {}\n", changes_text(end));
+        break;
+    default: /* the trouble was told */
+        break;
     }
 }
 

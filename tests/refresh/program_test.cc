@@ -105,6 +105,30 @@ const Situation situations[] = {
      1,
      "published in part: 3 replies changed\n",
      Live::other},
+    {"the same when nothing differs",
+     [](auto &panel) {
+         panel.execute("UPDATE mail_resp SET subject = 'Away'");
+         without_reply(panel, 3);
+     },
+     {"--partial"},
+     1,
+     "published in part: nothing\n",
+     Live::untouched},
+    {"the same, dry",
+     [](auto &panel) {
+         panel.execute("UPDATE mail_resp SET subject = 'Away'");
+         without_reply(panel, 3);
+     },
+     {"--partial", "-n"},
+     1,
+     "would publish: nothing\n",
+     Live::untouched},
+    {"published in part, for programs, quietly",
+     [](auto &panel) { without_reply(panel, 3); },
+     {"--partial", "--json", "-q"},
+     1,
+     "{\"refresh\":{\"published\":true,\"reason\":\"published-in-part\"",
+     Live::other},
     {"a utility that fails",
      [](auto &) { write_utility("echo sorry >&2; exit 3"); },
      {},
@@ -160,7 +184,7 @@ const Situation situations[] = {
      [](auto &) { fs::remove(responder_store); },
      {},
      0,
-     "4 replies added\n",
+     "the responder store's file replaced; 4 replies added\n",
      Live::fresh},
     {"garbage in its place",
      [](auto &) { write_over_store(responder_store, std::string(9000, 'x')); },
@@ -174,20 +198,29 @@ const Situation situations[] = {
      0,
      "has other tables than a rebuild makes: it is replaced whole",
      Live::fresh},
-    {"the same, published in part",
+    {"another index only, dry",
+     [](auto &panel) {
+         panel.execute("UPDATE mail_resp SET subject = 'Away'");
+         change_store(responder_store, "CREATE INDEX other ON attachments (filename)");
+     },
+     {"-n"},
+     1,
+     "would publish: the responder store's file replaced\n",
+     Live::untouched},
+    {"a missing one, published in part",
      [](auto &panel) {
          without_reply(panel, 3);
          fs::remove(responder_store);
      },
      {"--partial"},
      1,
-     "published in part: 3 replies added\n",
+     "published in part: the responder store's file replaced; 3 replies added\n",
      Live::other},
-    {"the same, dry",
+    {"garbage in its place, dry",
      [](auto &) { write_over_store(responder_store, "garbage"); },
      {"-n"},
      1,
-     "would publish: 4 replies added\n",
+     "would publish: the responder store's file replaced; 4 replies added\n",
      Live::untouched},
     {"a hot journal",
      [](auto &) { kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'"); },
@@ -385,21 +418,38 @@ TEST_F(ProgramTest, ReadOnlyStoresAreTrouble)
     EXPECT_EQ(::umount2(folder.c_str(), MNT_DETACH), 0);
 }
 
-TEST_F(ProgramTest, HotJournalIsNoAffairOfADryRun)
+TEST_F(ProgramTest, WhatAKilledWriterHasLeftIsNoAffairOfADryRun)
 {
-    kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'");
+    const std::pair<std::string, const char *> writers[] = {
+        {responder_store, "UPDATE autoresponder SET body = 'x'"},
+        {handlers_store, "UPDATE handlers SET context = 'x'"},
+    };
+    const std::string leftovers[] = {responder_store + "-refresh", handlers_store + "-mj012345678"};
 
-    const FileState journal(responder_store + "-journal");
-    const FileState store(responder_store);
-    const ProgramResult result = refresh({"-n"});
+    for (const auto &[store, sql] : writers) {
+        kill_writer(store, sql);
 
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(unwrapped(result.err).find("has a hot journal, which a dry run does not touch"),
-              std::string::npos)
-        << result.err;
-    expect_untouched(journal);
-    expect_untouched(store);
+        const FileState journal(store + "-journal");
+        const FileState before(store);
+
+        const ProgramResult result = refresh({"-n"});
+
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(unwrapped(result.err).find(store + " has a hot journal, which a dry run does not touch"),
+                  std::string::npos)
+            << result.err;
+        expect_untouched(journal);
+        expect_untouched(before);
+        EXPECT_EQ(refresh().status, 0);
+    }
+    for (const std::string &leftover : leftovers)
+        write_file(leftover, "left", 0600);
+    EXPECT_EQ(refresh({"-n"}).status, 0);
+    for (const std::string &leftover : leftovers)
+        EXPECT_TRUE(fs::exists(leftover)) << leftover;
     EXPECT_EQ(refresh().status, 0);
+    for (const std::string &leftover : leftovers)
+        EXPECT_FALSE(fs::exists(leftover)) << leftover;
 }
 
 TEST_F(ProgramTest, SecondRefreshEndsWithTroubleWhenItsTimeIsOver)
@@ -534,8 +584,13 @@ TEST_F(ProgramTest, RebuildThatLeavesFindingsIsNotPublishedButInPart)
 TEST_F(ProgramTest, RebuildThatFailedRemovesNothing)
 {
     without_reply(*panel, 2);
-    expect_outcome({"--partial"}, 1, "published in part: ", Live::other);
-    EXPECT_EQ(query_store(responder_store, "SELECT count(*) FROM autoresponder"), Lines{"4"});
+    change_store(handlers_store, "INSERT INTO handlers VALUES (" + handler_row("old@a.test") + ")");
+    for (const auto &arguments : {std::vector<std::string>{"--partial"}, {"--partial", "--prune"}}) {
+        expect_outcome(arguments, 1, "published in part: ", Live::other);
+        EXPECT_EQ(query_store(responder_store, "SELECT count(*) FROM autoresponder"), Lines{"4"});
+        EXPECT_EQ(query_store(handlers_store, "SELECT count(*) FROM handlers WHERE address = 'old@a.test'"),
+                  Lines{"1"});
+    }
 }
 
 /* What the rebuild says goes where it would go without the refresh, and its number is the refresh's. */
@@ -609,7 +664,7 @@ TEST_F(ProgramTest, NothingButJsonGoesToStandardOutput)
     EXPECT_EQ(without_chance(result.out),
               "{\"trouble\":\"mail_responders_rebuild has failed with status 255; nothing is published\"}\n"
               "{\"refresh\":{\"published\":false,\"reason\":\"rebuild-failed\",\"added\":0,\"changed\":0,"
-              "\"removed\":0,\"seconds\":0}}\n");
+              "\"removed\":0,\"replaced\":false,\"seconds\":0}}\n");
     EXPECT_NE(result.err.find("mail_responders_control execution failed:"), std::string::npos) << result.err;
 }
 
