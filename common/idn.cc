@@ -46,10 +46,6 @@ enum UrlGroup { URL_WHOLE, URL_SCHEME, URL_USER, URL_HOST, URL_REST, URL_GROUPS 
 
 char url_buffer[4096];
 
-struct FreeRegex {
-    void operator()(regex_t *regex) const noexcept { regfree(regex); }
-};
-
 struct RegexReason {
     char text[4096];
 
@@ -90,7 +86,7 @@ char *or_exit(char *converted, const char *function, const char *argument)
     if (rc != 0)
         report_fatal("regcomp() failed: %s", RegexReason(rc, &compiled).text);
 
-    const std::unique_ptr<regex_t, FreeRegex> regex(&compiled);
+    const std::unique_ptr<regex_t, Release<regfree>> regex(&compiled);
     rc = regexec(regex.get(), url, URL_GROUPS, groups, 0);
     if ((rc == 0 && !matched(groups[URL_HOST])) || (rc == REG_NOMATCH && url[0] == ':')) {
         /* A leading colon starts a port, and the expression cannot see that the host before it is empty. */

@@ -19,6 +19,7 @@ namespace kolmo
  * Returns new text, owned by the caller and released with free, "" for an empty value.  Null without a word
  * when there is no such entry, and for a path that cannot be looked at or is no regular file; null after
  * "Failed to open <path>: <reason>" on standard error, without a newline, when the file cannot be opened.
+ * Reading that fails, or no memory for the text, is null without a word, too.
  *
  * Sets errno to 0 first, so that afterwards it tells of this call only.
  */

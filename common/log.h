@@ -1,7 +1,7 @@
 /*
  * log: the process-wide log function and where it leads.
  *
- * Everything that is reported goes through log_message, with a syslog priority (0 emergency ... 7 debug)
+ * What is logged goes through log_message, with a syslog priority (0 emergency ... 7 debug)
  * and a printf format.  It leads to syslog or to the console, never ends the process and never fails.
  * Before log_init it is the console: priorities 0 to 6, on standard error and on standard output.
  *

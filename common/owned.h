@@ -32,29 +32,24 @@ private:
     const int kept_ = errno;
 };
 
-struct FreeMemory {
-    void operator()(void *memory) const noexcept
-    {
-        const KeepErrno errno_kept; /* POSIX has promised only lately that free(3) does */
-        std::free(memory);
-    }
-};
-
-struct CloseFile {
-    void operator()(std::FILE *file) const noexcept
+/* Releases by the function End.  Even for free(3): POSIX has promised only lately that it keeps errno. */
+template <auto End>
+struct Release {
+    void operator()(auto *held) const noexcept
     {
         const KeepErrno errno_kept;
-        (void)std::fclose(file);
+
+        (void)End(held);
     }
 };
 
 /* Text or a plain record from malloc and its relatives, freed at the end of its scope. */
 template <typename T>
-using Owned = std::unique_ptr<T, FreeMemory>;
-using OwnedText = std::unique_ptr<char[], FreeMemory>;
+using Owned = std::unique_ptr<T, Release<std::free>>;
+using OwnedText = std::unique_ptr<char[], Release<std::free>>;
 
 /* A stdio stream; the result of closing is not looked at, so only for streams that are read. */
-using OwnedFile = std::unique_ptr<std::FILE, CloseFile>;
+using OwnedFile = std::unique_ptr<std::FILE, Release<std::fclose>>;
 
 /* A list with functions of its own to begin and to free it, for the length of a scope. */
 template <typename List, auto Init, auto Free>
@@ -66,6 +61,11 @@ public:
     ~OwnedList() { Free(&list_); }
 
     [[nodiscard]] List *get() noexcept { return &list_; }
+    void reset() noexcept
+    {
+        Free(&list_);
+        (void)Init(&list_);
+    }
 
 private:
     List list_;

@@ -7,6 +7,8 @@
 
 #include <memory>
 
+#include "common/owned.h"
+
 namespace kolmo
 {
 
@@ -39,9 +41,6 @@ using StringArray = char **;
 void string_array_free(StringArray array);
 
 /* An owner of such an array. */
-struct FreeStringArray {
-    void operator()(char **array) const noexcept { string_array_free(array); }
-};
-using OwnedStringArray = std::unique_ptr<char *[], FreeStringArray>;
+using OwnedStringArray = std::unique_ptr<char *[], Release<string_array_free>>;
 
 } // namespace kolmo

@@ -17,10 +17,7 @@ namespace kolmo
 namespace
 {
 
-struct CloseDirectory {
-    void operator()(DIR *directory) const noexcept { (void)::closedir(directory); }
-};
-using OwnedDirectory = std::unique_ptr<DIR, CloseDirectory>;
+using OwnedDirectory = std::unique_ptr<DIR, Release<::closedir>>;
 
 /* The descriptor that an entry's name stands for, or -1 when it is not a plain decimal number. */
 int descriptor_number(const char *name)

@@ -80,7 +80,8 @@ int handler_list_init(HandlerList *list);
  * Adds a deep copy of `record` at the head; the caller's record stays the caller's.
  *
  * Returns 0, or -1 when memory ran out, after logging "System error: %s" (the system's text) for the entry
- * itself or, for its copy of the record, that and then "Unable to clone handlers data record".
+ * itself or, for its copy of the record, that and then "Unable to clone handlers data record"; or -1 after
+ * the latter alone when `record` is null.
  */
 [[nodiscard]] int handler_list_append(HandlerList *list, const HandlerRecord *record);
 

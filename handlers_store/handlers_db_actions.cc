@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "common/log.h"
-#include "common/owned.h"
 #include "handlers_store/global_address.h"
 #include "handlers_store/handlers_store_op.h"
 
@@ -39,11 +38,9 @@ bool is_wildcard(const HandlerRecord *record)
 /* Gives an owning record the address "all". */
 int set_address_all(HandlerRecord *record)
 {
-    char *const all = strdup(address_all);
-
     std::free(const_cast<char *>(record->address));
-    record->address = all;
-    if (all != nullptr)
+    record->address = strdup(address_all);
+    if (record->address != nullptr)
         return 0;
     log_message(LOG_ERR, "System error: %s", std::strerror(errno));
     return -1;

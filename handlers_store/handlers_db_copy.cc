@@ -99,8 +99,10 @@ Ending copy_handlers(StoreOp &op, CopyPlan *plan)
 
     const Ending added = run_actions(op, list.get(), handlers_db_insert_action);
 
-    if (added == Ending::failed)
+    if (added == Ending::failed) {
+        list.reset(); /* first: the log may need the memory */
         log_message(LOG_ERR, "Unable to add records into handlers database");
+    }
     return added;
 }
 

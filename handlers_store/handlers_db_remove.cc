@@ -8,6 +8,21 @@
 namespace kolmo
 {
 
+namespace
+{
+
+/* Every row has an address; a copy that has lost it for want of memory would stand for all of them. */
+bool has_addresses(const HandlerList *list)
+{
+    const HandlerNode *node = list->head;
+
+    while (node != nullptr && node->record->address != nullptr)
+        node = node->next;
+    return node == nullptr;
+}
+
+} // namespace
+
 int handlers_db_exec_with_param(StoreConnection *connection, const char *sql, const char *parameter)
 {
     const std::array binds = {bind_text(parameter, "Unable to bind parameter param to query: %s")};
@@ -36,7 +51,10 @@ int handlers_db_remove_domain(StoreConnection *connection, const char *domain)
     /* The read and the deletes never share a connection of our own: that of the read is read-only. */
     const Ending read = with_handlers_store(connection, OpenMode::read_only, [&](StoreOp &op) {
         opened = true;
-        return select_by_address(op, list.get(), domain, false);
+
+        const Ending rows = select_by_address(op, list.get(), domain, false);
+
+        return rows == Ending::done && !has_addresses(list.get()) ? Ending::failed : rows;
     });
 
     if (read == Ending::failed && opened)
@@ -49,6 +67,7 @@ int handlers_db_remove_domain(StoreConnection *connection, const char *domain)
     });
 
     /* The copy's message for a deletion: docs/compatibility.md. */
+    list.reset();
     if (removed == Ending::failed)
         log_message(LOG_ERR, "Unable to add records into handlers database");
     return to_result(removed);

@@ -44,10 +44,7 @@ static_assert(known_variable_count == _MAX_POSSIBLE_QSX_CONF_VAR_NAME + 1);
 QsxConfStore *loaded_store;
 const char *cached_values[known_variable_count];
 
-struct FreeStore {
-    void operator()(QsxConfStore *store) const noexcept { conf_store_free(store); }
-};
-using OwnedStore = std::unique_ptr<QsxConfStore, FreeStore>;
+using OwnedStore = std::unique_ptr<QsxConfStore, Release<conf_store_free>>;
 
 bool is_name_character(char c)
 {

@@ -26,6 +26,8 @@ extern const char *panel_shadow_path;
 struct WipeMemory {
     void operator()(char *secret) const noexcept
     {
+        const KeepErrno errno_kept;
+
         explicit_bzero(secret, malloc_usable_size(secret));
         std::free(secret);
     }

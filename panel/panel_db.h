@@ -16,24 +16,8 @@
 namespace kolmo
 {
 
-struct ClosePanelConnection {
-    void operator()(MYSQL *connection) const noexcept
-    {
-        const KeepErrno errno_kept;
-        mysql_close(connection);
-    }
-};
-
-struct FreePanelResult {
-    void operator()(MYSQL_RES *result) const noexcept
-    {
-        const KeepErrno errno_kept;
-        mysql_free_result(result);
-    }
-};
-
-using PanelConnection = std::unique_ptr<MYSQL, ClosePanelConnection>;
-using PanelResult = std::unique_ptr<MYSQL_RES, FreePanelResult>;
+using PanelConnection = std::unique_ptr<MYSQL, Release<mysql_close>>;
+using PanelResult = std::unique_ptr<MYSQL_RES, Release<mysql_free_result>>;
 
 /*
  * panel_db_connect_ex with a failure's text reported through report_error (an empty one when the library gave

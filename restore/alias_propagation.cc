@@ -13,17 +13,17 @@ namespace kolmo
 namespace
 {
 
-int restore_alias(const char *domain, const char *alias)
+bool restore_alias(const char *domain, const char *alias)
 {
     if (handlers_db_copy(nullptr, nullptr, domain, nullptr, alias) != 0) {
         log_message(LOG_ERR, "Unable to set mail handlers for domain alias %s", alias);
-        return 1;
+        return false;
     }
     if (copy_responders_to_alias(&responder_db, domain, alias) != 0) {
         log_message(LOG_ERR, "Unable to sync configuration for domain alias %s", alias);
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 /*
@@ -55,7 +55,7 @@ int restore_alias_responders(const char *domain_id, const char *domain)
     if (aliases == nullptr)
         return -1;
     while (const MYSQL_ROW row = mysql_fetch_row(aliases.get())) {
-        if (restore_alias(domain, panel_text(row[0])) != 0)
+        if (!restore_alias(domain, panel_text(row[0])))
             return 1;
     }
     return 0;

@@ -15,6 +15,7 @@ namespace kolmo
  * Returns 0; -1 after logging, at priority 3, "Unable to generate query for domain aliases" or "Unable to
  * query domain aliases: %s" (the server's text); 1 after "Unable to set mail handlers for domain alias %s" or
  * "Unable to sync configuration for domain alias %s" (the alias), which leave the aliases that follow.
+ * An address that is too long to be copied ends the process: handlers_db_copy.
  */
 [[nodiscard]] int restore_alias_responders(const char *domain_id, const char *domain);
 

@@ -41,7 +41,7 @@ public:
     [[nodiscard]] int add(const char *name);
 
 private:
-    std::unique_ptr<char *[], FreeMemory> names_;
+    std::unique_ptr<char *[], Release<std::free>> names_;
     int capacity_ = 0;
     int count_ = 0;
 };
@@ -176,18 +176,18 @@ int restore_mailboxes(const DomainWalk &walk, char *const *mail_names, char *con
     return result;
 }
 
-int restore_mail_names(const char *mail_names, const char *mail_ids, const char *domain)
+bool restore_mail_names(const char *mail_names, const char *mail_ids, const char *domain)
 {
     /* Handlers first, so that a failed registration leaves the store untouched for this domain. */
     if (set_autoresponder_handlers(mail_names, domain, HANDLER_ACTION_ADD) != 0) {
         log_message(LOG_ERR, "Unable to reconfigure autoresponder for domain %s", domain);
-        return 1;
+        return false;
     }
     if (load_domain_responders(panel_db, &responder_db, mail_names, mail_ids, domain) != 0) {
         log_message(LOG_ERR, "Unable to sync configuration of autoresponder for domain %s", domain);
-        return 1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
 } // namespace
@@ -204,7 +204,7 @@ int restore_domain_responders(const char *domain_id, const char *domain)
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         const char *const mail_names = panel_text(row[0]);
 
-        if (*mail_names != '\0' && restore_mail_names(mail_names, panel_text(row[1]), domain) != 0)
+        if (*mail_names != '\0' && !restore_mail_names(mail_names, panel_text(row[1]), domain))
             return 1;
     }
     return 0;
@@ -218,9 +218,10 @@ int load_domain_responders(MYSQL *panel, StoreConnection *connection, const char
     if (query_responders(panel, mail_ids, list.get()) != 0)
         return -1;
 
-    const OwnedStringArray names(string_array_split(mail_names, ","));
+    OwnedStringArray names(string_array_split(mail_names, ","));
 
     if (names == nullptr) {
+        list.reset(); /* first, here and below: the log may need the memory */
         log_message(LOG_ERR, "Unable to split mail names list: out of memory");
         return -1;
     }
@@ -228,6 +229,8 @@ int load_domain_responders(MYSQL *panel, StoreConnection *connection, const char
     const OwnedStringArray ids(string_array_split(mail_ids, ","));
 
     if (ids == nullptr) {
+        names.reset();
+        list.reset();
         log_message(LOG_ERR, "Unable to split mail id's list: out of memory");
         return -1;
     }

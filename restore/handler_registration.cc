@@ -69,6 +69,34 @@ int add_mailbox(HandlerList *list, const char *mail_name, char *const *domains)
     return 0;
 }
 
+/*
+ * All mailboxes in all domains; one that fails does not keep the next from being looked at.
+ *
+ * Returns 0; 1 when a mailbox failed; -1 when a list could not be split.  Each is logged.
+ */
+int add_mailboxes(HandlerList *list, const char *mail_names, const char *domains)
+{
+    int result = 0;
+    const OwnedStringArray names(string_array_split(mail_names, list_delimiters));
+
+    if (names == nullptr) {
+        log_message(LOG_ERR, "Unable to split mailnames list");
+        return -1;
+    }
+
+    const OwnedStringArray domain_names(string_array_split(domains, list_delimiters));
+
+    if (domain_names == nullptr) {
+        log_message(LOG_ERR, "Unable to split domains list");
+        return -1;
+    }
+    for (char **name = names.get(); *name != nullptr; name++) {
+        if (add_mailbox(list, *name, domain_names.get()) != 0)
+            result = 1;
+    }
+    return result;
+}
+
 int apply(const HandlerList *list, int action)
 {
     switch (action) {
@@ -85,29 +113,15 @@ int apply(const HandlerList *list, int action)
 
 int set_autoresponder_handlers(const char *mail_names, const char *domains, int action)
 {
-    const OwnedStringArray names(string_array_split(mail_names, list_delimiters));
-
-    if (names == nullptr) {
-        log_message(LOG_ERR, "Unable to split mailnames list");
-        return -1;
-    }
-
-    const OwnedStringArray domain_names(string_array_split(domains, list_delimiters));
-
-    if (domain_names == nullptr) {
-        log_message(LOG_ERR, "Unable to split domains list");
-        return -1;
-    }
-
     OwnedHandlerList list;
-    bool complete = true;
+    const int added = add_mailboxes(list.get(), mail_names, domains);
 
-    for (char **name = names.get(); *name != nullptr; name++) {
-        if (add_mailbox(list.get(), *name, domain_names.get()) != 0)
-            complete = false;
-    }
-    if (!complete) {
-        /* All or nothing: not even the records that were built are applied. */
+    if (added < 0)
+        return -1;
+    if (added > 0) {
+        /* All or nothing: not even the records that were built are applied.  The log may need their memory.
+         */
+        list.reset();
         log_message(LOG_ERR, "Unable to make action for some autoresponder handlers");
         return -1;
     }

@@ -16,7 +16,10 @@ namespace kolmo
  * Returns the exit status: 0 when every domain and alias is done and the extra headers are written or not
  * set; 1 when a domain's handlers or responders, or an alias's copies, failed, or the setting of the extra
  * headers could not be read; -1 (255 to the system) after any other failure.  Each has been logged at
- * priority 3, to syslog's mail facility and on standard error.
+ * priority 3, to syslog's mail facility and on standard error, but for a setting that could not be read,
+ * which is reported on standard output and standard error only, and a pause that failed, which is not told.
+ * Ends the process with 1, after such a report, when memory, descriptors or processes run out, or when a
+ * handler's address is too long to be copied for an alias.
  *
  * Runs /opt/qsx/admin/sbin/mail_responders_control --init-db.  Reads and writes the files at
  * responder_db_path and handlers_db_path; reads what panel_db_connect reads.

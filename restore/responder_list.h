@@ -10,6 +10,7 @@
 
 #include <mysql.h>
 
+#include "common/owned.h"
 #include "responder_store/responder_record.h"
 
 namespace kolmo
@@ -26,10 +27,7 @@ namespace kolmo
 /* Frees the record and its texts; null is ignored. */
 void responder_record_free(ResponderRecord *record);
 
-struct FreeResponderRecord {
-    void operator()(ResponderRecord *record) const noexcept { responder_record_free(record); }
-};
-using OwnedResponderRecord = std::unique_ptr<ResponderRecord, FreeResponderRecord>;
+using OwnedResponderRecord = std::unique_ptr<ResponderRecord, Release<responder_record_free>>;
 
 struct ResponderNode {
     ResponderRecord *record; /* the list's */

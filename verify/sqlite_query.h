@@ -11,13 +11,12 @@
 
 #include <sqlite3.h>
 
+#include "common/owned.h"
+
 namespace kolmo
 {
 
-struct CloseSqlite {
-    void operator()(sqlite3 *db) const noexcept { (void)sqlite3_close_v2(db); }
-};
-using SqliteConnection = std::unique_ptr<sqlite3, CloseSqlite>;
+using SqliteConnection = std::unique_ptr<sqlite3, Release<sqlite3_close_v2>>;
 
 /*
  * A statement that is prepared once and asked as often as one likes.
@@ -54,14 +53,10 @@ public:
     [[nodiscard]] std::string values(int first = 0) const;
 
 private:
-    struct Finalize {
-        void operator()(sqlite3_stmt *statement) const noexcept { (void)sqlite3_finalize(statement); }
-    };
-
     void bind(int rc);
     void append_value(int column, std::string *values) const;
 
-    std::unique_ptr<sqlite3_stmt, Finalize> statement_;
+    std::unique_ptr<sqlite3_stmt, Release<sqlite3_finalize>> statement_;
     int bound_ = SQLITE_OK;
     int step_ = SQLITE_DONE;
 };

@@ -24,10 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int pages_of_a_step = 512;
 constexpr int most_beginnings = 10;
 
-struct FinishBackup {
-    void operator()(sqlite3_backup *backup) const noexcept { (void)sqlite3_backup_finish(backup); }
-};
-using Backup = std::unique_ptr<sqlite3_backup, FinishBackup>;
+using Backup = std::unique_ptr<sqlite3_backup, Release<sqlite3_backup_finish>>;
 
 /* The words of the file format (https://www.sqlite.org/fileformat.html, 1.3). */
 bool is_database(const char (&header)[100])

@@ -19,6 +19,7 @@
 
 #include <sqlite3.h>
 
+#include "common/owned.h"
 #include "responder_store/kit/busy_retry.h"
 #include "responder_store/kit/checked_text.h"
 #include "responder_store/kit/store_connection.h"
@@ -45,10 +46,7 @@ constexpr Bind bind_int(int value, TextFormat<1> message)
     return {Bind::Kind::integer, nullptr, value, message};
 }
 
-struct FreeSqliteText {
-    void operator()(char *text) const noexcept { sqlite3_free(text); }
-};
-using SqliteText = std::unique_ptr<char, FreeSqliteText>;
+using SqliteText = std::unique_ptr<char, Release<sqlite3_free>>;
 
 /* A statement on a connection, finalized at the end of its scope unless the connection was abandoned. */
 class Statement

@@ -273,7 +273,8 @@ TEST(IniBool, YesInItsFormsIsOne)
 
 TEST(IniBool, EverythingElseIsZero)
 {
-    for (const char *value : {"0", "no", "off", "10", "11", "1 x", "1\t1", "yes please", "truely", "2", "-1"})
+    for (const char *value : {"0", "no", "off", "10", "11", "1 x", "1\t1", "yes please", "truely", "2", "-1",
+                              "t", "y", "o", "tru"})
         EXPECT_EQ(switch_in(value, 1), 0) << value;
 }
 

@@ -100,8 +100,14 @@ TEST_F(ConsoleLog, SinkNameChoosesTheStreamsInAnyCase)
         const char *err;
         const char *out;
     } rows[] = {
-        {"stderr", "text 7\n", ""},          {"STDERR", "text 7\n", ""}, {"console", "text 7\n", "text 7\n"},
-        {"Console", "text 7\n", "text 7\n"}, {"file", "", ""},           {"", "", ""},
+        {"stderr", "text 7\n", ""},
+        {"STDERR", "text 7\n", ""},
+        {"console", "text 7\n", "text 7\n"},
+        {"Console", "text 7\n", "text 7\n"},
+        {"file", "", ""},
+        {"", "", ""},
+        {"stderrs", "", ""},
+        {"consoles", "", ""},
     };
 
     for (const auto &row : rows) {
@@ -287,6 +293,7 @@ TEST_F(SyslogLog, SecondInitClosesAndReplacesTheIdent)
     (void)syslog_.take_calls();
     log_init(nullptr, LOG_DEBUG, LOG_MAIL, 0, "second");
     EXPECT_EQ(syslog_.take_calls(), (Lines{"closelog", "openlog 0x01 16 second", "setlogmask 0xff"}));
+    EXPECT_EQ(syslog_.ident_at_close(), "first");
     EXPECT_EQ(syslog_.ident(), "second");
 }
 

@@ -213,6 +213,21 @@ TEST_F(ReportError, ExitCodeEndsTheProcessAfterPrinting)
     EXPECT_EQ(output.out, "fatal\n");
 }
 
+/* What was left for the end of the process is done. */
+TEST_F(ReportError, EndOfTheProcessIsAnExit)
+{
+    const auto say_so = [] {
+        (void)std::atexit([] { (void)!write(STDERR_FILENO, "left\n", 5); });
+        errno = 0;
+    };
+    const Output output = output_of([&] {
+        EXPECT_EXIT((say_so(), report_error(1, 0, "fatal")), ExitedWithCode(1), "^fatal\nleft\n$");
+        EXPECT_EXIT((say_so(), report_fatal("fatal")), ExitedWithCode(1), "^fatal\nleft\n$");
+    });
+
+    EXPECT_EQ(output.out, "fatal\nfatal\n");
+}
+
 TEST_F(ReportError, ProgramPathGivesItsBaseNameAsPrefix)
 {
     error_program_path = "/opt/tools/tool";

@@ -258,6 +258,7 @@ TEST_F(ForkExecvGetouterr, SelectWithoutOutputAfterTheEndLosesWhatIsUnread)
         const char *run;
     } rows[] = {{0, {"out", "2", "err", "2", "exit", "3"}, "3 out=null err=null"},
                 {EBADF, {"exit", "3"}, "3 out=null err=null"},
+                {EINTR, {"exit", "3"}, "3 out=null err=null"},
                 {0, {"signal", "9"}, "-1 out=null err=null"}};
 
     for (const auto &row : rows) {
@@ -285,6 +286,7 @@ std::string result_of_look(pid_t result, int status, int error)
 TEST_F(ForkExecvGetouterr, LookThatSetsErrnoGivesMinusOne)
 {
     EXPECT_EQ(result_of_look(-1, 0, ECHILD), "-1 out=null err=null");
+    EXPECT_EQ(result_of_look(-1, 0, EINTR), "-1 out=null err=null");
     EXPECT_EQ(result_of_look(4242, 3 << 8, EINTR), "-1 out=null err=null");
     EXPECT_EQ(result_of_look(4242, 3 << 8, 0), "3 out=null err=null");
 }
@@ -524,9 +526,11 @@ TEST_F(ForkExecFd, KilledOrStoppedProgramIsReportedAndAStoppedOneLeftStopped)
     EXPECT_EQ(killed.result, -1);
     EXPECT_EQ(killed.err,
               report + std::to_string(number_after(killed.err, "pid ")) + " killed by signal 9\n");
+    EXPECT_EQ(killed.out, killed.err);
     EXPECT_EQ(stopped.result, -1);
     EXPECT_EQ(stopped.err,
               report + std::to_string(stopped_pid) + " stopped by signal " + std::to_string(SIGSTOP) + '\n');
+    EXPECT_EQ(stopped.out, stopped.err);
 }
 
 TEST_F(ForkExecFd, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
@@ -543,16 +547,21 @@ TEST_F(ForkExecFd, StreamsThatWereClosedAtTheStartAreWiredAllTheSame)
 
 TEST_F(ForkExecFd, FailedWaitIsReported)
 {
-    const Observed seen = observe([] {
-        const Fault fault(Call::waitpid, 1, ECHILD);
-        return fork_exec_fd(-1, -1, helper, Orders({}));
-    });
-    const long pid = number_after(seen.err, "pid: ");
+    for (const int error : {ECHILD, EINTR}) {
+        const Observed seen = observe([error] {
+            const Fault fault(Call::waitpid, 1, error);
+            return fork_exec_fd(-1, -1, helper, Orders({}));
+        });
+        const long pid = number_after(seen.err, "pid: ");
+        const std::string reason = std::strerror(error);
 
-    EXPECT_EQ(seen.result, -1);
-    EXPECT_EQ(seen.err, "Error occured during waiting the child process with pid: " + std::to_string(pid) +
-                            ": No child processes\n\nSystem error 10: No child processes\n");
-    end_process(pid);
+        EXPECT_EQ(seen.result, -1);
+        EXPECT_EQ(seen.err,
+                  "Error occured during waiting the child process with pid: " + std::to_string(pid) + ": " +
+                      reason + "\n\nSystem error " + std::to_string(error) + ": " + reason + '\n');
+        EXPECT_EQ(seen.out, seen.err);
+        end_process(pid);
+    }
 }
 
 TEST_F(ForkExecFd, WordsForAProgramThatCannotBeExecutedAreOneWriteAndOneReport)

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -141,8 +142,13 @@ TEST_F(ForkExecvPipes, MissingProgramEndsTheChildWith255)
 /* What the child flushes when it exits and what its parent flushes later must not be the same text. */
 TEST_F(ForkExecvPipes, BufferedOutputIsWrittenOnceThoughTheChildExits)
 {
-    const Observed seen = observe([] {
+    const TempDir folder;
+    const std::string path = folder.path("file");
+    const Observed seen = observe([&] {
+        const OwnedFile file(std::fopen(path.c_str(), "w"));
+
         (void)std::printf("once");
+        (void)std::fprintf(file.get(), "once");
         const int status = raw_status(fork_execv_pipes(0, 1, 2, "/nonexistent/program", Orders({})));
         (void)std::fflush(stdout);
         return status;
@@ -150,6 +156,7 @@ TEST_F(ForkExecvPipes, BufferedOutputIsWrittenOnceThoughTheChildExits)
 
     EXPECT_EQ(seen.result, 255 << 8);
     EXPECT_EQ(seen.out, "once");
+    EXPECT_EQ(std::filesystem::file_size(path), 4U);
 }
 
 TEST_F(ForkExecvPipes, FailedForkEndsTheProcess)
@@ -250,6 +257,7 @@ TEST_F(WaitChild, OddAnswersAreLogged)
         {0, 0, -1, "3 waitpid(4242) for '<unknown>' process returned unexpected 0 code"},
         {4242, 0xffff, -1, "4 waitpid(4242)=4242: process '<unknown>' continued"},
         {17, 9, -1, "4 waitpid(4242)=17: process '<unknown>' killed by signal 9"},
+        {-1, 0, -1, "3 waitpid(4242) for '<unknown>' process failed: Interrupted system call (4)"},
         {4242, 3 << 8, 3, nullptr},
     };
 
@@ -297,6 +305,7 @@ TEST_F(ExecWithInput, ShortWriteIsReportedAndGivesMinusOne)
     EXPECT_EQ(seen.result, -1);
     EXPECT_EQ(seen.err, start_of_text + std::to_string(written) +
                             " of 1048576 bytes were written.\nSystem error 32: Broken pipe\n");
+    EXPECT_EQ(seen.out, seen.err);
     EXPECT_LT(written, 1048576);
 }
 
@@ -336,6 +345,7 @@ TEST_F(ExecWithInput, CommandThatCannotBeStartedIsReported)
     EXPECT_EQ(seen.err,
               "Failed to execute command with input: either pipe, fork or memory allocation failed.\n"
               "System error 24: Too many open files\n");
+    EXPECT_EQ(seen.out, seen.err);
 }
 
 } // namespace

@@ -12,23 +12,6 @@
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/log_capture.h"
 
-namespace
-{
-
-/* What is freed while it is set. */
-std::vector<const void *> *freed;
-
-} // namespace
-
-extern "C" void __real_free(void *memory);
-
-extern "C" void __wrap_free(void *memory)
-{
-    if (freed != nullptr && memory != nullptr)
-        freed->push_back(memory);
-    __real_free(memory);
-}
-
 namespace kolmo::testing
 {
 
@@ -251,15 +234,16 @@ TEST_F(HandlerListTest, FailedAppendKeepsWhatTheListHeld)
 
 TEST_F(HandlerListTest, AppendOfNoRecordCannotBeClonedWhichIsLoggedWhenTheNodeIsFreed)
 {
-    std::vector<const void *> nodes;
+    std::size_t freed_before = 0;
+    {
+        const AllocFaults faults(0);
 
-    nodes.reserve(1);
-    log.on_line = [] {
-        freed = nullptr;
-    };
-    freed = &nodes;
-    EXPECT_EQ(handler_list_append(&list, nullptr), -1);
-    EXPECT_EQ(nodes.size(), 1U);
+        log.on_line = [&] {
+            freed_before = faults.freed().size();
+        };
+        EXPECT_EQ(handler_list_append(&list, nullptr), -1);
+    }
+    EXPECT_EQ(freed_before, 1U);
     EXPECT_EQ(log.take_one(), "3 Unable to clone handlers data record");
     EXPECT_EQ(list.head, nullptr);
 }
@@ -294,13 +278,10 @@ TEST_F(HandlerListTest, FreeGoesInThisOrder)
                         {kept->address, kept->executable, kept->context, kept->name, kept, node});
     }
 
-    std::vector<const void *> order;
+    const AllocFaults faults(0);
 
-    order.reserve(expected.size());
-    freed = &order;
     handler_list_free(&list);
-    freed = nullptr;
-    EXPECT_EQ(order, expected);
+    EXPECT_EQ(faults.freed(), expected);
     (void)handler_list_init(&list);
 }
 

@@ -105,6 +105,23 @@ TEST_F(Copy, LocalPartEndsAtTheFirstAtSign)
 }
 
 /* LIKE takes either case: the mailboxes are copied, the bare domain, compared exactly, is not. */
+TEST_F(Copy, EmptyLocalPartIsOne)
+{
+    add("spam", "@d.test");
+    EXPECT_EQ(copy_domain("d.test", "t.test"), 0);
+    EXPECT_EQ(store.handlers(), (Lines{"@d.test spam", "@t.test spam"}));
+}
+
+/* Only a null stands for none. */
+TEST_F(Copy, EmptyMailNamesAreMailNames)
+{
+    add("spam", "@d.test");
+    add("spam", "b@d.test");
+    EXPECT_EQ(handlers_db_copy(nullptr, "", "d.test", nullptr, "t.test"), 0);
+    EXPECT_EQ(handlers_db_copy(nullptr, "b", "d.test", "", "u.test"), 0);
+    EXPECT_EQ(store.handlers(), (Lines{"@d.test spam", "@t.test spam", "@u.test spam", "b@d.test spam"}));
+}
+
 TEST_F(Copy, DomainInCapitalsFindsTheMailboxesOnly)
 {
     add("spam", "a@d.test");
@@ -251,14 +268,24 @@ TEST_F(Copy, FailedReadIsReportedWithItsReasonAndLeavesTheCallersConnectionOpen)
     EXPECT_TRUE(connection.is_open());
 }
 
-/* Inside a transaction of the caller's the driver cannot begin its own. */
+/* Inside a transaction of the caller's the driver cannot begin its own.  The list is freed before the copy's
+   line, the texts of source and target after it. */
 TEST_F(Copy, FailedBatchIsReportedByTheDriverAndThenByTheCopy)
 {
     StoreConnection connection = store.open();
+    std::size_t held = 0;
 
     add("spam", "a@d.test");
     ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
-    EXPECT_EQ(handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test"), -1);
+    {
+        const AllocFaults faults(0);
+
+        log.on_line = [&] {
+            held = faults.held();
+        };
+        EXPECT_EQ(handlers_db_copy(&connection, nullptr, "d.test", nullptr, "t.test"), -1);
+    }
+    EXPECT_EQ(held, 2U);
     EXPECT_EQ(log.take(),
               (Lines{"3 Unable to begin sqlite transaction: cannot start a transaction within a transaction",
                      not_added}));

@@ -69,6 +69,19 @@ TEST_F(CreateFaults, GivesTheFileToRootAndPopuserAndThenSetsItsMode)
     EXPECT_TRUE(store.rows().empty());
 }
 
+TEST_F(CreateFaults, EmptyFileIsMadeAStoreLikeAMissingOne)
+{
+    (void)store.folder().write("handlers.db", "");
+    EXPECT_EQ(handlers_db_create(), 0);
+    EXPECT_EQ(faults.calls().size(), 3U);
+    store.remove();
+    (void)store.folder().write("handlers.db", "");
+    faults.fail("getgrnam", EIO);
+    EXPECT_EQ(handlers_db_create(), -1);
+    EXPECT_FALSE(log.take_one().empty());
+    EXPECT_FALSE(store.exists());
+}
+
 TEST_F(CreateFaults, ScriptIsRunAsAWholeAndToTheLetter)
 {
     EXPECT_EQ(handlers_db_create_schema(), 0);

@@ -1,11 +1,9 @@
 #include "handlers_store/handlers_db.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
@@ -128,7 +126,7 @@ TEST_F(HandlersDbFile, CreateSchemaOnALockedFileFailsBecauseTheRepeatedScriptMee
 {
     store.remove();
     {
-        const OtherProcessLock lock(store.path(), 300);
+        const OtherProcessLock lock(store.path(), -1);
 
         EXPECT_EQ(handlers_db_create_schema(), -1);
     }

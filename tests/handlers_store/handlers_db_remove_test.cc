@@ -5,6 +5,7 @@
 
 #include "handlers_store/handlers_db.h"
 #include "tests/handlers_store/handlers_texts.h"
+#include "tests/support/alloc_faults.h"
 #include "tests/support/handlers_store_fixture.h"
 
 namespace kolmo::testing
@@ -181,6 +182,16 @@ TEST_F(RemoveDomain, GlobalHandlerOfTheDomainIsRemovedForEveryAddress)
     EXPECT_EQ(store.handlers(), Lines{"all spam"});
 }
 
+/* It would be taken for every address. */
+TEST_F(RemoveDomain, AddressLostForWantOfMemoryRemovesNothing)
+{
+    add("autoresponder", "a@d.test");
+    add("autoresponder", "x@other.test");
+    EXPECT_EQ(without_memory(4, [] { return handlers_db_remove_domain(nullptr, "d.test"); }), -1);
+    EXPECT_EQ(log.take_one(), "3 Get handlers list");
+    EXPECT_EQ(store.handlers(), (Lines{"a@d.test autoresponder", "x@other.test autoresponder"}));
+}
+
 TEST_F(RemoveDomain, WildcardsAndCapitalsRemoveNothing)
 {
     add("spam", "a@d.test");
@@ -221,10 +232,19 @@ TEST_F(RemoveDomain, RefusedDeletesAreReportedAndDoNotStopTheOthers)
 TEST_F(RemoveDomain, FailedBatchIsReportedByTheDriverAndThenWithTheCopysMessage)
 {
     StoreConnection connection = store.open();
+    std::size_t held = 0;
 
     add("spam", "a@d.test");
     ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
-    EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
+    {
+        const AllocFaults faults(0);
+
+        log.on_line = [&] {
+            held = faults.held();
+        };
+        EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
+    }
+    EXPECT_EQ(held, 0U) << "the list is freed before the last line";
     EXPECT_EQ(log.take(),
               (Lines{"3 Unable to begin sqlite transaction: cannot start a transaction within a transaction",
                      not_added}));

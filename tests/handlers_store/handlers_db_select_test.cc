@@ -269,7 +269,6 @@ TEST_F(SelectToRun, FoundRecordsAreAddedToTheList)
 /* The row of the highest priority is kept, the next is not, and nobody asks for a third. */
 TEST_F(SelectToRun, RowThatCannotBeKeptEndsTheReadWithTwoReports)
 {
-
     for (int priority : {10, 50, 90})
         add(priority == 90 ? "kept" : priority == 50 ? "lost" : "never", "a@d.test", priority);
     /* A kept row takes six: node, record and four texts. */
@@ -359,13 +358,13 @@ TEST_F(SelectByAddress, RecordHasAllColumnsButProtected)
 
 TEST_F(SelectByAddress, EnabledIsAnythingButZero)
 {
-    for (const char *name : {"0", "1", "2"})
+    for (const char *name : {"-1", "0", "1", "2"})
         add(name, "a@d.test");
     store.execute("UPDATE handlers SET enabled = CAST(name AS INTEGER)");
     EXPECT_EQ(select_domain("d.test"), 0);
     EXPECT_EQ(sorted(texts_of(*list.get())),
-              (Lines{"2|1|0|10|0|a@d.test|/hook|none|0", "2|1|1|10|1|a@d.test|/hook|none|0",
-                     "2|1|1|10|2|a@d.test|/hook|none|0"}));
+              (Lines{"2|1|0|10|0|a@d.test|/hook|none|0", "2|1|1|10|-1|a@d.test|/hook|none|0",
+                     "2|1|1|10|1|a@d.test|/hook|none|0", "2|1|1|10|2|a@d.test|/hook|none|0"}));
 }
 
 TEST_F(SelectByAddress, ListRunsInTheReverseOfTheRows)
@@ -422,7 +421,6 @@ TEST_F(SelectByAddress, NullColumnsAreNullTextsAndZeros)
 /* The first row is kept, the second is not, the third is. */
 TEST_F(SelectByAddress, RowThatCannotBeKeptIsReportedAndTheOthersAreRead)
 {
-
     make_lax_store();
     for (const char *name : {"first", "lost", "third"})
         add(name, "d.test");

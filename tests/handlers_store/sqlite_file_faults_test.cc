@@ -56,6 +56,21 @@ TEST_F(SqliteDbRecreateFaults, BusyTimeoutIsSetBeforeTheScriptRuns)
               (Lines{"open " + store.path(), "busy_timeout 50", std::string("exec ") + script, "close"}));
 }
 
+TEST_F(SqliteDbRecreateFaults, FailureIsReportedBeforeTheFileIsClosed)
+{
+    fill();
+    SqliteFaults faults;
+    std::string before;
+
+    faults.fail_call(SqliteCall::exec, 1);
+    log.on_line = [&] {
+        before = faults.calls().back();
+    };
+    EXPECT_EQ(recreate(nullptr), -1);
+    EXPECT_FALSE(log.take_one().empty());
+    EXPECT_EQ(before, std::string("exec ") + script);
+}
+
 /* Its connection is still open, perhaps with a transaction: the file is not this process's to remove. */
 TEST_F(SqliteDbRecreateFaults, FailedPauseOfTheSchemaLeavesTheFile)
 {

@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "handlers_store/handlers_db.h"
 #include "tests/support/handlers_store_fixture.h"
 #include "tests/support/other_process_lock.h"
 
@@ -123,6 +122,13 @@ TEST_F(MakeDirs, FileAtTheEndIsENOTDIR)
     (void)folder.write("file", "");
     EXPECT_EQ(make_dirs(folder.path("file").c_str()), -1);
     EXPECT_EQ(errno, ENOTDIR);
+}
+
+TEST_F(MakeDirs, LinkToNowhereIsNoFolder)
+{
+    ASSERT_EQ(symlink("nowhere", folder.path("link").c_str()), 0);
+    EXPECT_EQ(make_dirs(folder.path("link").c_str()), -1);
+    EXPECT_EQ(errno, EEXIST);
 }
 
 TEST_F(MakeDirs, FoldersMadeBeforeAFailureStay)

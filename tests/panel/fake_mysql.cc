@@ -11,6 +11,7 @@ namespace
 {
 
 FakeMysql *current;
+bool is_closed = false;
 
 std::string shown(const char *text)
 {
@@ -22,6 +23,7 @@ std::string shown(const char *text)
 FakeMysql::FakeMysql()
 {
     current = this;
+    is_closed = false;
 }
 
 FakeMysql::~FakeMysql()
@@ -44,6 +46,7 @@ struct FakeMysqlCalls {
     static MYSQL *init()
     {
         FakeMysql &fake = note("init");
+        is_closed = false;
         return fake.init_fails ? nullptr : &fake.handle_;
     }
 
@@ -85,8 +88,21 @@ struct FakeMysqlCalls {
         return fake.has_row ? const_cast<MYSQL_ROW>(fake.row.data()) : nullptr;
     }
 
-    static unsigned int error_number() { return current->number_; }
-    static const char *error_text() { return current->error.c_str(); }
+    /* What a handle says of its failure it says until it is closed. */
+    static FakeMysql &asked(const MYSQL *connection)
+    {
+        EXPECT_EQ(connection, &current->handle_);
+        EXPECT_FALSE(is_closed);
+        return *current;
+    }
+
+    static unsigned int error_number(MYSQL *connection) { return asked(connection).number_; }
+    static const char *error_text(MYSQL *connection) { return asked(connection).error.c_str(); }
+    static void close()
+    {
+        release("close");
+        is_closed = true;
+    }
     static void release(const char *call) { errno = note(call).errno_of_release; }
 };
 
@@ -137,19 +153,19 @@ void __wrap_mysql_free_result(MYSQL_RES *)
     FakeMysqlCalls::release("free");
 }
 
-unsigned int __wrap_mysql_errno(MYSQL *)
+unsigned int __wrap_mysql_errno(MYSQL *connection)
 {
-    return FakeMysqlCalls::error_number();
+    return FakeMysqlCalls::error_number(connection);
 }
 
-const char *__wrap_mysql_error(MYSQL *)
+const char *__wrap_mysql_error(MYSQL *connection)
 {
-    return FakeMysqlCalls::error_text();
+    return FakeMysqlCalls::error_text(connection);
 }
 
 void __wrap_mysql_close(MYSQL *)
 {
-    FakeMysqlCalls::release("close");
+    FakeMysqlCalls::close();
 }
 
 } // extern "C"

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/owned.h"
 #include "tests/panel/fresh_process.h"
 #include "tests/panel/panel_files.h"
 #include "tests/support/alloc_faults.h"
@@ -23,7 +24,6 @@ namespace
 {
 
 bool getline_lacks_memory = false;
-bool free_spoils_errno = false;
 
 } // namespace
 
@@ -31,7 +31,6 @@ extern "C" {
 
 ssize_t __real_getline(char **line, std::size_t *size, std::FILE *stream);
 ssize_t __real___getdelim(char **line, std::size_t *size, int end, std::FILE *stream);
-void __real_free(void *memory);
 
 /* As it does when its own memory runs out: neither the end of the file nor a read error. */
 ssize_t __wrap_getline(char **line, std::size_t *size, std::FILE *stream)
@@ -51,14 +50,6 @@ ssize_t __wrap___getdelim(char **line, std::size_t *size, int end, std::FILE *st
     return -1;
 }
 
-/* POSIX has promised only lately that errno stays. */
-void __wrap_free(void *memory)
-{
-    __real_free(memory);
-    if (free_spoils_errno)
-        errno = EBADF;
-}
-
 } // extern "C"
 
 namespace kolmo::testing
@@ -67,10 +58,7 @@ namespace kolmo::testing
 namespace
 {
 
-struct FreeStore {
-    void operator()(QsxConfStore *store) const { conf_store_free(store); }
-};
-using OwnedStore = std::unique_ptr<QsxConfStore, FreeStore>;
+using OwnedStore = std::unique_ptr<QsxConfStore, Release<conf_store_free>>;
 
 OwnedStore new_store()
 {
@@ -489,10 +477,8 @@ TEST_F(ConfParseStream, FreeingTheLineDoesNotCostTheErrnoOfReading)
     BrokenStream broken{.text = "A 1\n"};
 
     std::FILE *const stream = broken.open();
-    free_spoils_errno = true;
-    const int result = conf_parse_stream(stream, store.get());
+    const int result = without_memory(0, [&] { return conf_parse_stream(stream, store.get()); });
     const int error = errno;
-    free_spoils_errno = false;
     EXPECT_EQ(result, -1);
     EXPECT_EQ(error, EIO);
     EXPECT_EQ(log.take_one(), "12 Unable to read configuration file: Input/output error");

@@ -290,23 +290,40 @@ TEST_F(LoadDomainResponders, RowsAreFreedBeforeTheFilesAreAskedFor)
     EXPECT_EQ(queries_before, (std::vector<std::size_t>{1, 2}));
 }
 
-/* The row that could not be copied, and the one that had no place in the list. */
-TEST_F(LoadDomainResponders, RowsAreFreedBeforeMissingMemoryIsLogged)
+/* Rows that could not be copied or had no place, texts that could not be split: up to the first attachments.
+ */
+TEST_F(LoadDomainResponders, AllIsFreedBeforeMissingMemoryIsLogged)
 {
+    const std::string end = "3 Unable to allocate memory for responder attachments";
+    std::string last;
+
     add_mailbox("info");
-    for (const int nth : {1, 13}) {
+    add_mailbox("anna");
+    for (int nth = 1; nth < 100 && last != end; nth++) {
         PanelWatch watch;
-        bool freed = false;
+        int result;
+        int results_freed = 0;
+        int results_freed_before = 0;
+        std::size_t held = 0;
 
         watch.on_free = [&] {
-            freed = true;
+            results_freed++;
         };
-        log.on_line = [&] {
-            EXPECT_TRUE(freed) << nth;
-        };
-        EXPECT_EQ(without_memory(nth, [&] { return load("info", "1"); }), -1);
-        EXPECT_FALSE(log.take_one().empty());
+        {
+            const AllocFaults faults(nth);
+
+            log.on_line = [&] {
+                results_freed_before = results_freed;
+                held = faults.held();
+            };
+            result = load("info,anna", "1,2");
+        }
+        EXPECT_EQ(result, -1);
+        last = log.take().back();
+        EXPECT_EQ(results_freed_before, 1) << last;
+        EXPECT_TRUE(held == 0 || last == end) << last << ": " << held;
     }
+    EXPECT_EQ(last, end);
 }
 
 /* One after the other: the first copies of the row, its place in the list, both splits, the attachments. */
@@ -451,8 +468,11 @@ TEST_F(RestoreResponderAttachments, ResultThatCannotBeFetchedIsReported)
 
 TEST_F(RestoreResponderAttachments, NoMemoryForTheArrayIsReportedAndNothingWritten)
 {
+    const PanelWatch watch;
+
     EXPECT_EQ(restore_without_memory(1), -1);
     EXPECT_EQ(log.take_one(), "3 Unable to allocate memory for responder attachments");
+    EXPECT_EQ(watch.queries.size(), 1U) << "the query comes first";
     EXPECT_EQ(store.rows(), Lines{});
 }
 

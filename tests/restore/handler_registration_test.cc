@@ -63,6 +63,13 @@ TEST_F(SetAutoresponderHandlers, RunsOfCommasAndBlanksSeparate)
               (Lines{"anna@one.example", "anna@two.example", "info@one.example", "info@two.example"}));
 }
 
+/* As a list that ends in a delimiter has an empty text at its end. */
+TEST_F(SetAutoresponderHandlers, DelimiterAtTheEndMakesOneNameMore)
+{
+    EXPECT_EQ(add("info,", "one.example"), 0);
+    EXPECT_EQ(store.query("SELECT address FROM handlers"), (Lines{"@one.example", "info@one.example"}));
+}
+
 /* Seen before the store lower-cases by itself. */
 TEST_F(SetAutoresponderHandlers, RecordsGoToTheStoreInOneTransactionOnAConnectionOfItsOwnInLowerCase)
 {
@@ -172,6 +179,41 @@ TEST_F(SetAutoresponderHandlers, ListWithoutMemoryGoesOnWithTheNextName)
     }
     EXPECT_EQ(result, -1);
     EXPECT_EQ(log.take(), (Lines{system_error, "3 domain name too long\n", incomplete}));
+}
+
+TEST_F(SetAutoresponderHandlers, AllIsFreedBeforeItIsLoggedThatNothingIsApplied)
+{
+    const std::string names = "anna," + std::string(255, 'n');
+    std::size_t held = 0;
+    {
+        const AllocFaults faults(0);
+
+        log.on_line = [&] {
+            held = faults.held();
+        };
+        EXPECT_EQ(set_autoresponder_handlers(names.c_str(), "one.example", HANDLER_ACTION_ADD), -1);
+    }
+    EXPECT_EQ(log.take(), (Lines{"3 domain name too long\n", incomplete}));
+    EXPECT_EQ(held, 0U);
+}
+
+/* The texts that the lists were made of. */
+TEST_F(SetAutoresponderHandlers, SplitsAreFreedBeforeTheStoreIsOpened)
+{
+    std::size_t held = 0;
+    const std::string path = store.folder().path("missing/handlers.db");
+
+    handlers_db_set_path(path.c_str());
+    {
+        const AllocFaults faults(0);
+
+        log.on_line = [&] {
+            held = faults.held();
+        };
+        EXPECT_EQ(set_autoresponder_handlers("info", "one.example", HANDLER_ACTION_ADD), -1);
+    }
+    (void)log.take_one();
+    EXPECT_EQ(held, 6U) << "a record, its four texts and its place in the list";
 }
 
 } // namespace

@@ -4,6 +4,7 @@
  */
 #include "restore/program_flow.h"
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,12 +29,15 @@ namespace
 using Lines = std::vector<std::string>;
 
 Lines disconnected; /* every mysql_close: "open" or "null" */
+std::function<void()> on_disconnect;
 
 extern "C" void __real_mysql_close(MYSQL *connection);
 
 extern "C" void __wrap_mysql_close(MYSQL *connection)
 {
     disconnected.emplace_back(connection != nullptr ? "open" : "null");
+    if (on_disconnect)
+        on_disconnect();
     __real_mysql_close(connection);
 }
 
@@ -99,6 +103,42 @@ TEST_F(RebuildResponders, PanelIsTakenLeaveOfEvenWithoutAConnection)
     EXPECT_EQ(run().first, -1);
     EXPECT_EQ(disconnected, (Lines{"open", "null"}));
     panel.reset();
+}
+
+/* The store's last close may take hours: the server is not to wait for it. */
+TEST_F(RebuildResponders, PanelIsTakenLeaveOfBeforeTheStoreIsClosed)
+{
+    const SqliteFaults sqlite;
+    std::vector<int> closes_before;
+
+    on_disconnect = [&] {
+        closes_before.push_back(sqlite.count("close"));
+    };
+    EXPECT_EQ(run().first, 0);
+    on_disconnect = nullptr;
+    EXPECT_EQ(closes_before, std::vector<int>{0});
+}
+
+TEST_F(RebuildResponders, HeadersAreWrittenOverTheRunsOwnConnection)
+{
+    panel.set_reply_headers(R"({"X-A": "1"})");
+    const SqliteFaults sqlite;
+
+    EXPECT_EQ(run(), std::pair(0, Lines{}));
+    EXPECT_EQ(sqlite.count("open"), 1);
+}
+
+/* Which the panel's own tables do not hold. */
+TEST_F(RebuildResponders, NameThatIsNullIsAnEmptyOne)
+{
+    const int domain = panel.add_domain("one.example");
+
+    panel.add_alias(domain, "one.alias");
+    (void)panel.add_mailbox_with_responder(domain, "info");
+    panel.execute("ALTER TABLE domains MODIFY name VARCHAR(255); UPDATE domains SET name = NULL; "
+                  "ALTER TABLE domain_aliases DROP PRIMARY KEY, MODIFY name VARCHAR(255); "
+                  "UPDATE domain_aliases SET name = NULL");
+    EXPECT_EQ(run(), std::pair(0, Lines{}));
 }
 
 TEST_F(RebuildResponders, RowsOfTheDomainsAreFreedBeforeTheSettingIsAskedFor)
@@ -174,6 +214,7 @@ TEST_F(RebuildResponders, FailedPauseInTheLastCloseGivesMinusOneAndTheStoreStays
     EXPECT_EQ(run(), std::pair(-1, Lines{}));
     EXPECT_EQ(sqlite.pauses(), (std::vector<long>{10'000, 20'000}));
     EXPECT_EQ(sqlite.count("close"), 3);
+    EXPECT_EQ(panel_db, nullptr);
     EXPECT_TRUE(responder_db.is_abandoned());
     (void)responder_db.release(); /* closed with `sqlite` */
 }

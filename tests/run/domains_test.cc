@@ -226,6 +226,17 @@ TEST_F(DomainsRun, AliasInMixedCaseKeepsItsCaseInTheRepliesOnly)
     expect_handlers({handler_row("info@one.example"), handler_row("info@one.alias")});
 }
 
+/* Only a domain of its own is given its ASCII form. */
+TEST_F(DomainsRun, InternationalisedAliasIsCopiedToAsItIs)
+{
+    panel->add_alias(add_simple_domain("one.example"), "bücher.alias");
+
+    expect_run(0);
+    expect_responders(
+        {reply_row("info@one.example"), reply_row("info@bücher.alias", {}, "info@one.example")});
+    expect_handlers({handler_row("info@one.example"), handler_row("info@bücher.alias")});
+}
+
 TEST_F(DomainsRun, ProtectionOfAHandlerIsNotCopiedToTheAlias)
 {
     panel->add_alias(panel->add_domain("one.example"), "one.alias");

@@ -1,11 +1,11 @@
 /*
  * alloc_faults: memory that runs out when a test says so.
  *
- * For test programs that use the target kolmo_alloc_faults, in which malloc, calloc, realloc, strdup, strndup
- * and vasprintf, called from anything that is linked statically, lead here (-Wl,--wrap=).  They do
- * what they always do, but while an AllocFaults lives they are counted, and one of them fails: null (or -1),
- * and errno ENOMEM.  What libraries allocate inside themselves, and operator new, is neither counted nor
- * failed.
+ * For test programs that use the target kolmo_alloc_faults, in which malloc, calloc, realloc, strdup,
+ * strndup, vasprintf and free, called from anything that is linked statically, lead here (-Wl,--wrap=).  They
+ * do what they always do, but while an AllocFaults lives they are counted, and one of them fails: null (or
+ * -1), and errno ENOMEM.  What libraries allocate inside themselves, and operator new, is neither counted nor
+ * failed.  And free does not keep errno meanwhile, which POSIX has promised only lately.
  *
  *     result = without_memory(2, [&] { return xasprintf(...); });   // its second call fails
  *     // the test has failed unless there was a second call
@@ -15,13 +15,16 @@
  */
 #pragma once
 
+#include <cstddef>
+#include <vector>
+
 namespace kolmo::testing
 {
 
 class AllocFaults
 {
 public:
-    /* Fail the nth call from now on, 1 being the next.  One at a time. */
+    /* Fail the nth call from now on, 1 being the next; none if it is 0.  One at a time. */
     explicit AllocFaults(int nth);
 
     /* Back to normal.  The test fails when the nth call never came. */
@@ -29,6 +32,12 @@ public:
 
     AllocFaults(const AllocFaults &) = delete;
     AllocFaults &operator=(const AllocFaults &) = delete;
+
+    /* How much of what was allocated since the construction is not freed yet. */
+    [[nodiscard]] std::size_t held() const;
+
+    /* What was freed since then, in order. */
+    [[nodiscard]] std::vector<const void *> freed() const;
 };
 
 /* What an operation gives whose nth call fails; errno is as the operation left it. */

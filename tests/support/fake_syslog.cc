@@ -12,6 +12,7 @@ namespace
 std::vector<std::string> calls;
 std::vector<std::string> lines;
 const char *ident_of_openlog = nullptr;
+std::string closed_ident;
 int mask = 0xff;
 
 [[gnu::format(printf, 1, 2)]] void note_call(const char *format, ...)
@@ -37,6 +38,7 @@ void __wrap_openlog(const char *ident, int options, int facility)
 
 void __wrap_closelog()
 {
+    closed_ident = ident_of_openlog != nullptr ? ident_of_openlog : "";
     ident_of_openlog = nullptr;
     note_call("closelog");
 }
@@ -109,6 +111,11 @@ std::vector<std::string> FakeSyslog::take_calls()
 std::vector<std::string> FakeSyslog::take_lines()
 {
     return std::exchange(lines, {});
+}
+
+std::string FakeSyslog::ident_at_close()
+{
+    return closed_ident;
 }
 
 std::string FakeSyslog::ident() const

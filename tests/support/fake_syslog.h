@@ -30,6 +30,9 @@ public:
 
     /* The ident as syslog would write it now: what the pointer given to the latest openlog points at. */
     [[nodiscard]] std::string ident() const;
+
+    /* The same at the latest closelog. */
+    [[nodiscard]] static std::string ident_at_close();
 };
 
 } // namespace kolmo::testing

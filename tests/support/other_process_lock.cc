@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/owned.h"
-
 namespace kolmo::testing
 {
 
@@ -34,7 +32,10 @@ bool runs(sqlite3 *connection, const char *sql)
     if (sqlite3_open(path, &connection) != SQLITE_OK || !runs(connection, "BEGIN EXCLUSIVE") ||
         write(ready, "", 1) != 1)
         _exit(1);
-    (void)poll(nullptr, 0, milliseconds);
+
+    pollfd reader = {.fd = ready, .events = 0, .revents = 0}; /* gone with the lock's owner */
+
+    (void)poll(&reader, 1, milliseconds);
     _exit(runs(connection, "COMMIT") ? 0 : 1);
 }
 
@@ -50,14 +51,16 @@ OtherProcessLock::OtherProcessLock(const std::string &path, int milliseconds)
         return;
     }
 
-    const Fd ready(ends[0]);
+    ready_.reset(ends[0]);
     Fd tell(ends[1]);
 
     process_ = fork();
-    if (process_ == 0)
+    if (process_ == 0) {
+        ready_.reset();
         hold_lock(path.c_str(), tell.get(), milliseconds);
+    }
     tell.reset();
-    EXPECT_EQ(read(ready.get(), &byte, 1), 1) << "the other process has not locked " << path;
+    EXPECT_EQ(read(ready_.get(), &byte, 1), 1) << "the other process has not locked " << path;
 }
 
 OtherProcessLock::~OtherProcessLock()
@@ -66,6 +69,7 @@ OtherProcessLock::~OtherProcessLock()
 
     if (process_ <= 0)
         return;
+    ready_.reset();
     EXPECT_EQ(waitpid(process_, &status, 0), process_);
     EXPECT_EQ(status, 0);
 }

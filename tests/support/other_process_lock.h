@@ -7,6 +7,8 @@
 
 #include <sys/types.h>
 
+#include "common/owned.h"
+
 namespace kolmo::testing
 {
 
@@ -18,9 +20,10 @@ namespace kolmo::testing
 class OtherProcessLock
 {
 public:
+    /* For so long, or, if it is -1, as long as this lives. */
     OtherProcessLock(const std::string &path, int milliseconds);
 
-    /* Waits for the process's end. */
+    /* Ends the lock and waits for the process's end. */
     ~OtherProcessLock();
 
     OtherProcessLock(const OtherProcessLock &) = delete;
@@ -28,6 +31,7 @@ public:
 
 private:
     pid_t process_ = -1;
+    Fd ready_;
 };
 
 } // namespace kolmo::testing
