@@ -52,23 +52,6 @@ bool is_global(const std::string &address)
     return address == "all" || address == "all-recipients";
 }
 
-/* SQL's LIKE for a pattern between two "%", case-insensitive, byte by byte. */
-bool is_like(const char *text, const char *pattern)
-{
-    for (; *pattern != '\0'; pattern++, text++) {
-        if (*pattern == '%') {
-            const char *rest = text;
-
-            while (!is_like(rest, pattern + 1) && *rest != '\0')
-                rest++;
-            return is_like(rest, pattern + 1);
-        }
-        if (*text == '\0' || (*pattern != '_' && lower({*text}) != lower({*pattern})))
-            return false;
-    }
-    return *text == '\0';
-}
-
 struct Model {
     std::vector<Row> rows;
 
@@ -127,7 +110,7 @@ void Model::copy_domain(const std::string &source, const std::string &target)
 {
     const std::string pattern = '%' + source + '%';
     std::vector<Row> copies =
-        select([&](const Row &row) { return is_like(row.address.c_str(), pattern.c_str()); });
+        select([&](const Row &row) { return sqlite3_strlike(pattern.c_str(), row.address.c_str(), 0) == 0; });
 
     std::reverse(copies.begin(), copies.end());
     for (Row &copy : copies) {

@@ -81,6 +81,8 @@ void check_domain(const std::string &domain)
     if (!converted)
         return;
     require(is_ascii(ascii), "the ASCII form is ASCII");
+    if (!has_good_labels(ascii.substr(1)))
+        return; /* a character of a label has become dots, as U+FE30 does: nobody can take that apart again */
     require_same(to_ascii(ascii.substr(1)), ascii, "the ASCII form of the ASCII form");
 
     const OwnedText unicode(idn_to_unicode(ascii.c_str() + 1));
