@@ -94,12 +94,24 @@ TEST_F(ForkExecvGetouterr, ExitCodeAndBothTextsArriveWhole)
         {{"out", "2", "err", "3"}, "0 out=oo err=eee"},
         {{"err", "10000", "exit", "3"}, "3 out= err=" + std::string(10000, 'e')},
         {{"err", "1048576", "out", "1048576"}, "0 out=" + many_o + " err=" + many_e},
-        {{"out", "1", "sleep", "1300", "out", "1", "exit", "4"}, "4 out=oo err="}, /* past the time-out */
         {{"out", "1", "close", "1", "close", "2", "sleep", "200", "exit", "5"}, "5 out=o err="},
     };
 
     for (const auto &row : rows)
         EXPECT_EQ(shown_run(row.words), row.run);
+}
+
+/* One select has met its time-out, for there is one output and then none. */
+TEST_F(ForkExecvGetouterr, ProgramThatIsSilentForLongIsWaitedFor)
+{
+    HeldInput input;
+    SelectWatch watch;
+
+    watch.on_call = [&] {
+        if (watch.calls.size() == 3)
+            input.release();
+    };
+    EXPECT_EQ(shown_run({"out", "1", "input", "out", "1", "exit", "4"}), "4 out=oo err=");
 }
 
 TEST_F(ForkExecvGetouterr, MissingProgramGives255AndTheExecvTextAlone)
@@ -138,8 +150,17 @@ TEST_F(ForkExecvGetouterr, ProgramKilledWhileThePipesAreHeldGivesMinusOneWithout
 /* Past the time-out, after which the runner looks whether its program has ended. */
 TEST_F(ForkExecvGetouterr, StoppedProgramThatKeepsItsOutputOpenIsWaitedForUntilItGoesOn)
 {
-    const char *const argv[] = {"sh", "-c", "(sleep 1.3; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
+    const char *const argv[] = {"sh", "-c",
+                                "exec 3<&0; (exec >&- 2>&-; read x <&3; while kill -CONT $$; do sleep 0.1; "
+                                "done) & kill -STOP $$; exit 4",
+                                nullptr};
+    HeldInput input;
+    SelectWatch watch;
 
+    watch.on_call = [&] {
+        if (watch.calls.size() == 2)
+            input.release();
+    };
     EXPECT_EQ(shown(run_both("/bin/sh", argv)), "4 out= err=");
 }
 
@@ -244,8 +265,14 @@ TEST_F(ForkExecvGetouterr, ReadThatWouldBlockIsTriedAgain)
 TEST_F(ForkExecvGetouterr, FailedSelectWithARunningChildIsRepeated)
 {
     const Fault fault(Call::select, 1, EINTR);
+    HeldInput input;
+    SelectWatch watch;
 
-    EXPECT_EQ(shown_run({"sleep", "500", "out", "2", "exit", "5"}), "5 out=oo err=");
+    watch.on_call = [&] {
+        if (watch.calls.size() == 2)
+            input.release();
+    };
+    EXPECT_EQ(shown_run({"input", "out", "2", "exit", "5"}), "5 out=oo err=");
     EXPECT_TRUE(Fault::has_fired());
 }
 

@@ -45,6 +45,26 @@ std::string open_descriptors(int end)
     return list;
 }
 
+HeldInput::HeldInput() : saved_(dup(STDIN_FILENO))
+{
+    int ends[2];
+
+    if (pipe(ends) != 0) {
+        ADD_FAILURE() << "no pipe";
+        return;
+    }
+
+    const Fd read_end(ends[0]);
+
+    write_end_.reset(ends[1]);
+    EXPECT_EQ(dup2(read_end.get(), STDIN_FILENO), STDIN_FILENO);
+}
+
+HeldInput::~HeldInput()
+{
+    (void)dup2(saved_.get(), STDIN_FILENO);
+}
+
 void fill_descriptors(int first, int last)
 {
     const int source = open("/dev/null", O_RDWR);

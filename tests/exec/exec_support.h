@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include "common/owned.h"
 #include "tests/support/log_capture.h"
 
 namespace kolmo::testing
@@ -41,6 +42,23 @@ Observed observe(const std::function<int()> &run);
 
 /* The open ones below `end`, asked one by one with fcntl: "0 1 2". */
 std::string open_descriptors(int end = 4096);
+
+/* A pipe as standard input, with nothing in it, whose other end only this process has. */
+class HeldInput
+{
+public:
+    HeldInput();
+    ~HeldInput();
+    HeldInput(const HeldInput &) = delete;
+    HeldInput &operator=(const HeldInput &) = delete;
+
+    /* Its end comes. */
+    void release() { write_end_.reset(); }
+
+private:
+    Fd saved_;
+    Fd write_end_;
+};
 
 /* Make every number from first to last an open descriptor. */
 void fill_descriptors(int first, int last);

@@ -275,6 +275,8 @@ int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeva
         for (int fd = 0; fd < count; fd++)
             is_blocking |= FD_ISSET(fd, read) && (__real_fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
         select_watch->calls.push_back({timeout->tv_sec * 1000 + timeout->tv_usec / 1000, is_blocking});
+        if (select_watch->on_call)
+            select_watch->on_call();
     }
     if (fails(Call::select))
         return errno == 0 ? 0 : -1;

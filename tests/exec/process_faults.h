@@ -58,6 +58,9 @@ public:
         bool is_blocking;
     };
     std::vector<Seen> calls;
+
+    /* What is done before a call, which is counted already. */
+    std::function<void()> on_call;
 };
 
 /* Instead of being executed, a program's path and arguments are printed, line by line, and it exits with 1.
