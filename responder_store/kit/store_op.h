@@ -1,9 +1,9 @@
 /*
  * store_op: the steps that every operation on a store is made of.
  *
- * with_store gives an operation its connection, StoreOp its steps.  A step that fails reports, finalizes its
- * statement and closes the connection, the caller's too, in this order: closing overwrites SQLite's text,
- * and a statement that is not finalized keeps the closing busy for hours.  A step whose pause failed abandons
+ * with_store gives an operation its connection, StoreOp its steps.  A step that fails reports and finalizes
+ * its statement before it closes the connection, the caller's too: closing overwrites SQLite's text, and a
+ * statement that is not finalized keeps the closing busy for hours.  A step whose pause failed abandons
  * the connection instead and does nothing more.  Either ends the operation: its further steps do nothing.
  * What a row that the store refuses means is the operation's affair.
  *

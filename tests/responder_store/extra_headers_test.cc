@@ -74,6 +74,22 @@ TEST_F(RemoveExtraHeaders, RefusedDeletionGivesSqlitesCodeAndLeavesTheConnection
     EXPECT_EQ(store.rows("extra_headers"), Lines{"X-Old|old"});
 }
 
+TEST_F(RemoveExtraHeaders, SqlitesTextOfAFailureIsFreedBeforeItIsLogged)
+{
+    SqliteFaults faults;
+    const sqlite3_int64 before = sqlite3_memory_used();
+    sqlite3_int64 used = 0;
+
+    ASSERT_GT(before, 0);
+    faults.fail_call(SqliteCall::exec, 1);
+    log.on_line = [&] {
+        used = sqlite3_memory_used();
+    };
+    EXPECT_EQ(remove_extra_headers(&connection), SQLITE_ERROR);
+    EXPECT_EQ(used, before);
+    EXPECT_EQ(log.take_one(), "3 Unable to remove autoresponder extra headers: not an error");
+}
+
 TEST_F(RemoveExtraHeaders, LockThatGoesIsWaitedForByRepeatingTheDeletion)
 {
     SqliteFaults faults;

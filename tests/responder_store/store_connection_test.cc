@@ -129,6 +129,16 @@ TEST_F(OpenStore, SetsABusyTimeoutOfFiftyMilliseconds)
     EXPECT_EQ(faults.calls(), (Calls{"open " + path, "busy_timeout 50"}));
 }
 
+TEST_F(OpenStore, BusyOpenIsAFailureLikeAnyOther)
+{
+    StoreConnection connection;
+
+    faults.fail_call(1, SQLITE_BUSY);
+    EXPECT_EQ(open_store(&connection, path.c_str(), OpenMode::read_write), Ending::failed);
+    EXPECT_EQ(log.take_one(), "3 Unable to open database " + path + ": not an error");
+    EXPECT_EQ(faults.calls(), (Calls{"open " + path, "close"}));
+}
+
 TEST_F(OpenStore, CreatesAMissingFileWhenItMayWrite)
 {
     StoreConnection connection;

@@ -69,6 +69,12 @@ TEST_F(StoreOpTest, RefusedRowIsToldWithoutAWordAndDoesNotEndTheOperation)
     EXPECT_TRUE(connection.is_open());
 }
 
+TEST_F(StoreOpTest, RowIsNoSuccess)
+{
+    EXPECT_FALSE(op.run(Sql<0>("SELECT 1"), {}));
+    EXPECT_EQ(op.ending(), Ending::done);
+}
+
 TEST_F(StoreOpTest, NullTextIsBoundAsNull)
 {
     EXPECT_TRUE(insert("a", nullptr));
@@ -306,13 +312,15 @@ TEST_F(WithStore, CallersConnectionIsUsedAndLeftOpen)
 TEST_F(WithStore, OwnConnectionIsOpenedAndClosedWhateverTheEnding)
 {
     for (const Ending ending : {Ending::done, Ending::failed}) {
+        faults.fail_call(SqliteCall::close, 1, SQLITE_BUSY);
         EXPECT_EQ(with_store(nullptr, store.path().c_str(), OpenMode::read_write,
                              [&](StoreOp &own) {
                                  EXPECT_TRUE(own.connection()->is_open());
                                  return ending;
                              }),
                   ending);
-        EXPECT_EQ(faults.calls().back(), "close");
+        EXPECT_EQ(Lines(faults.calls().end() - 3, faults.calls().end()),
+                  (Lines{"close", "close", "pause 10000"}));
         EXPECT_EQ(faults.open_connections().size(), 1U) << "the fixture's";
     }
 }

@@ -247,7 +247,7 @@ int __wrap_sqlite3_bind_int(sqlite3_stmt *statement, int index, int number)
 int __wrap_sqlite3_bind_int64(sqlite3_stmt *statement, int index, sqlite3_int64 number)
 {
     if (SqliteFaults::State *const state = watcher(); state != nullptr)
-        if (const auto refusal = state->refusal(SqliteCall::bind, "bind " + std::to_string(index) + ' ' +
+        if (const auto refusal = state->refusal(SqliteCall::bind, "bind64 " + std::to_string(index) + ' ' +
                                                                       std::to_string(number)))
             return *refusal;
     return __real_sqlite3_bind_int64(statement, index, number);
@@ -382,12 +382,6 @@ void SqliteFaults::open_without_handle()
 void SqliteFaults::be_busy(SqliteCall kind, int times)
 {
     state_->busy[static_cast<std::size_t>(kind)] = {times, 0, times > 0};
-}
-
-void SqliteFaults::be_busy_everywhere(int times)
-{
-    for (const SqliteCall kind : {SqliteCall::prepare, SqliteCall::step, SqliteCall::exec, SqliteCall::close})
-        state_->busy[static_cast<std::size_t>(kind)] = {times, 0, false};
 }
 
 void SqliteFaults::fail_pause(int nth)

@@ -62,9 +62,6 @@ public:
      */
     void be_busy(SqliteCall kind, int times);
 
-    /* The same for all that is tried again: prepare, step, exec and close, those of them that come. */
-    void be_busy_everywhere(int times);
-
     /* Fail the nth pause from now on, as a signal does: errno EINTR. */
     void fail_pause(int nth);
 

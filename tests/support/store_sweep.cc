@@ -1,6 +1,7 @@
 #include "tests/support/store_sweep.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -112,6 +113,16 @@ FaultTable transaction_rows(const std::string &verb, const std::string &message,
            closed_after("step", message, contents, also_logged);
 }
 
+/* Nothing but the finalizing of a statement comes between a failing call and its first line. */
+void expect_told_at_once(const SqliteFaults &faults)
+{
+    Lines calls = faults.calls();
+
+    if (faults.failed_call() == "step" && calls.back() == "finalize")
+        calls.pop_back();
+    EXPECT_EQ(calls.back(), faults.failed_call());
+}
+
 } // namespace
 
 void StoreSweep::sweep_calls(const FaultTable &table, const Operation &operation)
@@ -157,7 +168,12 @@ void StoreSweep::fail_one_call(bool own, int nth, const FaultRow &row, const Ope
         SqliteFaults faults;
 
         faults.fail_call(nth);
+        log_.on_line = [&, is_first = true]() mutable {
+            if (std::exchange(is_first, false))
+                expect_told_at_once(faults);
+        };
         EXPECT_EQ(operation(passed.get()), row.result);
+        log_.on_line = nullptr;
         EXPECT_EQ(is_open_call(row) ? faults.failed_call().substr(0, row.call.size()) : faults.failed_call(),
                   row.call);
         EXPECT_TRUE(std::none_of(faults.calls().begin(), faults.calls().end(), [](const std::string &call) {
