@@ -271,6 +271,7 @@ TEST_F(IdnUrl, OnlyTheHostIsConverted)
         {"m\u00fcnchen.example:80", "xn--mnchen-3ya.example:80"},
         {"user:pass@m\u00fcnchen.example", "user:pass@xn--mnchen-3ya.example"},
         {"example.com", "example.com"},
+        {"m\u00fcnchen.example/a\nb", "xn--mnchen-3ya.example/a\nb"},
         /* What looks like a URL's other parts is not told from its host, or from its user. */
         {"HTTP://m\u00fcnchen.example/", "HTTP://m\u00fcnchen.example/"},
         {"http://:80/", "http://:80/"},
