@@ -46,8 +46,8 @@ void handler_record_init(HandlerRecord *record);
 
 /*
  * A deep copy of `source`; release it with handler_record_free.  A text that cannot be copied is null in
- * the copy, without a message.  Null when there is no memory for the record, logged as by
- * handler_record_new, or when `source` is null.
+ * the copy, without a message: who deletes by copies looks first, as a null address means all of them.  Null
+ * when there is no memory for the record, logged as by handler_record_new, or when `source` is null.
  */
 [[nodiscard]] HandlerRecord *handler_record_clone(const HandlerRecord *source);
 

@@ -139,6 +139,7 @@ TEST_F(RebuildResponders, NameThatIsNullIsAnEmptyOne)
                   "ALTER TABLE domain_aliases DROP PRIMARY KEY, MODIFY name VARCHAR(255); "
                   "UPDATE domain_aliases SET name = NULL");
     EXPECT_EQ(run(), std::pair(0, Lines{}));
+    EXPECT_EQ(query_store(handlers_store, "SELECT address FROM handlers"), Lines{"info@"});
 }
 
 TEST_F(RebuildResponders, RowsOfTheDomainsAreFreedBeforeTheSettingIsAskedFor)
