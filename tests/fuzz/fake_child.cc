@@ -124,7 +124,13 @@ int __wrap_select(int count, fd_set *reads, fd_set *writes, fd_set *errors, time
     if (!child.step())
         return interrupted ? -1 : 0;
     *timeout = {0, 0}; /* what is not there by now will not come */
-    return __real_select(count, reads, writes, errors, timeout);
+
+    int ready;
+
+    do /* the fuzzer's own alarm is no affair of the parent's */
+        ready = __real_select(count, reads, writes, errors, timeout);
+    while (ready < 0 && errno == EINTR);
+    return ready;
 }
 
 pid_t __wrap_waitpid(pid_t pid, int *status, int options)
