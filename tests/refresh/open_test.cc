@@ -119,8 +119,7 @@ TEST(PublisherOpen, JournalOfAKilledWriterIsRolledBackAndTold)
         EXPECT_EQ(published.result, PublishResult::published);
         EXPECT_EQ(
             published.notes,
-            Lines{path +
-                  ": a writer had been killed in the middle of a commit; what it left was rolled back"});
+            Lines{path + ": a writer had been killed in the middle of a commit; what it left was tidied up"});
         EXPECT_EQ(published.troubles, Lines{});
         EXPECT_EQ(published.changes, (Lines{"changed autoresponder a@x.test", "added handlers b@x.test"}));
         EXPECT_EQ(world.run(world.paths.live_handlers, "SELECT address FROM handlers ORDER BY 1"),
@@ -242,7 +241,7 @@ TEST(PublisherMeanwhile, WhatSomebodyElseWroteIsNotOverwritten)
         Lines handlers;
 
         SCOPED_TRACE(row.what);
-        options.prune = {{2, 1, "gone@x.test"}};
+        options.prune = {{"2", "1", "gone@x.test"}};
         (void)world.run(world.paths.live_responder, sql_reply("a@x.test", "A"));
         (void)world.run(world.paths.staged_responder, sql_reply("b@x.test", "B"));
         (void)world.run(world.paths.live_handlers, sql_handler("old@x.test", 1) + sql_handler("gone@x.test") +
