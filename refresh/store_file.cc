@@ -1,6 +1,7 @@
 #include "refresh/store_file.h"
 
 #include <filesystem>
+#include <system_error>
 
 #include <sys/stat.h>
 

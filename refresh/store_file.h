@@ -8,11 +8,11 @@
 namespace kolmo
 {
 
-/* The path behind symbolic links, beside which SQLite keeps the journal; the same path when it cannot be
- * told.
+/* The path behind symbolic links, beside which SQLite keeps the journal; where that cannot be told, `path`.
  */
 [[nodiscard]] std::string real_path(const std::string &path);
 
+/* Also when it cannot be asked. */
 [[nodiscard]] bool is_missing_or_empty(const std::string &path);
 
 } // namespace kolmo

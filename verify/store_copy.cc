@@ -136,8 +136,7 @@ bool is_damage(int rc)
     return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
 }
 
-/* Indices are compared with their tables: one that has lost a row hides it from whoever asks by that index.
- */
+/* An index that has lost a row hides it from whoever asks by that index: it is damage, too. */
 CopyEnding check_copy(sqlite3 *copy, const std::string &path, const TroubleSink &trouble)
 {
     SqliteQuery check;

@@ -204,6 +204,28 @@ TEST_F(InterruptionTest, KilledAtEachStepItLeavesAFolderAtMostWhichTheNextOneRem
     }
 }
 
+TEST_F(InterruptionTest, KeeperThatIsKilledTakesTheRebuildWithItAndIsTrouble)
+{
+    const FileState responders(responder_store);
+    const FileState handlers(handlers_store);
+
+    write_utility(": >" + reached + "; sleep 1000");
+
+    const std::unique_ptr<Program> program = start();
+    const std::string task =
+        "/proc/" + std::to_string(program->pid()) + "/task/" + std::to_string(program->pid()) + "/children";
+
+    wait_for_file(reached);
+    ASSERT_EQ(::kill(std::stoi(read_file(task)), SIGKILL), 0);
+
+    const ProgramResult result = program->finish();
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "mail_responders_refresh: the rebuild's keeper was killed\n");
+    expect_untouched(responders);
+    expect_untouched(handlers);
+}
+
 std::uint64_t blocked_signals(pid_t process)
 {
     const std::string status = read_file("/proc/" + std::to_string(process) + "/status");
