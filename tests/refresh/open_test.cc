@@ -102,6 +102,25 @@ TEST(PublisherOpen, StoresThatCannotBePublishedToAreTroubleAtOnce)
     }
 }
 
+/* Before a rebuild works on a copy: a row that the index has lost could not be written. */
+TEST(PublisherOpen, HandlersWithADamagedIndexAreTrouble)
+{
+    const PublisherWorld world;
+    Published published;
+    const std::unique_ptr<Publisher> publisher = world.publisher(&published);
+
+    (void)world.run(world.paths.live_handlers, sql_handler("a@x.test"));
+    world.empty_index(world.paths.live_handlers, "idx1", "queue, type, enabled, address, row");
+    ASSERT_EQ(publisher->open_live(), 0);
+    EXPECT_EQ(publisher->copy_handlers(), -1);
+    ASSERT_EQ(published.troubles.size(), 1U);
+    EXPECT_TRUE(published.troubles[0].starts_with(world.paths.live_handlers +
+                                                  " is damaged (PRAGMA integrity_check): "))
+        << published.troubles[0];
+    (void)world.run(world.paths.live_handlers, "REINDEX");
+    EXPECT_EQ(world.publish().result, PublishResult::published);
+}
+
 TEST(PublisherOpen, JournalOfAKilledWriterIsRolledBackAndTold)
 {
     for (const bool is_responder : {true, false}) {

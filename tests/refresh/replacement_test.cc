@@ -48,26 +48,6 @@ void damage(const std::string &path)
     file << std::string(4096, '\x7f');
 }
 
-/* Takes a reply out of the index by which the mail server asks, and leaves it in the table. */
-void hide_reply(const std::string &path, const std::string &address)
-{
-    const std::string remove = "DELETE FROM imposter WHERE mn = '" + address + "'";
-    sqlite3 *connection = nullptr;
-
-    ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
-
-    const Lines page = result_rows(
-        connection, "SELECT rootpage FROM sqlite_schema WHERE name = 'sqlite_autoindex_autoresponder_1'");
-
-    EXPECT_EQ(sqlite3_test_control(SQLITE_TESTCTRL_IMPOSTER, connection, "main", 1, std::stoi(page.at(0))),
-              SQLITE_OK);
-    (void)result_rows(connection, "CREATE TABLE imposter (mn, row, PRIMARY KEY (mn, row)) WITHOUT ROWID");
-    EXPECT_EQ(sqlite3_test_control(SQLITE_TESTCTRL_IMPOSTER, connection, "main", 0, 0), SQLITE_OK);
-    (void)result_rows(connection, remove);
-    EXPECT_EQ(sqlite3_changes(connection), 1);
-    EXPECT_EQ(sqlite3_close(connection), SQLITE_OK);
-}
-
 struct FlawRow {
     const char *what;
     std::function<void(const PublisherWorld &, const std::string &path)> spoil;
@@ -104,8 +84,10 @@ const std::vector<FlawRow> flaw_rows = {
      " is no database, or is damaged", all_added},
     {"damaged", [](const PublisherWorld &, const std::string &path) { damage(path); },
      " is damaged (PRAGMA integrity_check): ", all_added},
-    {"with an index that has lost a row",
-     [](const PublisherWorld &, const std::string &path) { hide_reply(path, "a@x.test"); },
+    {"with an index that has lost its rows",
+     [](const PublisherWorld &world, const std::string &path) {
+         world.empty_index(path, "sqlite_autoindex_autoresponder_1", "mn, row");
+     },
      " is damaged (PRAGMA integrity_check): ", all_added},
     {"without a table", sql("DROP TABLE attachments"), " has other tables than a rebuild makes", differing},
     {"with another column", sql("ALTER TABLE autoresponder ADD COLUMN more"),
