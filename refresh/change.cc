@@ -32,6 +32,12 @@ unsigned long ChangeCounts::of(ChangeKind kind) const
     return rows;
 }
 
+void ChangeCounts::forget(ChangedTable table)
+{
+    for (auto &tables : counts_)
+        tables[static_cast<std::size_t>(table)] = 0;
+}
+
 unsigned long ChangeCounts::all() const
 {
     return of(ChangeKind::added) + of(ChangeKind::changed) + of(ChangeKind::removed);

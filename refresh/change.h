@@ -41,6 +41,7 @@ public:
     {
         counts_[static_cast<std::size_t>(kind)][static_cast<std::size_t>(table)] += rows;
     }
+    void forget(ChangedTable table); /* as if none of its rows had been added */
 
 private:
     std::array<std::array<unsigned long, changed_tables>, change_kinds> counts_ = {};

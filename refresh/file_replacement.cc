@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/owned.h"
+#include "refresh/store_file.h"
 
 namespace kolmo
 {
@@ -56,15 +57,6 @@ int copy_owner_and_mode(int from, int to)
     if (::fstat(from, &status) != 0 || ::fchown(to, status.st_uid, status.st_gid) != 0)
         return -1;
     return ::fchmod(to, status.st_mode & 07777);
-}
-
-/* A store that is reached by a symbolic link stays reached by it. */
-std::string real_path(const std::string &path)
-{
-    std::error_code error;
-    const std::filesystem::path real = std::filesystem::weakly_canonical(path, error);
-
-    return error ? path : real.string();
 }
 
 int remove_if_there(const std::string &path)

@@ -17,6 +17,7 @@ namespace
 {
 
 constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM};
+constexpr int stopping_signals[] = {SIGTSTP, SIGTTIN, SIGTTOU};
 
 volatile pid_t child_to_end = 0;
 using Path = char[PATH_MAX];
@@ -87,7 +88,11 @@ void set_file_to_remove(const char *path)
 
 HoldSignals::HoldSignals() noexcept
 {
-    (void)::sigprocmask(SIG_BLOCK, &caught, &before_);
+    sigset_t held = caught;
+
+    for (const int signal_number : stopping_signals)
+        (void)::sigaddset(&held, signal_number);
+    (void)::sigprocmask(SIG_BLOCK, &held, &before_);
 }
 
 HoldSignals::~HoldSignals()

@@ -2,7 +2,8 @@
  * interruption: a signal ends the program at once, and yet nothing of it stays.
  *
  * SIGHUP, SIGINT, SIGQUIT, SIGPIPE and SIGTERM, as far as they are not ignored, end the rebuild, remove what
- * was staged and then end the program, by the same signal.
+ * was staged and then end the program, by the same signal.  SIGPIPE does so only until the panel database is
+ * asked, for its client library has it ignored from then on: a write that fails is told by the exit status.
  */
 #pragma once
 
@@ -25,7 +26,7 @@ void set_folder_to_remove(const char *path);
 /* Which file to remove; an empty path for none.  Set before it is made. */
 void set_file_to_remove(const char *path);
 
-/* The caught signals wait until the end of the scope. */
+/* The caught signals, and those that stop a process, as Ctrl-Z does, wait until the end of the scope. */
 class HoldSignals
 {
 public:

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "common/owned.h"
+#include "refresh/store_file.h"
 
 namespace kolmo
 {
@@ -70,10 +71,15 @@ bool names_a_journal(const std::filesystem::path &list)
 
 } // namespace
 
-/* A writer has its lock before its journal, and removes the journal first. */
+/* A writer has its lock before its journal, and removes the journal first.  Nothing can be rolled back in a
+   file without a page. */
 bool has_hot_journal(const std::string &path)
 {
-    const std::string journal = path + "-journal";
+    const std::string journal = real_path(path) + "-journal";
+
+    if (is_missing_or_empty(path))
+        return false;
+
     const ino_t before = journal_in_use(journal);
 
     return before != 0 && !has_writer(path) && journal_in_use(journal) == before;
@@ -81,7 +87,7 @@ bool has_hot_journal(const std::string &path)
 
 std::vector<std::string> stale_journal_lists(const std::string &path)
 {
-    const std::filesystem::path store(path);
+    const std::filesystem::path store(real_path(path));
     const std::string start = store.filename().string() + "-mj";
     std::vector<std::string> lists;
     std::error_code error;

@@ -214,7 +214,7 @@ int LiveStores::accept(const std::string &path, const char *schema, int rc, bool
     if (rc != SQLITE_OK)
         return tell(path + " cannot be read");
     if (was_hot)
-        note_(path + ": a writer had been killed in the middle of a commit; what it left was rolled back");
+        note_(path + ": a writer had been killed in the middle of a commit; what it left was tidied up");
     if (sqlite3_db_readonly(db_.get(), schema) == 0)
         return 0;
     trouble_(path + " cannot be written: the file or its file system is read-only");

@@ -59,7 +59,7 @@ int lock_until(int file, Clock::time_point deadline)
 
 } // namespace
 
-int RunLock::take(int wait_seconds, const std::function<void(const std::string &)> &trouble)
+int RunLock::take(int wait_seconds, const TroubleSink &trouble)
 {
     const std::string path = run_lock_path;
     Fd file(::open(run_lock_path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));

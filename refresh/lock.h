@@ -3,10 +3,10 @@
  */
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "common/owned.h"
+#include "verify/store_copy.h"
 
 namespace kolmo
 {
@@ -24,7 +24,7 @@ public:
      * Returns 0, or -1 after telling the trouble.  The kernel lets go of the lock when the process ends and
      * the last child that was forked without a new program.
      */
-    [[nodiscard]] int take(int wait_seconds, const std::function<void(const std::string &)> &trouble);
+    [[nodiscard]] int take(int wait_seconds, const TroubleSink &trouble);
 
     /* The folder that the lock's last holder has left behind; empty when it has left nothing. */
     [[nodiscard]] const std::string &left_folder() const { return left_folder_; }

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/owned.h"
@@ -33,11 +32,7 @@ const char handlers_before[] = "handlers_before";
 
 RowKey key_of(const HandlerKey &handler)
 {
-    const auto text = [](const std::optional<std::int64_t> &number) {
-        return number ? std::to_string(*number) : std::string();
-    };
-
-    return {handler.address, "autoresponder", text(handler.queue), text(handler.type)};
+    return {handler.address, "autoresponder", handler.queue.value_or(""), handler.type.value_or("")};
 }
 
 /* Adds all rows that a statement gives; returns 0 or -1. */

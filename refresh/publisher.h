@@ -25,7 +25,6 @@
  */
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -33,6 +32,7 @@
 #include <vector>
 
 #include "refresh/change.h"
+#include "verify/store_copy.h"
 
 namespace kolmo
 {
@@ -45,10 +45,11 @@ struct PublishPaths {
     std::string handlers_before; /* the staged handlers store as it was before the rebuild */
 };
 
-/* An autoresponder handler, as the store has it; nothing stands for NULL. */
+/* An autoresponder handler, as the store has it, whatever stands there as queue and type; nothing stands for
+   NULL. */
 struct HandlerKey {
-    std::optional<std::int64_t> queue;
-    std::optional<std::int64_t> type;
+    std::optional<std::string> queue;
+    std::optional<std::string> type;
     std::string address;
 };
 
@@ -59,8 +60,8 @@ struct PublishOptions {
 
 /* Who hears what; the first two must be callable. */
 struct PublishSink {
-    std::function<void(const std::string &)> trouble; /* what could not be done */
-    std::function<void(const std::string &)> note;    /* a hot journal was rolled back, a store is replaced */
+    TroubleSink trouble; /* what could not be done */
+    TroubleSink note;    /* a hot journal was rolled back, a store is replaced */
     /* Both stores are locked and are about to be written: a process that is killed from here to the end of
        publish leaves hot journals, which programs that only read cannot mend. */
     std::function<void()> locked = {};

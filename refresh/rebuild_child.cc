@@ -27,7 +27,7 @@ namespace
 {
 
 /* What the keeper tells: how the rebuild ended, or what could not be done and errno. */
-enum class Step { ended, open_folder, lay_folder, mount_proc, fork, execute, steps };
+enum class Step { ended, stay, open_folder, lay_folder, mount_proc, fork, execute, steps };
 
 struct Message {
     Step step;
@@ -36,6 +36,7 @@ struct Message {
 
 constexpr std::array<const char *, static_cast<std::size_t>(Step::steps)> step_texts = {
     "",
+    "the rebuild's keeper cannot be bound to this process's end",
     "the staging folders cannot be opened",
     "the staging cannot be laid over the live stores",
     "the rebuild's own /proc cannot be mounted",
@@ -128,7 +129,9 @@ void Keeper::stay_with_parent() const
 {
     pollfd parent = {socket_, POLLIN, 0};
 
-    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::poll(&parent, 1, 0) != 0)
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
+        fail(Step::stay);
+    if (::poll(&parent, 1, 0) != 0)
         ::_exit(1);
 }
 
@@ -189,7 +192,7 @@ void Keeper::run()
 
 } // namespace
 
-int RebuildChild::start(const RebuildCommand &command, const SayTrouble &trouble)
+int RebuildChild::start(const RebuildCommand &command, const TroubleSink &trouble)
 {
     const Plan plan = make_plan(command);
     int ends[2];
@@ -224,7 +227,7 @@ bool RebuildChild::wait(int milliseconds)
     return ::poll(&keeper, 1, milliseconds) > 0;
 }
 
-int RebuildChild::end(int *status, const SayTrouble &trouble)
+int RebuildChild::end(int *status, const TroubleSink &trouble)
 {
     Message message = {Step::ended, 0};
     ssize_t length;

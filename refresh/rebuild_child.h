@@ -8,12 +8,12 @@
  */
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include <sys/types.h>
 
 #include "common/owned.h"
+#include "verify/store_copy.h"
 
 namespace kolmo
 {
@@ -28,15 +28,13 @@ struct RebuildCommand {
 class RebuildChild
 {
 public:
-    using SayTrouble = std::function<void(const std::string &)>;
-
     RebuildChild() = default;
     ~RebuildChild();
     RebuildChild(const RebuildChild &) = delete;
     RebuildChild &operator=(const RebuildChild &) = delete;
 
     /* Starts it, with our standard streams and environment.  Returns 0, or -1 after telling the trouble. */
-    [[nodiscard]] int start(const RebuildCommand &command, const SayTrouble &trouble);
+    [[nodiscard]] int start(const RebuildCommand &command, const TroubleSink &trouble);
 
     /* Waits so many milliseconds for its end, negative for any time; whether it has ended. */
     [[nodiscard]] bool wait(int milliseconds);
@@ -45,7 +43,7 @@ public:
      * How it ended: sets its wait status, as waitpid(2) gave it.
      * Returns 0, or -1 after telling the trouble: it could not be started, or its keeper was killed.
      */
-    [[nodiscard]] int end(int *status, const SayTrouble &trouble);
+    [[nodiscard]] int end(int *status, const TroubleSink &trouble);
 
 private:
     pid_t keeper_ = 0;

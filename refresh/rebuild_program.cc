@@ -24,8 +24,7 @@ std::string program_beside()
 
 } // namespace
 
-int find_rebuild_program(const std::string &wanted, std::string *program,
-                         const std::function<void(const std::string &)> &trouble)
+int find_rebuild_program(const std::string &wanted, std::string *program, const TroubleSink &trouble)
 {
     const std::string beside = program_beside();
 

@@ -3,8 +3,9 @@
  */
 #pragma once
 
-#include <functional>
 #include <string>
+
+#include "verify/store_copy.h"
 
 namespace kolmo
 {
@@ -17,7 +18,7 @@ namespace kolmo
  * Returns 0, or -1 after telling the trouble: it is not there, or cannot be executed.
  */
 [[nodiscard]] int find_rebuild_program(const std::string &wanted, std::string *program,
-                                       const std::function<void(const std::string &)> &trouble);
+                                       const TroubleSink &trouble);
 
 /* "mail_responders_rebuild has failed with status 255", for a wait status other than 0. */
 [[nodiscard]] std::string rebuild_end_text(int wait_status);

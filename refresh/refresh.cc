@@ -4,12 +4,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <optional>
 #include <utility>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "handlers_store/handlers_db.h"
@@ -26,6 +24,7 @@
 #include "refresh/rebuild_progress.h"
 #include "refresh/staging.h"
 #include "refresh/staging_size.h"
+#include "refresh/store_file.h"
 #include "responder_store/responder_db.h"
 #include "verify/progress.h"
 #include "verify/store_copy.h"
@@ -39,13 +38,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr int tries = 2;
-
-bool is_missing_or_empty(const std::string &path)
-{
-    struct stat status;
-
-    return ::stat(path.c_str(), &status) != 0 || status.st_size == 0;
-}
 
 /* One refresh from its beginning to its end. */
 class Refresh
@@ -75,11 +67,12 @@ private:
     [[nodiscard]] int run_child(int *status);
     [[nodiscard]] int look_at_stores();
     void take_finding(Finding finding);
+    void forget_handlers();
     [[nodiscard]] bool is_in_part() const { return rebuild_failed_ || look_->summary.rebuild > 0; }
 
     const RefreshOptions &options_;
     RefreshOutput *output_;
-    const SayTrouble trouble_ = [this](const std::string &text) {
+    const TroubleSink trouble_ = [this](const std::string &text) {
         output_->trouble(text);
     };
     RunLock lock_;
@@ -303,6 +296,13 @@ std::optional<Result> Refresh::compare(Publisher *publisher)
     return std::nullopt;
 }
 
+/* What was to become of them was not published. */
+void Refresh::forget_handlers()
+{
+    counts_.forget(ChangedTable::handlers);
+    std::erase_if(rows_, [](const Change &row) { return row.table == ChangedTable::handlers; });
+}
+
 std::optional<Result> Refresh::publish(Publisher *publisher, bool is_last)
 {
     set_file_to_remove(FileReplacement::waiting_path(responder_db_path).c_str());
@@ -321,8 +321,10 @@ std::optional<Result> Refresh::publish(Publisher *publisher, bool is_last)
     }
     if (result == PublishResult::failed)
         return Result::write_failed;
-    if (result == PublishResult::responder_only)
+    if (result == PublishResult::responder_only) {
+        forget_handlers();
         return Result::published_in_part;
+    }
     if (result == PublishResult::changed_meanwhile)
         return Result::changed_meanwhile;
     return is_in_part() ? Result::published_in_part : Result::published;

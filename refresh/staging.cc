@@ -48,7 +48,7 @@ std::string without_links(const std::string &path)
 }
 
 /* A folder as the one of a live store is. */
-int make_like(const std::string &path, const char *live_store, const SayTrouble &trouble)
+int make_like(const std::string &path, const char *live_store, const TroubleSink &trouble)
 {
     const std::string live = fs::path(live_store).parent_path();
     struct stat status;
@@ -69,7 +69,7 @@ int make_like(const std::string &path, const char *live_store, const SayTrouble 
 
 } // namespace
 
-int Staging::enter_own_mounts(const SayTrouble &trouble)
+int Staging::enter_own_mounts(const TroubleSink &trouble)
 {
     if (::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_SLAVE | MS_REC, nullptr) == 0)
         return 0;
@@ -80,7 +80,7 @@ int Staging::enter_own_mounts(const SayTrouble &trouble)
     return -1;
 }
 
-int Staging::make(const std::string &parent, std::uint64_t size, const SayTrouble &trouble)
+int Staging::make(const std::string &parent, std::uint64_t size, const TroubleSink &trouble)
 {
     if (parent.empty())
         return make_in_memory(size, trouble);
@@ -103,7 +103,7 @@ int Staging::make(const std::string &parent, std::uint64_t size, const SayTroubl
     return make_folder(real, trouble);
 }
 
-int Staging::make_in_memory(std::uint64_t size, const SayTrouble &trouble)
+int Staging::make_in_memory(std::uint64_t size, const TroubleSink &trouble)
 {
     const std::uint64_t available = available_memory();
 
@@ -125,7 +125,7 @@ int Staging::make_in_memory(std::uint64_t size, const SayTrouble &trouble)
     return 0;
 }
 
-int Staging::make_folder(const std::string &parent, const SayTrouble &trouble)
+int Staging::make_folder(const std::string &parent, const TroubleSink &trouble)
 {
     path_ = new_staging_path(parent);
     if (path_.size() >= PATH_MAX) {
@@ -141,7 +141,7 @@ int Staging::make_folder(const std::string &parent, const SayTrouble &trouble)
     return -1;
 }
 
-int Staging::prepare(const SayTrouble &trouble)
+int Staging::prepare(const TroubleSink &trouble)
 {
     if (empty_staging_folder(path_.c_str()) != 0) {
         trouble("the staging folder " + path_ + " cannot be emptied: " + reason());
@@ -152,7 +152,7 @@ int Staging::prepare(const SayTrouble &trouble)
     return make_like(handlers_folder(), handlers_db_path, trouble);
 }
 
-int Staging::adopt_handlers(const SayTrouble &trouble)
+int Staging::adopt_handlers(const TroubleSink &trouble)
 {
     const std::string staged = paths().staged_handlers;
     struct stat status;

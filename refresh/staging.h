@@ -8,7 +8,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 #include "refresh/lock.h"
@@ -16,8 +15,6 @@
 
 namespace kolmo
 {
-
-using SayTrouble = std::function<void(const std::string &)>;
 
 class Staging
 {
@@ -32,7 +29,7 @@ public:
      * Gives this process a mount namespace of its own, in which what the host unmounts goes, too, and nothing
      * that is mounted gets out.  Returns 0, or -1 after telling the trouble.
      */
-    [[nodiscard]] static int enter_own_mounts(const SayTrouble &trouble);
+    [[nodiscard]] static int enter_own_mounts(const TroubleSink &trouble);
 
     /*
      * Makes the folder.
@@ -42,13 +39,13 @@ public:
      * Returns 0, or -1 after telling the trouble: there is not that much memory or disk, or it cannot be
      * made.
      */
-    [[nodiscard]] int make(const std::string &parent, std::uint64_t size, const SayTrouble &trouble);
+    [[nodiscard]] int make(const std::string &parent, std::uint64_t size, const TroubleSink &trouble);
 
     /* Empties it and makes the stores' folders.  Returns 0, or -1 after telling the trouble. */
-    [[nodiscard]] int prepare(const SayTrouble &trouble);
+    [[nodiscard]] int prepare(const TroubleSink &trouble);
 
     /* Gives the staged handlers store the live one's owner and mode.  Returns 0, or -1 after the trouble. */
-    [[nodiscard]] int adopt_handlers(const SayTrouble &trouble);
+    [[nodiscard]] int adopt_handlers(const TroubleSink &trouble);
 
     /* Undoes what a rebuild that was killed had not committed. */
     void roll_back() const;
@@ -61,8 +58,8 @@ public:
     [[nodiscard]] bool is_full() const;
 
 private:
-    [[nodiscard]] int make_folder(const std::string &parent, const SayTrouble &trouble);
-    [[nodiscard]] int make_in_memory(std::uint64_t size, const SayTrouble &trouble);
+    [[nodiscard]] int make_folder(const std::string &parent, const TroubleSink &trouble);
+    [[nodiscard]] int make_in_memory(std::uint64_t size, const TroubleSink &trouble);
 
     RunLock *lock_;
     std::string path_;

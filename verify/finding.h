@@ -3,7 +3,6 @@
  */
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -36,10 +35,10 @@ struct FindingCode {
 [[nodiscard]] const char *remedy_name(Remedy remedy);
 [[nodiscard]] const char *place_name(Place place);
 
-/* The part of a handler's key beside its name and address; nothing stands for NULL. */
+/* The part of a handler's key beside its name and address, as text; nothing stands for NULL. */
 struct HandlerKind {
-    std::optional<std::int64_t> queue;
-    std::optional<std::int64_t> type;
+    std::optional<std::string> queue;
+    std::optional<std::string> type;
 };
 
 /* What does not apply is empty. */

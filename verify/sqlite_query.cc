@@ -65,13 +65,6 @@ std::int64_t SqliteQuery::number(int column) const
     return sqlite3_column_int64(statement_.get(), column);
 }
 
-std::optional<std::int64_t> SqliteQuery::optional_number(int column) const
-{
-    if (sqlite3_column_type(statement_.get(), column) == SQLITE_NULL)
-        return std::nullopt;
-    return number(column);
-}
-
 std::string_view SqliteQuery::bytes(int column) const
 {
     const void *const stored = sqlite3_column_blob(statement_.get(), column);

@@ -45,7 +45,6 @@ public:
     /* Columns of the row, good until the next call of next or ask. */
     [[nodiscard]] std::optional<std::string_view> text(int column) const; /* nothing for NULL */
     [[nodiscard]] std::int64_t number(int column) const;                  /* 0 for NULL */
-    [[nodiscard]] std::optional<std::int64_t> optional_number(int column) const;
     [[nodiscard]] std::string_view bytes(int column) const; /* of a text or a blob, as they are stored */
 
     /* The columns from `first` on as one text: the same for the same values of the same types, and for no

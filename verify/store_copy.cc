@@ -136,14 +136,15 @@ bool is_damage(int rc)
     return (rc & 0xff) == SQLITE_NOTADB || (rc & 0xff) == SQLITE_CORRUPT;
 }
 
+/* An index that has lost a row hides it from whoever asks by that index: it is damage, too. */
 CopyEnding check_copy(sqlite3 *copy, const std::string &path, const TroubleSink &trouble)
 {
     SqliteQuery check;
-    const bool found = check.prepare(copy, "PRAGMA quick_check(1)") == 0 && check.next();
+    const bool found = check.prepare(copy, "PRAGMA integrity_check(1)") == 0 && check.next();
 
     if (found && check.text(0) == "ok")
         return CopyEnding::copied;
-    trouble(path + " is damaged (PRAGMA quick_check): " +
+    trouble(path + " is damaged (PRAGMA integrity_check): " +
             (found ? std::string(check.text(0).value_or("")) : sqlite3_errmsg(copy)));
     return found || is_damage(sqlite3_errcode(copy)) ? CopyEnding::damaged : CopyEnding::failed;
 }

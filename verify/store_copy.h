@@ -37,7 +37,7 @@ inline constexpr char no_space_for_copy[] =
     "no private copy can be made in the folder for temporary files (TMPDIR): no space";
 
 enum class CopyEnding {
-    copied,  /* and PRAGMA quick_check was clean */
+    copied,  /* and PRAGMA integrity_check was clean */
     damaged, /* or no database; told */
     failed   /* told */
 };

@@ -333,8 +333,8 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     }
     if (handlers_ != nullptr) {
         handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
-            /* Read as numbers before anything makes texts of them. */
-            const HandlerKind handler = {row.optional_number(2), row.optional_number(3)};
+            const HandlerKind handler = {std::optional<std::string>(row.text(2)),
+                                         std::optional<std::string>(row.text(3))};
             Finding finding{.code = &code_handler_stale,
                             .limit = limits.of_junk(address),
                             .place = Place::handlers,

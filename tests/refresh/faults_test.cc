@@ -50,7 +50,7 @@ public:
         PublishOptions options;
         ChangeCounts counts;
 
-        options.prune = {{2, 1, "gone@x.test"}};
+        options.prune = {{"2", "1", "gone@x.test"}};
         if (publisher->open_live() != 0 || publisher->copy_handlers() != 0)
             return -1;
         if (before_compare)

@@ -204,6 +204,56 @@ TEST_F(InterruptionTest, KilledAtEachStepItLeavesAFolderAtMostWhichTheNextOneRem
     }
 }
 
+TEST_F(InterruptionTest, KeeperThatIsKilledTakesTheRebuildWithItAndIsTrouble)
+{
+    const FileState responders(responder_store);
+    const FileState handlers(handlers_store);
+
+    write_utility(": >" + reached + "; sleep 1000");
+
+    const std::unique_ptr<Program> program = start();
+    const std::string task =
+        "/proc/" + std::to_string(program->pid()) + "/task/" + std::to_string(program->pid()) + "/children";
+
+    wait_for_file(reached);
+    ASSERT_EQ(::kill(std::stoi(read_file(task)), SIGKILL), 0);
+
+    const ProgramResult result = program->finish();
+
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "mail_responders_refresh: the rebuild's keeper was killed\n");
+    expect_untouched(responders);
+    expect_untouched(handlers);
+}
+
+std::uint64_t blocked_signals(pid_t process)
+{
+    const std::string status = read_file("/proc/" + std::to_string(process) + "/status");
+    const std::string name = "SigBlk:\t";
+
+    return std::stoull(status.substr(status.find(name) + name.size(), 16), nullptr, 16);
+}
+
+/* Stopped there by the one signal that nobody can hold back. */
+TEST_F(InterruptionTest, NothingEndsOrStopsItWhileTheStoresAreLocked)
+{
+    const std::unique_ptr<Program> program = start_traced(
+        {"-o", "/dev/null", "-e", "trace=fdatasync", "-e", "inject=fdatasync:signal=SIGSTOP:when=1"});
+
+    wait_for_file(responder_store + "-journal");
+
+    const std::uint64_t blocked = blocked_signals(program->pid());
+
+    for (const int number : {SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU})
+        EXPECT_NE(blocked & (std::uint64_t{1} << (number - 1)), 0U) << ::strsignal(number);
+    while (program->is_running()) {
+        EXPECT_EQ(::kill(program->pid(), SIGCONT), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(program->finish().status, 0);
+    expect_fresh();
+}
+
 /* A signal that its parent has it ignore, as nohup does with SIGHUP, stays ignored. */
 TEST_F(InterruptionTest, IgnoredSignalStaysIgnored)
 {

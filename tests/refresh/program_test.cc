@@ -1,6 +1,7 @@
 /* Whole refreshes: what is published, what is not, why, and what stays as it was. */
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <regex>
@@ -226,7 +227,7 @@ const Situation situations[] = {
      [](auto &) { kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'"); },
      {},
      0,
-     "what it left was rolled back",
+     "what it left was tidied up",
      Live::fresh},
     {"a handlers store of another owner",
      [](auto &) { EXPECT_EQ(::chown(handlers_store.c_str(), 1, 1), 0); },
@@ -301,6 +302,19 @@ const Situation situations[] = {
      {"--prune"},
      0,
      "4 replies changed; 1 handler removed\n",
+     Live::fresh},
+    {"stale handlers of no queue there is, which are pruned",
+     [](auto &) {
+         change_store(
+             handlers_store,
+             "INSERT INTO handlers SELECT 'abc', type, enabled, priority, name, address, executable, "
+             "context, protected FROM handlers WHERE address = 'info@a.test'; "
+             "INSERT INTO handlers SELECT 2.5, type, enabled, priority, name, address, executable, "
+             "context, protected FROM handlers WHERE address = 'info@b.test'");
+     },
+     {"--prune"},
+     0,
+     "4 replies changed; 2 handlers removed\n",
      Live::fresh},
     {"a stale handler that the next rebuild would make again",
      [](auto &panel) { (void)panel.add_mailbox_with_responder(1, "x y"); },
@@ -418,6 +432,139 @@ TEST_F(ProgramTest, ReadOnlyStoresAreTrouble)
     EXPECT_EQ(::umount2(folder.c_str(), MNT_DETACH), 0);
 }
 
+struct FailingCall {
+    const char *call;
+    const char *fault; /* which time in each process */
+    const char *words;
+};
+
+/* The refresh makes one mount with a folder to stage in; the third is the keeper's own. */
+const FailingCall failing_calls[] = {
+    {"clone3", "error=EAGAIN:when=1",
+     "no process namespace for the rebuild can be had: Resource temporarily"},
+    {"prctl", "error=EPERM:when=1",
+     "the rebuild's keeper cannot be bound to this process's end: Operation not permitted"},
+    {"openat", "error=EMFILE:when=1", "the staging folders cannot be opened: Too many open files"},
+    {"mount", "error=EPERM:when=2",
+     "the staging cannot be laid over the live stores: Operation not permitted"},
+    {"mount", "error=EPERM:when=3", "the rebuild's own /proc cannot be mounted: Operation not permitted"},
+};
+
+TEST_F(ProgramTest, RebuildThatCannotBeBegunIsTroubleAndNothingIsTouched)
+{
+    fs::create_directory("/run/stage");
+
+    const FileState responders(responder_store);
+    const FileState handlers(handlers_store);
+
+    for (const FailingCall &row : failing_calls) {
+        SCOPED_TRACE(row.words);
+
+        const ProgramResult result =
+            start_traced({"-f", "-o", "/dev/null", "-e", std::string("trace=") + row.call, "-e",
+                          std::string("inject=") + row.call + ':' + row.fault},
+                         {"--stage", "/run/stage"})
+                ->finish();
+
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(unwrapped(result.err).find(row.words), std::string::npos) << result.err;
+        expect_untouched(responders);
+        expect_untouched(handlers);
+        EXPECT_EQ(what_is_left(), Lines{});
+    }
+}
+
+/* The new file has its name then, and the handlers' journal cannot be synced. */
+TEST_F(ProgramTest, HandlersThatAreNotPublishedAreNotSaidToBe)
+{
+    (void)panel->add_mailbox_with_responder(2, "new");
+    fs::remove(responder_store);
+
+    const Lines handlers = handler_rows();
+    const ProgramResult result =
+        start_traced({"-o", "/dev/null", "-e", "trace=fdatasync", "-e", "inject=fdatasync:error=EIO:when=1"},
+                     {"--rows"})
+            ->finish();
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(unwrapped(result.err).find("what was written cannot be committed, and has been undone"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(result.out.find("published in part: the responder store's file replaced; 5 replies added\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(result.out.find("handler"), std::string::npos) << result.out;
+    EXPECT_EQ(handler_rows(), handlers);
+    EXPECT_EQ(refresh().out, "1 handler added\n");
+}
+
+/* SQLite keeps journal and list beside the file itself. */
+TEST_F(ProgramTest, StoreThatIsReachedByALinkIsLookedAtWhereItIs)
+{
+    const std::string real = "/run/elsewhere/real.db";
+    const std::pair<std::string, const char *> writers[] = {
+        {responder_store, "UPDATE autoresponder SET body = 'x'"},
+        {handlers_store, "UPDATE handlers SET context = 'x'"},
+    };
+
+    fs::create_directory("/run/elsewhere");
+    for (const auto &[store, sql] : writers) {
+        SCOPED_TRACE(store);
+        fs::copy_file(store, real);
+        fs::remove(store);
+        fs::create_symlink(real, store);
+        kill_writer(real, sql);
+
+        const FileState journal(real + "-journal");
+        const FileState before(real);
+
+        EXPECT_EQ(refresh({"-n"}).status, 2);
+        expect_untouched(journal);
+        expect_untouched(before);
+        write_file(real + "-mj012345678", "left", 0600);
+        EXPECT_EQ(refresh().status, 0);
+        EXPECT_FALSE(fs::exists(real + "-journal"));
+        EXPECT_EQ(fs::exists(real + "-mj012345678"), store != handlers_store);
+        fs::remove(store);
+        fs::copy_file(real, store);
+        fs::remove(real);
+    }
+    fs::remove_all("/run/elsewhere");
+}
+
+/* Nothing can be rolled back from it: the store is replaced whole. */
+TEST_F(ProgramTest, JournalOfAStoreThatIsMissingOrEmptyIsNotHot)
+{
+    const std::pair<const char *, std::function<void()>> losses[] = {
+        {"missing",
+         [] {
+             fs::remove(responder_store);
+         }},
+        {"empty",
+         [] {
+             fs::resize_file(responder_store, 0);
+         }},
+    };
+
+    for (const auto &[what, lose] : losses) {
+        SCOPED_TRACE(what);
+        SetUp();
+        kill_writer(responder_store, "UPDATE autoresponder SET body = 'x'");
+        lose();
+
+        const FileState journal(responder_store + "-journal");
+        const FileState before(responder_store);
+        const ProgramResult result = refresh({"-n"});
+
+        EXPECT_EQ(result.status, 1) << result.err;
+        EXPECT_EQ(result.out, "would publish: the responder store's file replaced; 4 replies added\n");
+        expect_untouched(journal);
+        expect_untouched(before);
+        EXPECT_EQ(refresh().status, 0);
+        expect_fresh();
+    }
+}
+
 TEST_F(ProgramTest, WhatAKilledWriterHasLeftIsNoAffairOfADryRun)
 {
     const std::pair<std::string, const char *> writers[] = {
@@ -460,6 +607,25 @@ TEST_F(ProgramTest, SecondRefreshEndsWithTroubleWhenItsTimeIsOver)
     ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
     expect_outcome({"--wait", "0"}, 2, "another refresh is at work (process 4711)", Live::untouched);
     ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+}
+
+/* It has found the lock taken twice before it gets it. */
+TEST_F(ProgramTest, SecondRefreshWaitsForTheFirst)
+{
+    const Fd lock(::open(run_lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const std::string trace = "/run/trace";
+
+    write_file(trace, "");
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+
+    const std::unique_ptr<Program> program = start_traced({"-o", trace, "-e", "trace=flock"});
+
+    while (program->is_running() && read_file(trace).find("EAGAIN") == read_file(trace).rfind("EAGAIN"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_TRUE(program->is_running());
+    ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+    EXPECT_EQ(program->finish().status, 0);
+    fs::remove(trace);
 }
 
 TEST_F(ProgramTest, LockFileThatIsNotOursIsTrouble)
@@ -593,6 +759,35 @@ TEST_F(ProgramTest, RebuildThatFailedRemovesNothing)
     }
 }
 
+TEST_F(ProgramTest, RebuildThatFailedIsNotTriedAgain)
+{
+    const std::string script =
+        rebuild_script("echo run >>/run/runs; \"$rebuild\"\nsqlite3 " + responder_store +
+                       " \"DELETE FROM autoresponder WHERE mn = 'info@b.test'\"\nexit 1");
+    const ProgramResult result = refresh({"--rebuild", script, "--partial"});
+
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find("reply-missing"), std::string::npos) << result.out;
+    EXPECT_EQ(unwrapped(result.err).find("once more"), std::string::npos) << result.err;
+    EXPECT_EQ(read_file("/run/runs"), "run\n");
+    fs::remove("/run/runs");
+}
+
+/* Killed in the middle of a commit, with pages in the store that it takes back. */
+TEST_F(ProgramTest, WhatARebuildHadNotCommittedIsNotPublishedInPart)
+{
+    const std::string script = rebuild_script(
+        "\"$rebuild\"\nsqlite3 " + responder_store +
+        " 'PRAGMA cache_size = 1' BEGIN \"UPDATE autoresponder SET body = 'x'\" 'CREATE TABLE lost AS WITH "
+        "RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200) SELECT zeroblob(2000) FROM "
+        "n' "
+        "'.shell kill -9 $PPID'\ntest -s " +
+        responder_store + "-journal || exit 0\nkill -9 $$");
+
+    expect_outcome({"--rebuild", script, "--partial"}, 1, "published in part: 4 replies changed\n",
+                   Live::fresh);
+}
+
 /* What the rebuild says goes where it would go without the refresh, and its number is the refresh's. */
 TEST_F(ProgramTest, RebuildSpeaksForItself)
 {
@@ -619,6 +814,67 @@ TEST_F(ProgramTest, RebuildBesideTheProgramIsTakenBeforeTheInstalledOne)
 
     fs::remove_all("/run/beside");
     EXPECT_NE(result.err.find("has failed with status 77"), std::string::npos) << result.err;
+}
+
+TEST_F(ProgramTest, InstalledRebuildIsTakenWhenNoneIsBesideTheProgram)
+{
+    const std::string installed = KOLMO_SBIN_DIR "/mail_responders_rebuild";
+    ProgramOptions options;
+
+    options.argv = {"mail_responders_refresh"};
+    fs::create_directory("/run/alone");
+    fs::copy_file(KOLMO_REFRESH_PROGRAM, "/run/alone/mail_responders_refresh");
+    ASSERT_EQ(::mount("tmpfs", KOLMO_SBIN_DIR, "tmpfs", 0, ""), 0);
+    write_file(installed, "#!/bin/sh\nexit 78\n", 0755);
+
+    const ProgramResult with = Program("/run/alone/mail_responders_refresh", options).finish();
+
+    fs::remove(installed);
+
+    const ProgramResult without = Program("/run/alone/mail_responders_refresh", options).finish();
+
+    EXPECT_EQ(::umount(KOLMO_SBIN_DIR), 0);
+    fs::remove_all("/run/alone");
+    EXPECT_NE(with.err.find("has failed with status 78"), std::string::npos) << with.err;
+    EXPECT_EQ(without.status, 2);
+    EXPECT_NE(
+        unwrapped(without.err).find("there is no /run/alone/mail_responders_rebuild and no " + installed),
+        std::string::npos)
+        << without.err;
+}
+
+/* A shell would tell its own mask. */
+TEST_F(ProgramTest, NoSignalIsHeldBackFromTheRebuild)
+{
+    const auto blocked = [](const std::string &path) {
+        std::ifstream file(path);
+        std::string line;
+
+        while (std::getline(file, line) && !line.starts_with("SigBlk:"))
+            ;
+        return line;
+    };
+
+    write_file(
+        script_path,
+        "#!/usr/bin/perl\nopen(my $status, '<', '/proc/self/status'); open(my $copy, '>', '/run/status');\n"
+        "print {$copy} <$status>; close($copy); exec('" KOLMO_PROGRAM "');\n",
+        0755);
+    EXPECT_EQ(refresh({"--rebuild", script_path}).status, 0);
+    EXPECT_EQ(blocked("/run/status"), blocked("/proc/self/status"));
+    fs::remove("/run/status");
+}
+
+/* The rebuild does not end before it was shown how far it is. */
+TEST_F(ProgramTest, ProgressOfTheRebuildIsShown)
+{
+    ProgramOptions options;
+
+    (void)rebuild_script("\"$rebuild\"; until grep -q 'rebuild: ' /run/shown; do sleep 0.01; done");
+    options.argv = {"sh", "-c",
+                    "exec " KOLMO_REFRESH_PROGRAM " --progress --rebuild " + script_path + " 2>/run/shown"};
+    EXPECT_EQ(Program("/bin/sh", options).finish().status, 0);
+    fs::remove("/run/shown");
 }
 
 /* What a process left that the rebuild has started ends with the rebuild. */

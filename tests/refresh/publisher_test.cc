@@ -188,24 +188,29 @@ TEST_F(PublisherTest, UnwantedAutoresponderHandlersAreRemoved)
 {
     PublishOptions options;
 
-    options.prune = {
-        {2, 1, "gone@x.test"}, {std::nullopt, 1, "null@x.test"}, {2, 1, "new@x.test"}, {2, 1, "no@x.test"}};
+    options.prune = {{"2", "1", "gone@x.test"},  {std::nullopt, "1", "null@x.test"},
+                     {"2", "1", "new@x.test"},   {"2", "1", "no@x.test"},
+                     {"abc", "1", "odd@x.test"}, {"2.5", "1", "odd@x.test"}};
     (void)world.run(
         world.paths.live_handlers,
         sql_handler("gone@x.test") + sql_handler("gone@x.test", 1, "spam") + sql_handler("Gone@x.test") +
             "INSERT INTO handlers VALUES (3, 1, 1, 1, 'autoresponder', 'gone@x.test', '', '', 0), "
             "(NULL, 1, 1, 1, 'autoresponder', 'null@x.test', '', '', 0), "
-            "(0, 1, 1, 1, 'autoresponder', 'null@x.test', '', '', 0);");
+            "(0, 1, 1, 1, 'autoresponder', 'null@x.test', '', '', 0), "
+            "(2, 1, 1, 1, 'autoresponder', 'odd@x.test', '', '', 0), "
+            "(2.5, 1, 1, 1, 'autoresponder', 'odd@x.test', '', '', 0), "
+            "('abc', 1, 1, 1, 'autoresponder', 'odd@x.test', '', '', 0);");
 
     const Published published = world.publish(
         [&] { (void)world.run(world.paths.staged_handlers, sql_handler("new@x.test")); }, options);
 
     EXPECT_EQ(published.result, PublishResult::published);
-    EXPECT_EQ(published.changes, (Lines{"removed handlers gone@x.test", "removed handlers null@x.test"}));
+    EXPECT_EQ(published.changes, (Lines{"removed handlers gone@x.test", "removed handlers null@x.test",
+                                        "removed handlers odd@x.test", "removed handlers odd@x.test"}));
     EXPECT_EQ(world.run(world.paths.live_handlers,
                         "SELECT queue, name, address FROM handlers ORDER BY address, name, queue"),
               (Lines{"2|autoresponder|Gone@x.test", "3|autoresponder|gone@x.test", "2|spam|gone@x.test",
-                     "0|autoresponder|null@x.test"}));
+                     "0|autoresponder|null@x.test", "2|autoresponder|odd@x.test"}));
 }
 
 TEST_F(PublisherTest, AfterARebuildThatFailedNothingIsRemoved)

@@ -77,6 +77,26 @@ Lines PublisherWorld::run(const std::string &path, const std::string &sql) const
     return found;
 }
 
+/* SQLite takes the index's pages for a table's of its own. */
+void PublisherWorld::empty_index(const std::string &path, const std::string &index,
+                                 const std::string &columns) const
+{
+    sqlite3 *connection = nullptr;
+
+    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &connection, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK) << path;
+
+    const Lines page =
+        result_rows(connection, "SELECT rootpage FROM sqlite_schema WHERE name = '" + index + "'");
+
+    EXPECT_EQ(sqlite3_test_control(SQLITE_TESTCTRL_IMPOSTER, connection, "main", 1, std::stoi(page.at(0))),
+              SQLITE_OK);
+    (void)result_rows(connection,
+                      "CREATE TABLE imposter (" + columns + ", PRIMARY KEY (" + columns + ")) WITHOUT ROWID");
+    EXPECT_EQ(sqlite3_test_control(SQLITE_TESTCTRL_IMPOSTER, connection, "main", 0, 0), SQLITE_OK);
+    (void)result_rows(connection, "DELETE FROM imposter");
+    EXPECT_EQ(sqlite3_close(connection), SQLITE_OK);
+}
+
 std::unique_ptr<Publisher> PublisherWorld::publisher(Published *published, int wait_seconds) const
 {
     PublishSink sink;

@@ -48,6 +48,10 @@ public:
     /* Runs SQL on a store of that name on a connection of its own: "live_responder", ... */
     Lines run(const std::string &path, const std::string &sql) const;
 
+    /* Takes all rows out of an index and leaves them in its table; `columns` has one name for each of the
+       index and one for the rowid. */
+    void empty_index(const std::string &path, const std::string &index, const std::string &columns) const;
+
     /* A publisher that tells what it hears to `published`. */
     [[nodiscard]] std::unique_ptr<Publisher> publisher(Published *published, int wait_seconds = 5) const;
 

@@ -187,6 +187,20 @@ ProgramResult RefreshTest::refresh(std::vector<std::string> arguments)
     return start(std::move(arguments))->finish();
 }
 
+/* A tracer that is nobody's child leaves the refresh as this process's. */
+std::unique_ptr<Program> RefreshTest::start_traced(std::vector<std::string> options,
+                                                   const std::vector<std::string> &arguments)
+{
+    const std::vector<std::string> always = {"strace", "-D", "-qq", "-E", "LSAN_OPTIONS=detect_leaks=0"};
+    ProgramOptions program;
+
+    program.argv = always;
+    program.argv.insert(program.argv.end(), options.begin(), options.end());
+    program.argv.emplace_back(KOLMO_REFRESH_PROGRAM);
+    program.argv.insert(program.argv.end(), arguments.begin(), arguments.end());
+    return std::make_unique<Program>("/usr/bin/strace", program);
+}
+
 void RefreshTest::rebuild()
 {
     ProgramOptions options;

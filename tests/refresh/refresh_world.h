@@ -76,6 +76,10 @@ protected:
     static ProgramResult refresh(std::vector<std::string> arguments = {});
     static void rebuild();
 
+    /* The same below strace(1), whose options come first; the process is the refresh's. */
+    static std::unique_ptr<Program> start_traced(std::vector<std::string> options,
+                                                 const std::vector<std::string> &arguments = {});
+
     /* Both live stores are what a rebuild makes of the panel now (but for handlers of others). */
     static void expect_fresh();
 

@@ -83,7 +83,12 @@ const std::vector<FlawRow> flaw_rows = {
      [](const PublisherWorld &, const std::string &path) { std::filesystem::resize_file(path, 100); },
      " is no database, or is damaged", all_added},
     {"damaged", [](const PublisherWorld &, const std::string &path) { damage(path); },
-     " is damaged (PRAGMA quick_check): ", all_added},
+     " is damaged (PRAGMA integrity_check): ", all_added},
+    {"with an index that has lost its rows",
+     [](const PublisherWorld &world, const std::string &path) {
+         world.empty_index(path, "sqlite_autoindex_autoresponder_1", "mn, row");
+     },
+     " is damaged (PRAGMA integrity_check): ", all_added},
     {"without a table", sql("DROP TABLE attachments"), " has other tables than a rebuild makes", differing},
     {"with another column", sql("ALTER TABLE autoresponder ADD COLUMN more"),
      " has other tables than a rebuild makes", all_added},

@@ -22,7 +22,7 @@ JOURNAL_LIST = re.compile(re.escape(RELATIVE[world.HANDLERS]) + r"-mj[0-9A-F]{9}
 
 PROGRAM = "mail_responders_refresh: "
 # The trouble of a comparison is not told word for word by its manual, but by its kinds.
-COMPARISON = (r"\S+ cannot be copied: |\S+ is damaged \(PRAGMA quick_check\): |"
+COMPARISON = (r"\S+ cannot be copied: |\S+ is damaged \(PRAGMA integrity_check\): |"
               r"no private copy can be made(: | in the folder for temporary files \(TMPDIR\): no space$)|"
               r"\S+ is there, but (is no file|cannot be read: )|\S+ is no (file|responder store|handlers store)|"
               r"the private cop(y|ies) .*cannot be read to|the panel database (gives no snapshot|cannot be read): ")
