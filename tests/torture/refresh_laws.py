@@ -25,7 +25,8 @@ PROGRAM, NOTE = "mail_responders_refresh: ", "note: "
 COMPARISON = (r"(\S+ cannot be copied: |\S+ is damaged \(PRAGMA quick_check\): |"
               r"no private copy can be made(: | in the folder for temporary files \(TMPDIR\): no space$)|"
               r"\S+ is there, but (is no file|cannot be read: )|\S+ is no (file|responder store|handlers store)|"
-              r"the private cop(y|ies) .*cannot be read to|the panel database (gives no snapshot|cannot be read): ).*")
+              r"the private cop(y|ies) .*cannot be read to|"
+              r"the panel database (gives no snapshot|cannot be read): ).*")
 DOCUMENTED = [re.compile(COMPARISON), *(pattern for page in ("refresh", "rebuild")
                                         for pattern in world.documented_texts("mail_responders_" + page))]
 LEFT_IS_GONE = re.compile(r"a refresh was killed; what it has left at \S+ is gone")
