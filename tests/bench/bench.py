@@ -36,6 +36,7 @@ PARTS = {
     "an attachment": (Shape(200, 20, 5), "a mailbox", 20000),
     "200 domains": (Shape(200, 0), None, 0),
 }
+WHOLE = ("shapes", "parts", "growth")
 GROWTH = (10, 100, 1600, 16000)  # domains of ten mailboxes
 
 
@@ -296,12 +297,18 @@ plot {curves}
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--work", required=True)
-    parser.add_argument("--disk", required=True)
+    parser = argparse.ArgumentParser(prog="tools/bench", add_help=False)
+    parser.add_argument("--work", help="a folder; without it the command line is looked at, and that is all")
+    parser.add_argument("--disk", help="a folder on a disk")
     parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("what", nargs="*", default=["shapes", "parts", "growth"])
+    parser.add_argument("what", nargs="*", default=WHOLE)
     options = parser.parse_args()
+    unknown = set(options.what) - {*WHOLE, *SHAPES}
+    if unknown:
+        parser.error(f"{', '.join(sorted(unknown))}: known are {', '.join((*SHAPES, *WHOLE))}, and alone verify and "
+                     "refresh")
+    if not options.work:
+        return
     bench = Bench(options.work, options.rounds)
     known = os.path.join(options.work, "figures.json")
     figures = {}

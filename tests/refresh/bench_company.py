@@ -1,4 +1,5 @@
 """Runs a program beside a reader and a writer of the stores; prints what each of them met, in a line."""
+import concurrent.futures
 import multiprocessing
 import sqlite3
 import subprocess
@@ -7,9 +8,10 @@ import time
 
 RESPONDERS = "/var/lib/kolmo/mail/autoresponder/responder.db"
 HANDLERS = "/var/lib/kolmo/mail/handlers/handlers.db"
+over = multiprocessing.Event()
 
 
-def read(mailboxes, over, results):
+def read(mailboxes):
     """As the mail server's handler does: a connection for each question."""
     questions = silent = 0
     longest = 0.0
@@ -27,10 +29,10 @@ def read(mailboxes, over, results):
             silent += found is None
             if over.is_set():
                 break
-    results.put(("reader", questions, silent, longest))
+    return questions, silent, longest
 
 
-def write(over, results):
+def write():
     connection = sqlite3.connect(HANDLERS, timeout=60, isolation_level=None)
     written = 0
     longest = 0.0
@@ -43,7 +45,7 @@ def write(over, results):
         time.sleep(0.005)
     kept = connection.execute("SELECT count(*) FROM handlers WHERE name = 'bench'").fetchone()[0]
     connection.execute("DELETE FROM handlers WHERE name = 'bench'")
-    results.put(("writer", written, written - kept, longest))
+    return written, written - kept, longest
 
 
 def peak_memory(process):
@@ -65,24 +67,22 @@ def main():
     connection = sqlite3.connect(RESPONDERS)
     mailboxes = [row[0] for row in connection.execute("SELECT mn FROM autoresponder")]
     connection.close()
-    over = multiprocessing.Event()
-    results = multiprocessing.Queue()
-    company = [multiprocessing.Process(target=read, args=(mailboxes, over, results)),
-               multiprocessing.Process(target=write, args=(over, results))]
-    for process in company:
-        process.start()
-    time.sleep(0.2)
-    start = time.monotonic()
-    with subprocess.Popen(sys.argv[1:], stdout=subprocess.DEVNULL) as program:
-        peak = peak_memory(program)
-    seconds = time.monotonic() - start
-    over.set()
-    met = {name: rest for name, *rest in (results.get(), results.get())}
-    for process in company:
-        process.join()
+    with concurrent.futures.ProcessPoolExecutor(2) as company:
+        reader, writer = company.submit(read, mailboxes), company.submit(write)
+        try:
+            time.sleep(0.2)
+            start = time.monotonic()
+            with subprocess.Popen(sys.argv[1:], stdout=subprocess.DEVNULL) as program:
+                peak = peak_memory(program)
+            seconds = time.monotonic() - start
+        finally:
+            over.set()
+        # Whoever has failed, or is gone, fails this, too.
+        questions, silent, longest_question = reader.result()
+        written, lost, longest_write = writer.result()
     print(f"{seconds:8.2f} s  {peak / 1024:6.1f} MiB  "
-          f"silent {met['reader'][1]} of {met['reader'][0]}  longest question {met['reader'][2] * 1000:.0f} ms  "
-          f"lost {met['writer'][1]} of {met['writer'][0]}  longest write {met['writer'][2] * 1000:.0f} ms")
+          f"silent {silent} of {questions}  longest question {longest_question * 1000:.0f} ms  "
+          f"lost {lost} of {written}  longest write {longest_write * 1000:.0f} ms")
     return program.returncode
 
 

@@ -3,6 +3,7 @@
 What happens depends on who comes first, so a round's name repeats the companions and their pauses only.
 """
 
+import contextlib
 import os
 import random
 import select
@@ -12,9 +13,14 @@ import time
 
 import laws
 import world
-from runner import ENVIRONMENT, UTILITY
+from runner import DEADLINES, ENVIRONMENT, UTILITY
 
 ROUNDS = {"readers": 300, "writer": 300, "second": 200, "utility": 200}
+
+# What a companion may meet: a store that is locked or has a journal that is just going; the responder store is also
+# made anew, and has no file or no table for a moment.
+PASSING = {world.HANDLERS: {sqlite3.SQLITE_BUSY, sqlite3.SQLITE_READONLY}}
+PASSING[world.RESPONDERS] = PASSING[world.HANDLERS] | {sqlite3.SQLITE_CANTOPEN, sqlite3.SQLITE_ERROR}
 
 
 def names():
@@ -24,7 +30,8 @@ def names():
 
 
 class Companion:
-    """A child process that calls `act` until it is told to stop; what it saw amiss is in `complaints`."""
+    """A child process that calls `act` until it is told to stop and has once come through; what it saw amiss is its
+    complaints."""
 
     def __init__(self, worker, number, act):
         self.path = f"{worker.base}/companion{number}"
@@ -33,13 +40,16 @@ class Companion:
         if self.pid == 0:
             os.close(self.stopper)
             with open(self.path, "w", encoding="utf-8") as sys.stdout:
-                while not select.select([stopped], [], [], 0)[0]:
-                    act()
+                try:
+                    act_until(stopped, act)
+                except Exception as error: # which must not reach the worker's own loop
+                    print(f"L6 the companion ends by {error!r}")
             os._exit(0)
         os.close(stopped)
 
     def stop(self):
-        os.write(self.stopper, b"!") # the other companions hold this end, too: closing it would not do
+        with contextlib.suppress(BrokenPipeError): # it has ended by itself, and said why
+            os.write(self.stopper, b"!") # the other companions hold this end, too: closing it would not do
         os.close(self.stopper)
         status = os.waitpid(self.pid, 0)[1]
         with open(self.path, encoding="utf-8") as file:
@@ -47,8 +57,20 @@ class Companion:
         return complaints if status == 0 else complaints | {f"L6 the companion itself ended with {status}"}
 
 
+def act_until(stopped, act):
+    came_through = act()
+    while not select.select([stopped], [], [], 0)[0]:
+        came_through = act() or came_through
+    last = time.monotonic() + DEADLINES[-1] # now that the run is over nobody is in its way
+    while not came_through and time.monotonic() < last:
+        came_through = act()
+    if not came_through:
+        print("L6 the companion never came through")
+
+
 def read_once():
-    """What the mail server does: whole states only, and no damage."""
+    """What the mail server does: whole states only, and no damage.  Whether both stores could be read."""
+    can_read = True
     for store, states in ((world.RESPONDERS, [world.STALE_STATE, *world.RESPONDER_STATES]),
                           (world.HANDLERS, world.HANDLER_STATES)):
         try:
@@ -59,29 +81,34 @@ def read_once():
                                  for row in db.execute(f"SELECT * FROM {table}"))
             finally:
                 db.close()
-        except sqlite3.OperationalError:
-            continue # it is locked, or is just being made
         except sqlite3.Error as error:
-            print(f"L1 a reader of {os.path.basename(store)} sees: {error}")
+            can_read = False
+            if error.sqlite_errorcode & 0xff not in PASSING[store]:
+                print(f"L1 a reader of {os.path.basename(store)} sees: {error} ({error.sqlite_errorname})")
             continue
         if rows not in states:
             print(f"L4 a reader of {os.path.basename(store)} sees half a transaction: {sorted(rows)}")
+    return can_read
 
 
 def hold_once(rng):
-    """A lock of 1 to 80 ms on one of the stores, and a pause."""
+    """A lock of 1 to 80 ms on one of the stores, and a pause.  Whether it was had."""
+    had = False
     store = rng.choice(list(world.TABLES))
     try:
         db = sqlite3.connect(f"file:{store}?mode=rw", uri=True, isolation_level=None, timeout=0.01)
         try:
             db.execute(rng.choice(["BEGIN IMMEDIATE", "BEGIN EXCLUSIVE", "BEGIN"]))
             db.execute("SELECT count(*) FROM sqlite_master")
+            had = True
             time.sleep(rng.uniform(0.001, 0.08))
         finally:
             db.close()
-    except sqlite3.OperationalError:
-        pass
+    except sqlite3.OperationalError as error:
+        if error.sqlite_errorcode & 0xff not in PASSING[store]:
+            raise
     time.sleep(rng.uniform(0, 0.02))
+    return had
 
 
 def run(worker, name, undisturbed_files):

@@ -20,12 +20,13 @@ JOURNALS = {RELATIVE[store] + "-journal" for store in world.TABLES}
 NEW_FILE = RELATIVE[world.RESPONDERS] + "-refresh"
 JOURNAL_LIST = re.compile(re.escape(RELATIVE[world.HANDLERS]) + r"-mj[0-9A-F]{9}$")
 
-PROGRAM = "mail_responders_refresh: "
+PROGRAM, NOTE = "mail_responders_refresh: ", "note: "
 # The trouble of a comparison is not told word for word by its manual, but by its kinds.
-COMPARISON = (r"\S+ cannot be copied: |\S+ is damaged \(PRAGMA integrity_check\): |"
+COMPARISON = (r"(\S+ cannot be copied: |\S+ is damaged \(PRAGMA integrity_check\): |"
               r"no private copy can be made(: | in the folder for temporary files \(TMPDIR\): no space$)|"
               r"\S+ is there, but (is no file|cannot be read: )|\S+ is no (file|responder store|handlers store)|"
-              r"the private cop(y|ies) .*cannot be read to|the panel database (gives no snapshot|cannot be read): ")
+              r"the private cop(y|ies) .*cannot be read to|"
+              r"the panel database (gives no snapshot|cannot be read): ).*")
 DOCUMENTED = [re.compile(COMPARISON), *(pattern for page in ("refresh", "rebuild")
                                         for pattern in world.documented_texts("mail_responders_" + page))]
 LEFT_IS_GONE = re.compile(r"a refresh was killed; what it has left at \S+ is gone")
@@ -202,15 +203,17 @@ def lines_of(stderr):
 
 
 def said_enough(outcome):
-    """A failure is told on standard error, in words that the manuals know."""
+    """A failure is told on standard error, and nothing but what the manuals have."""
     lines = lines_of(outcome.stderr)
-    is_deaf = any(re.search(r"write\(2<", line) for line in outcome.injected)
-    if outcome.status != 0 and not any(line.startswith(PROGRAM) for line in lines) and not is_deaf:
+    if any(re.search(r"write\(2<", line) for line in outcome.injected): # which may have cut one short
+        return
+    is_told = any(line.startswith(PROGRAM) and not line.startswith(PROGRAM + NOTE) for line in lines)
+    if outcome.status != 0 and not is_told:
         yield "L6", f"status {outcome.status} without a message; standard error has: {outcome.stderr.strip()}"
     for line in lines:
         logged = LOG_LINE.match(line)
-        text = logged[1] if logged else line.removeprefix(PROGRAM).removeprefix("note: ")
-        if not any(pattern.match(text) for pattern in DOCUMENTED):
+        text = logged[1] if logged else line.removeprefix(PROGRAM).removeprefix(NOTE)
+        if not any(pattern.fullmatch(text) for pattern in DOCUMENTED):
             yield "L6", "not in the manuals: " + CHANCE.sub("", line)
 
 

@@ -3,6 +3,7 @@
 import argparse
 import collections
 import fnmatch
+import functools
 import multiprocessing
 import os
 import re
@@ -52,14 +53,14 @@ def plan(_):
     return [(name, calls.sort(state["trace"], name)) for name in names]
 
 
-def make_run(name):
+def named(make_run, name):
     try:
-        return try_run(name)
+        return make_run(name)
     except Exception as error: # the driver's own, which is to be found by the run
         raise RuntimeError(f"{name}: {error!r}") from error
 
 
-def try_run(name):
+def make_run(name):
     """(name, whether it was disturbed, [(law, what was seen)], what it said)"""
     worker = become_worker()
     kind = name.split(":")[0]
@@ -180,7 +181,8 @@ def torture(kind, arguments):
         names = choose(runs, arguments, kind.sample)
         print(f"{len(names)} of {len(runs)} runs", flush=True)
         progress = Progress(len(names))
-        for name, disturbed, found, said in pool.imap_unordered(kind.make_run, names, 2):
+        for name, disturbed, found, said in pool.imap_unordered(
+                functools.partial(named, kind.make_run), names, 2):
             row = tally[kind.row(name)]
             row["runs"] += 1
             row["missed"] += not disturbed
@@ -242,7 +244,7 @@ def main(kind):
     parser = argparse.ArgumentParser(prog=kind.command)
     parser.add_argument("--all", action="store_true")
     parser.add_argument("--sample", action="store_true")
-    parser.add_argument("--only", action="append", default=[], metavar="PATTERN")
+    parser.add_argument("--only", action="extend", nargs="+", default=[], metavar="PATTERN")
     parser.add_argument("--workers", type=int, default=2)
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("--log", default=os.devnull)

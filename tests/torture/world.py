@@ -179,10 +179,14 @@ def store_rows(path, store):
 
 
 def documented_texts(page="mail_responders_rebuild"):
-    """A manual's messages, as patterns."""
+    """A manual's messages, as patterns; each with any of the endings that the manual explains beside one."""
     with open(f"{ROOT}/man/{page}.8", encoding="utf-8") as file:
         page = file.read().replace("\\\n", "")
     diagnostics = re.search(r"^\.SH DIAGNOSTICS\n(.*?)^\.SH", page, re.M | re.S)[1]
+    endings = "|".join(re.escape(ending.replace("\\-", "-"))
+                       for ending in re.findall(r'^\.B "([:;] .*)"$', diagnostics, re.M))
     for text in re.findall(r"^\.T[PQ]\n\.B (.*)$", diagnostics, re.M):
-        parts = re.split(r"\\fI.*?\\fP", text.replace("\\-", "-"))
-        yield re.compile(".*".join(re.escape(part) for part in parts), re.S)
+        parts = re.split(r"\\fI(.*?)\\fP", text.replace("\\-", "-"))
+        parts[::2] = map(re.escape, parts[::2])
+        parts[1::2] = (r"\d+" if name in ("number", "pid") else ".*" for name in parts[1::2])
+        yield re.compile("".join(parts) + f"({endings})*", re.S)
