@@ -30,6 +30,19 @@ texts_of(const std::unordered_map<unsigned long, std::vector<std::string>> &text
     return found != texts.end() ? found->second : none;
 }
 
+/* Whether a domain stands in a mailbox's name so that a rebuild replaces it there, too, by its aliases. */
+bool has_domain(const std::string &local, const PanelDomain &domain)
+{
+    return local.find('@' + domain.name) != std::string::npos;
+}
+
+std::string replaced(std::string text, const std::string &what, const std::string &by)
+{
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
+        text.replace(at, what.size(), by);
+    return text;
+}
+
 /* A number as the responder store takes it: cut to 32 bits. */
 std::string stored_number(std::string_view text)
 {
@@ -190,8 +203,10 @@ void DomainWalk::add_alias(std::uint32_t place, const PanelAlias &alias)
         }
     };
 
-    if (lower == own.reply_domain)
-        return; /* an alias that is the domain itself adds nothing */
+    if (lower == own.reply_domain) {
+        find(has_capitals(alias.name), code_alias_with_capitals);
+        return; /* nothing more is wanted of an alias that is the domain itself */
+    }
 
     const bool is_lossy = server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(alias.name);
     const bool is_idn = !target.handler_domain.empty() && target.handler_domain != lower;
@@ -236,7 +251,7 @@ void DomainWalk::judge_name(const PanelRows &row, const std::string &address, Wa
     own_fault(name.empty(), code_empty_name, true);
     own_fault(name.find(',') != std::string_view::npos, code_comma_in_name, true);
     own_fault(name.find(' ') != std::string_view::npos, code_blank_in_name, false);
-    if (targets_.size() > 1)
+    if (domain_->aliases > 0)
         own_fault(name.find('@') != std::string_view::npos, code_at_in_name, false);
     own_fault(server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(name), code_text_beyond_utf8mb3, true);
     if (listed.reply == &code_list_cut || listed.handler == &code_list_cut)
@@ -272,6 +287,20 @@ void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &ad
             for (const Target &target : targets_)
                 limits_.expect_junk(mailbox.local + '@' + target.reply_domain, &code_text_beyond_utf8mb3);
         }
+    }
+}
+
+/* Replies are repeated at the aliases of a domain that stands in the mailbox's name. */
+void DomainWalk::expect_repeated(const WantedMailbox &mailbox, const PanelDomain &domain,
+                                 const FindingCode &code)
+{
+    if (!has_domain(mailbox.local, domain))
+        return;
+    for (const PanelAlias &alias : names_.aliases_of(domain)) {
+        for (const Target &target : targets_)
+            limits_.expect_junk(
+                replaced(mailbox.local + '@' + target.reply_domain, '@' + domain.name, '@' + alias.name),
+                &code);
     }
 }
 
@@ -311,11 +340,13 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     if (forwards.size() > 1)
         find_in_panel(code_several_forwards, owner);
     judge_texts(mailbox, owner);
+    expect_repeated(mailbox, *domain_, code_at_in_name);
     for (const std::uint32_t taker : limits_.takers(names_, mailbox.local, place_)) {
         for (const PanelAlias &alias : names_.aliases_of(names_.domains[taker])) {
             find_in_panel(code_alias_overlaps_domain, alias.name, "", owner);
             limits_.expect_junk(mailbox.local + '@' + ascii_lower(alias.name), &code_alias_overlaps_domain);
         }
+        expect_repeated(mailbox, names_.domains[taker], code_alias_overlaps_domain);
     }
     for (const Target &target : targets_) {
         const std::string address = mailbox.local + '@' + target.reply_domain;
@@ -328,6 +359,10 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
             wanted.limits = {first_of(wanted.limits.reply, &code_address_twice),
                              first_of(wanted.limits.handler, &code_address_twice)};
         }
+        if (wanted.limits.reply == nullptr && limits_.is_repeated(target.reply_domain))
+            wanted.limits.reply = &code_alias_overlaps_domain;
+        if (wanted.limits.reply == nullptr && target.is_alias && has_domain(mailbox.local, *domain_))
+            wanted.limits.reply = &code_at_in_name;
         judge_.judge(*domain_, target, wanted);
     }
 }

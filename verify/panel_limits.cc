@@ -29,18 +29,6 @@ int read_mailbox_list(MYSQL *panel, unsigned long domain_id, MailboxList *list)
                     });
 }
 
-/* How many names a rebuild makes of a list: empty ones go, but for the last. */
-std::size_t count_items(const std::string &list)
-{
-    std::size_t count = 1;
-
-    for (std::size_t i = 1; i < list.size(); i++) {
-        if (list[i] == ',' && list[i - 1] != ',')
-            count++;
-    }
-    return count;
-}
-
 const FindingCode *fault_of_name(const std::string &name)
 {
     if (name.empty())
@@ -62,6 +50,23 @@ std::vector<std::string> pieces(const std::string &name, const char *delimiters)
             return found;
         start = end + 1;
     }
+}
+
+/* What a rebuild makes of a list: empty items go, but for the last. */
+std::vector<std::string> items(const std::string &list)
+{
+    std::vector<std::string> found = pieces(list, ",");
+
+    found.erase(std::remove(found.begin(), found.end() - 1, ""), found.end() - 1);
+    return found;
+}
+
+/* The server cuts between characters. */
+std::string cut_list(const std::string &list, std::size_t limit)
+{
+    while (limit > 0 && limit < list.size() && (list[limit] & 0xc0) == 0x80)
+        limit--;
+    return list.substr(0, limit);
 }
 
 std::string address_of(const std::string &local, const std::string &name)
@@ -137,16 +142,23 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
             each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
     }
 
-    const std::string cut_names = all_names.substr(0, server.list_limit);
-    const std::string cut_ids = all_ids.substr(0, server.list_limit);
+    const std::string cut_ids = cut_list(all_ids, server.list_limit);
+    const std::vector<std::string> local_names = items(cut_list(ascii_lower(all_names), server.list_limit));
+    const std::vector<std::string> ids = items(cut_ids);
     const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
+    std::unordered_map<std::string, std::string> written;
 
+    /* A name that was cut, or what is left of a faulty one, may be another mailbox's: the last reply stays.
+     */
+    for (std::size_t i = 0; i < std::min(local_names.size(), ids.size()); i++)
+        written[local_names[i]] = ids[i];
     for (const ListedMailbox &mailbox : list) {
-        if (breaks_query && mailboxes_[mailbox.id].reply == nullptr)
-            mailboxes_[mailbox.id].reply = &code_list_cut;
+        const FindingCode *&reply = mailboxes_[mailbox.id].reply;
+
+        if (reply == nullptr && (breaks_query || written[ascii_lower(mailbox.name)] != mailbox.id_text))
+            reply = fault;
     }
-    if (domain->ends_walk == nullptr && fault != nullptr &&
-        (breaks_query || count_items(cut_names) > count_items(cut_ids)))
+    if (domain->ends_walk == nullptr && fault != nullptr && (breaks_query || local_names.size() > ids.size()))
         domain->ends_walk = fault;
     return 0;
 }
@@ -215,10 +227,16 @@ void PanelLimits::find_overlaps(const PanelNames &names)
             expect_junk(ascii_lower(alias.name), &code_alias_overlaps_domain);
             for (const std::string &other : others) {
                 if (other.starts_with(domain.name))
-                    expect_junk(alias.name + other.substr(domain.name.size()), &code_alias_overlaps_domain);
+                    repeat_under(alias.name + other.substr(domain.name.size()));
             }
         }
     }
+}
+
+void PanelLimits::repeat_under(const std::string &name)
+{
+    repeated_.insert(name);
+    expect_junk(name, &code_alias_overlaps_domain);
 }
 
 void PanelLimits::find_end(const PanelNames &names)

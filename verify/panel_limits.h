@@ -47,6 +47,9 @@ public:
     /* Whether two mailboxes of the panel have this address. */
     [[nodiscard]] bool is_twice(const std::string &address) const { return twice_.contains(address); }
 
+    /* Whether replies of other addresses are written over those at this name of a domain. */
+    [[nodiscard]] bool is_repeated(const std::string &name) const { return repeated_.contains(name); }
+
     /* Other names of domains whose addresses the domain's aliases take over. */
     [[nodiscard]] const std::vector<std::string> &overlaps(std::uint32_t place) const;
 
@@ -65,12 +68,14 @@ private:
     int read_twice(MYSQL *panel, const PanelNames &names);
     void find_overlaps(const PanelNames &names);
     void find_end(const PanelNames &names);
+    void repeat_under(const std::string &name);
 
     std::size_t end_place_ = SIZE_MAX;
     const FindingCode *end_ = nullptr;
     std::unordered_map<unsigned long, Limits> mailboxes_;
     std::set<std::string> twice_;
     std::map<std::uint32_t, std::vector<std::string>> overlaps_;
+    std::set<std::string> repeated_; /* names under which an alias repeats the replies of others */
     std::optional<OverlapFinder> finder_;
     std::map<std::string, const FindingCode *, std::less<>> junk_;
 };
