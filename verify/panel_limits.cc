@@ -10,6 +10,10 @@ namespace kolmo
 namespace
 {
 
+/* Each alias that begins with its domain's name doubles them: a rebuild of many such does not end, this does.
+ */
+constexpr std::size_t most_repeated = 10000;
+
 /* A mailbox in the order in which the server lists its domain's. */
 struct ListedMailbox {
     unsigned long id;
@@ -229,6 +233,25 @@ void PanelLimits::find_overlaps(const PanelNames &names)
                 if (other.starts_with(domain.name))
                     repeat_under(alias.name + other.substr(domain.name.size()));
             }
+        }
+    }
+    repeat_again(names);
+}
+
+/* What is repeated under a name stands there for the domains that a rebuild comes to later. */
+void PanelLimits::repeat_again(const PanelNames &names)
+{
+    for (const PanelDomain &domain : names.domains) {
+        for (const PanelAlias &alias : names.aliases_of(domain)) {
+            std::vector<std::string> again;
+
+            for (auto name = repeated_.lower_bound(domain.name);
+                 name != repeated_.end() && name->starts_with(domain.name); ++name)
+                again.push_back(alias.name + name->substr(domain.name.size()));
+            if (repeated_.size() + again.size() > most_repeated)
+                return;
+            for (const std::string &name : again)
+                repeat_under(name);
         }
     }
 }

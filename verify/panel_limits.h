@@ -68,6 +68,7 @@ private:
     int read_twice(MYSQL *panel, const PanelNames &names);
     void find_overlaps(const PanelNames &names);
     void find_end(const PanelNames &names);
+    void repeat_again(const PanelNames &names);
     void repeat_under(const std::string &name);
 
     std::size_t end_place_ = SIZE_MAX;

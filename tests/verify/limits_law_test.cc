@@ -4,6 +4,7 @@
  * KOLMO_VERIFY_PANELS: how many random panels; 100 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
 #include <algorithm>
+#include <cctype>
 #include <random>
 #include <string>
 #include <vector>
@@ -42,6 +43,7 @@ const Lines domain_names = {"a.test",
 
 const Lines mailbox_names = {"info",
                              "Info",
+                             "an",
                              "ann",
                              "annb",
                              "x",
@@ -52,10 +54,7 @@ const Lines mailbox_names = {"info",
                              "a,b",
                              "a,",
                              "b,c d",
-                             "x@a.test",
-                             "@a.test",
                              "b@c",
-                             "y@t",
                              "@",
                              "a.test",
                              "x.a.test",
@@ -83,6 +82,7 @@ private:
     std::string domain(int id, const std::string &name);
 
     std::mt19937 random_;
+    Lines names_; /* of its domains */
     int mailboxes_ = 0;
 };
 
@@ -104,7 +104,7 @@ std::string LimitedPanel::mailbox(int domain, const std::string &name)
     if (one_in(40))
         rows += "INSERT INTO mail_resp (id, mn_id, resp_name, subject) VALUES (" + std::to_string(id + 2000) +
                 ", " + number + ", 'default', 'Second');";
-    if (one_in(3))
+    if (one_in(2))
         rows += "INSERT INTO resp_attach VALUES (" + std::to_string(id + 1000) + ", '" + number + ".pdf');";
     if (one_in(8))
         rows += "INSERT INTO resp_attach VALUES (" + std::to_string(id + 1000) + ", '\xf0\x9f\x8f\x96" +
@@ -121,21 +121,35 @@ std::string LimitedPanel::domain(int id, const std::string &name)
 
     for (const std::string &alias : some(domain_names, 2))
         rows += sql_alias(id, alias);
+    if (one_in(6))
+        rows += sql_alias(id, static_cast<char>(std::toupper(name[0])) + name.substr(1));
     for (const std::string &local : one_in(4) ? Lines{"info"} : some(mailbox_names, 4))
         rows += mailbox(id, local);
+    if (one_in(3))
+        rows +=
+            mailbox(id, (one_in(4) ? "@" : "y@") + names_[static_cast<std::size_t>(upto(3)) % names_.size()]);
     return rows;
 }
 
 std::string LimitedPanel::sql()
 {
-    static const int list_limits[] = {4, 5, 6, 7, 8, 10, 16, 64, 1048576, 1048576, 1048576, 1048576};
+    static const int list_limits[] = {4, 5, 6, 7, 8, 10, 16, 1048576, 1048576, 1048576, 1048576, 1048576};
     std::string rows = "SET GLOBAL group_concat_max_len = " +
                        std::to_string(list_limits[upto(static_cast<int>(std::size(list_limits)) - 1)]) + ';';
     int id = 0;
 
-    for (const std::string &name : some(domain_names, 4))
+    names_ = some(domain_names, 4);
+    for (const std::string &name : names_)
         rows += domain(++id, name);
     return rows;
+}
+
+Lines to_rebuild(const Look &seen)
+{
+    Lines lines = seen.findings;
+
+    std::erase_if(lines, [](const std::string &line) { return line.find(" rebuild ") == std::string::npos; });
+    return lines;
 }
 
 class LimitsLawTest : public VerifyTest
@@ -151,7 +165,9 @@ TEST_F(LimitsLawTest, ARebuildThatEndedWellLeavesNothingThatARebuildMends)
     int ended_well = 0;
     unsigned long findings = 0;
 
-    panel->execute("ALTER TABLE mail MODIFY mail_name VARCHAR(245) COLLATE utf8mb4_bin;"
+    /* With an index of the names the server may list a domain's mailboxes in another order for the look than
+       for the rebuild: it chooses by statistics that it gathers meanwhile. */
+    panel->execute("ALTER TABLE mail DROP KEY dom_id, MODIFY mail_name VARCHAR(245) COLLATE utf8mb4_bin;"
                    "ALTER TABLE domains MODIFY name VARCHAR(255) COLLATE utf8mb4_bin;"
                    "ALTER TABLE domain_aliases DROP PRIMARY KEY;"
                    "ALTER TABLE mail_resp DROP KEY mn_id; SET autocommit = 0");
@@ -165,7 +181,8 @@ TEST_F(LimitsLawTest, ARebuildThatEndedWellLeavesNothingThatARebuildMends)
 
         const Look seen = look();
 
-        EXPECT_EQ(seen.summary.rebuild, 0u) << ::testing::PrintToString(seen.findings);
+        EXPECT_EQ(to_rebuild(seen), Lines{});
+        EXPECT_EQ(seen.summary.rebuild, 0u);
         EXPECT_EQ(seen.troubles, Lines{});
         findings += seen.summary.findings();
         ended_well++;

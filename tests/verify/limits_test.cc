@@ -121,6 +121,11 @@ const LimitRow limit_rows[] = {
      info + sql_alias(1, "0") + sql_domain(2, "0b.test") + sql_answering(2, 2, "info") +
          sql_alias(2, "a.test.example") + sql_domain(3, "0.example") + sql_answering(3, 3, "info"),
      "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases WHERE dom_id = 1;"},
+    {"AliasRepeatsWhatAnotherHasRepeated",
+     info_with_alias + sql_domain(2, "0.test") + sql_answering(2, 2, "info") +
+         sql_alias(2, "a.test.example") + sql_domain(3, "b.test") + sql_answering(3, 3, "other") +
+         sql_alias(3, "c.test"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
     {"AddressTooLong",
      sql_domain(1, "a.test") + sql_answering(1, 1, std::string(245, 'x')) +
          "UPDATE domains SET name = 'abc.test0';",
@@ -167,6 +172,15 @@ protected:
     /* No test may leave its server's setting to the next. */
     void TearDown() override { panel->execute("SET GLOBAL group_concat_max_len = 1048576"); }
 };
+
+/* A rebuild of this panel would not end. */
+TEST_F(LimitServerTest, ALookEndsThoughAliasesDoubleTheReplies)
+{
+    panel->execute(info + "INSERT INTO domain_aliases SELECT 1, CONCAT('a.test.', seq) FROM seq_1_to_50;");
+    make_responder_store();
+
+    EXPECT_TRUE(look().has("alias-overlaps-domain panel"));
+}
 
 class LimitTest : public LimitServerTest, public ::testing::WithParamInterface<LimitRow>
 {
