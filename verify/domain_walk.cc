@@ -359,8 +359,7 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
             wanted.limits = {first_of(wanted.limits.reply, &code_address_twice),
                              first_of(wanted.limits.handler, &code_address_twice)};
         }
-        if (wanted.limits.reply == nullptr && limits_.is_repeated(target.reply_domain))
-            wanted.limits.reply = &code_alias_overlaps_domain;
+        wanted.limits.reply = first_of(wanted.limits.reply, limits_.of_reply(address));
         if (wanted.limits.reply == nullptr && target.is_alias && has_domain(mailbox.local, *domain_))
             wanted.limits.reply = &code_at_in_name;
         judge_.judge(*domain_, target, wanted);

@@ -150,18 +150,24 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
     const std::vector<std::string> local_names = items(cut_list(ascii_lower(all_names), server.list_limit));
     const std::vector<std::string> ids = items(cut_ids);
     const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
-    std::unordered_map<std::string, std::string> written;
+    std::map<std::string, std::string> replies;       /* in the end: under each name that of one id */
 
-    /* A name that was cut, or what is left of a faulty one, may be another mailbox's: the last reply stays.
-     */
     for (std::size_t i = 0; i < std::min(local_names.size(), ids.size()); i++)
-        written[local_names[i]] = ids[i];
+        replies[local_names[i]] = ids[i];
     for (const ListedMailbox &mailbox : list) {
-        const FindingCode *&reply = mailboxes_[mailbox.id].reply;
+        const auto reply = replies.find(ascii_lower(mailbox.name));
+        const bool is_right = reply != replies.end() && reply->second == mailbox.id_text;
+        const FindingCode *&limit = mailboxes_[mailbox.id].reply;
 
-        if (reply == nullptr && (breaks_query || written[ascii_lower(mailbox.name)] != mailbox.id_text))
-            reply = fault;
+        if (is_right)
+            replies.erase(reply);
+        if (limit == nullptr && (breaks_query || !is_right))
+            limit = fault;
     }
+    /* What was cut off a name, or off a faulty one, may be the name of a mailbox of another domain. */
+    for (const auto &[local, id] : replies)
+        each_spelling(names, *domain,
+                      [&](const std::string &name) { overwritten_.emplace(address_of(local, name), fault); });
     if (domain->ends_walk == nullptr && fault != nullptr && (breaks_query || local_names.size() > ids.size()))
         domain->ends_walk = fault;
     return 0;
@@ -254,6 +260,15 @@ void PanelLimits::repeat_again(const PanelNames &names)
                 repeat_under(name);
         }
     }
+}
+
+const FindingCode *PanelLimits::of_reply(const std::string &address) const
+{
+    const auto found = overwritten_.find(address);
+
+    if (found != overwritten_.end())
+        return found->second;
+    return repeated_.contains(std::string(domain_of(address))) ? &code_alias_overlaps_domain : nullptr;
 }
 
 void PanelLimits::repeat_under(const std::string &name)

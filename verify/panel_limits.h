@@ -47,8 +47,8 @@ public:
     /* Whether two mailboxes of the panel have this address. */
     [[nodiscard]] bool is_twice(const std::string &address) const { return twice_.contains(address); }
 
-    /* Whether replies of other addresses are written over those at this name of a domain. */
-    [[nodiscard]] bool is_repeated(const std::string &name) const { return repeated_.contains(name); }
+    /* Why another mailbox's reply may be written over that at this address; null when none is. */
+    [[nodiscard]] const FindingCode *of_reply(const std::string &address) const;
 
     /* Other names of domains whose addresses the domain's aliases take over. */
     [[nodiscard]] const std::vector<std::string> &overlaps(std::uint32_t place) const;
@@ -75,6 +75,7 @@ private:
     const FindingCode *end_ = nullptr;
     std::unordered_map<unsigned long, Limits> mailboxes_;
     std::set<std::string> twice_;
+    std::map<std::string, const FindingCode *> overwritten_; /* addresses */
     std::map<std::uint32_t, std::vector<std::string>> overlaps_;
     std::set<std::string> repeated_; /* names under which an alias repeats the replies of others */
     std::optional<OverlapFinder> finder_;

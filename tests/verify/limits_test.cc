@@ -54,6 +54,11 @@ const LimitRow limit_rows[] = {
      "SET GLOBAL group_concat_max_len = 9;" + sql_domain(1, "a.test") + sql_answering(1, 1, "ann") +
          sql_answering(2, 1, "ann\xe4\xb8\xad"),
      "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
+    {"ListCutToTheNameOfAMailboxOfAnotherDomain",
+     "SET GLOBAL group_concat_max_len = 7;" + sql_domain(1, "a.test") + sql_answering(1, 1, "ann") +
+         sql_domain(2, "b.test") + sql_answering(2, 2, "000") + sql_answering(3, 2, "annb") +
+         sql_alias(2, "a.test"),
+     "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
     {"CommaInName", info + sql_answering(2, 1, "a,b") + sql_answering(3, 1, "z"), "comma-in-name", "panel",
      renamed(2, "ab")},
     {"BlankInName", info_with_alias + sql_answering(2, 1, "b c"), "blank-in-name", "panel", renamed(2, "bc")},
