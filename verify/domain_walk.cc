@@ -17,6 +17,9 @@ namespace
 constexpr std::size_t domains_of_a_batch = 256;
 constexpr unsigned long mailboxes_of_a_batch = 4000;
 
+/* Of one mailbox: aliases that begin with their domain's name double them. */
+constexpr std::size_t most_repeated = 1000;
+
 /* Columns of the query for mailboxes; the texts of a reply follow in the order of the responder store. */
 enum Column : unsigned int { domain_id, mailbox_id, mail_name, reply_id, first_text };
 
@@ -290,17 +293,29 @@ void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &ad
     }
 }
 
-/* Replies are repeated at the aliases of a domain that stands in the mailbox's name. */
-void DomainWalk::expect_repeated(const WantedMailbox &mailbox, const PanelDomain &domain,
-                                 const FindingCode &code)
+/* Replies are repeated at the aliases of each domain that stands in the mailbox's name, and these again. */
+void DomainWalk::expect_repeated(const WantedMailbox &mailbox)
 {
-    if (!has_domain(mailbox.local, domain))
+    std::vector<std::string> addresses;
+    std::set<std::string> reached;
+
+    if (mailbox.local.find('@') == std::string::npos)
         return;
-    for (const PanelAlias &alias : names_.aliases_of(domain)) {
-        for (const Target &target : targets_)
-            limits_.expect_junk(
-                replaced(mailbox.local + '@' + target.reply_domain, '@' + domain.name, '@' + alias.name),
-                &code);
+    for (const Target &target : targets_)
+        addresses.push_back(mailbox.local + '@' + target.reply_domain);
+    for (std::size_t i = 0; i < addresses.size() && addresses.size() < most_repeated; i++) {
+        for (const std::uint32_t place : limits_.domains_in(addresses[i])) {
+            for (const PanelAlias &alias : names_.aliases_of(names_.domains[place])) {
+                const std::string address =
+                    replaced(addresses[i], '@' + names_.domains[place].name, '@' + alias.name);
+
+                if (address == addresses[i] || !reached.insert(address).second)
+                    continue;
+                limits_.expect_junk(address,
+                                    place == place_ ? &code_at_in_name : &code_alias_overlaps_domain);
+                addresses.push_back(address);
+            }
+        }
     }
 }
 
@@ -340,13 +355,12 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     if (forwards.size() > 1)
         find_in_panel(code_several_forwards, owner);
     judge_texts(mailbox, owner);
-    expect_repeated(mailbox, *domain_, code_at_in_name);
+    expect_repeated(mailbox);
     for (const std::uint32_t taker : limits_.takers(names_, mailbox.local, place_)) {
         for (const PanelAlias &alias : names_.aliases_of(names_.domains[taker])) {
             find_in_panel(code_alias_overlaps_domain, alias.name, "", owner);
             limits_.expect_junk(mailbox.local + '@' + ascii_lower(alias.name), &code_alias_overlaps_domain);
         }
-        expect_repeated(mailbox, names_.domains[taker], code_alias_overlaps_domain);
     }
     for (const Target &target : targets_) {
         const std::string address = mailbox.local + '@' + target.reply_domain;

@@ -57,6 +57,12 @@ public:
     [[nodiscard]] std::set<std::uint32_t> takers(const PanelNames &names, const std::string &local,
                                                  std::uint32_t place) const;
 
+    /* The domains with aliases whose name stands in an address. */
+    [[nodiscard]] std::set<std::uint32_t> domains_in(const std::string &address) const
+    {
+        return finder_->domains_in(address, UINT32_MAX);
+    }
+
     /* What a rebuild writes too much stands at this name of a domain, or under this address. */
     void expect_junk(const std::string &name, const FindingCode *limit) { junk_.emplace(name, limit); }
 

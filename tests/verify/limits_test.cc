@@ -117,6 +117,11 @@ const LimitRow limit_rows[] = {
      sql_domain(1, "a.test.example") + sql_answering(1, 1, "y@t") + sql_domain(2, "t") +
          sql_answering(2, 2, "info") + sql_alias(2, "b.test"),
      "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
+    {"AliasesOverlapDomainInAMailboxNameOneAfterTheOther",
+     sql_domain(1, "a.test") + sql_answering(1, 1, "y@b.test") + sql_domain(2, "b.test") +
+         sql_answering(2, 2, "info") + sql_alias(2, "c.test") + sql_domain(3, "c.test") +
+         sql_answering(3, 3, "other") + sql_alias(3, "d.test"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
     {"AliasOverlapsDomainAlikeButForCase",
      "ALTER TABLE domains MODIFY name VARCHAR(255) COLLATE utf8mb4_bin;" + sql_domain(1, "A.test") +
          sql_answering(1, 1, "info") + sql_alias(1, "b.test") + sql_domain(2, "a.test") +
