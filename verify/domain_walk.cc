@@ -359,7 +359,10 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     for (const std::uint32_t taker : limits_.takers(names_, mailbox.local, place_)) {
         for (const PanelAlias &alias : names_.aliases_of(names_.domains[taker])) {
             find_in_panel(code_alias_overlaps_domain, alias.name, "", owner);
-            limits_.expect_junk(mailbox.local + '@' + ascii_lower(alias.name), &code_alias_overlaps_domain);
+            /* Handlers are copied up to their first @. */
+            limits_.expect_junk(mailbox.local.substr(0, mailbox.local.find('@')) + '@' +
+                                    ascii_lower(alias.name),
+                                &code_alias_overlaps_domain);
         }
     }
     for (const Target &target : targets_) {

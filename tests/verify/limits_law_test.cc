@@ -1,5 +1,6 @@
 /*
- * After a rebuild that ended with 0 no rebuild mends anything, whatever limits the panel meets.
+ * After a rebuild that ended with 0 no rebuild mends anything, and no handler is too much without its limit,
+ * whatever limits the panel meets.
  *
  * KOLMO_VERIFY_PANELS: how many random panels; 100 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
@@ -183,12 +184,13 @@ TEST_F(LimitsLawTest, ARebuildThatEndedWellLeavesNothingThatARebuildMends)
 
         EXPECT_EQ(to_rebuild(seen), Lines{});
         EXPECT_EQ(seen.summary.rebuild, 0u);
+        EXPECT_EQ(seen.commands, Lines{}); /* the handlers store was empty */
         EXPECT_EQ(seen.troubles, Lines{});
         findings += seen.summary.findings();
         ended_well++;
     }
-    EXPECT_GT(ended_well, count / 3);
-    EXPECT_GT(findings, static_cast<unsigned long>(count)) << "hardly any limit was met";
+    EXPECT_GE(ended_well, count / 3);
+    EXPECT_GE(findings, static_cast<unsigned long>(ended_well)) << "hardly any limit was met";
 }
 
 } // namespace
