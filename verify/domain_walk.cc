@@ -17,6 +17,9 @@ namespace
 constexpr std::size_t domains_of_a_batch = 256;
 constexpr unsigned long mailboxes_of_a_batch = 4000;
 
+/* Of one mailbox: aliases that begin with their domain's name double them. */
+constexpr std::size_t most_repeated = 1000;
+
 /* Columns of the query for mailboxes; the texts of a reply follow in the order of the responder store. */
 enum Column : unsigned int { domain_id, mailbox_id, mail_name, reply_id, first_text };
 
@@ -28,6 +31,19 @@ texts_of(const std::unordered_map<unsigned long, std::vector<std::string>> &text
     const auto found = texts.find(id);
 
     return found != texts.end() ? found->second : none;
+}
+
+/* Whether a domain stands in a mailbox's name so that a rebuild replaces it there, too, by its aliases. */
+bool has_domain(const std::string &local, const PanelDomain &domain)
+{
+    return local.find('@' + domain.name) != std::string::npos;
+}
+
+std::string replaced(std::string text, const std::string &what, const std::string &by)
+{
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
+        text.replace(at, what.size(), by);
+    return text;
 }
 
 /* A number as the responder store takes it: cut to 32 bits. */
@@ -190,8 +206,10 @@ void DomainWalk::add_alias(std::uint32_t place, const PanelAlias &alias)
         }
     };
 
-    if (lower == own.reply_domain)
-        return; /* an alias that is the domain itself adds nothing */
+    if (lower == own.reply_domain) {
+        find(has_capitals(alias.name), code_alias_with_capitals);
+        return; /* nothing more is wanted of an alias that is the domain itself */
+    }
 
     const bool is_lossy = server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(alias.name);
     const bool is_idn = !target.handler_domain.empty() && target.handler_domain != lower;
@@ -236,7 +254,7 @@ void DomainWalk::judge_name(const PanelRows &row, const std::string &address, Wa
     own_fault(name.empty(), code_empty_name, true);
     own_fault(name.find(',') != std::string_view::npos, code_comma_in_name, true);
     own_fault(name.find(' ') != std::string_view::npos, code_blank_in_name, false);
-    if (targets_.size() > 1)
+    if (domain_->aliases > 0)
         own_fault(name.find('@') != std::string_view::npos, code_at_in_name, false);
     own_fault(server_.loses_beyond_utf8mb3 && is_beyond_utf8mb3(name), code_text_beyond_utf8mb3, true);
     if (listed.reply == &code_list_cut || listed.handler == &code_list_cut)
@@ -271,6 +289,32 @@ void DomainWalk::judge_texts(const WantedMailbox &mailbox, const std::string &ad
             find_in_panel(code_text_beyond_utf8mb3, address, "filename");
             for (const Target &target : targets_)
                 limits_.expect_junk(mailbox.local + '@' + target.reply_domain, &code_text_beyond_utf8mb3);
+        }
+    }
+}
+
+/* Replies are repeated at the aliases of each domain that stands in the mailbox's name, and these again. */
+void DomainWalk::expect_repeated(const WantedMailbox &mailbox)
+{
+    std::vector<std::string> addresses;
+    std::set<std::string> reached;
+
+    if (mailbox.local.find('@') == std::string::npos)
+        return;
+    for (const Target &target : targets_)
+        addresses.push_back(mailbox.local + '@' + target.reply_domain);
+    for (std::size_t i = 0; i < addresses.size() && addresses.size() < most_repeated; i++) {
+        for (const std::uint32_t place : limits_.domains_in(addresses[i])) {
+            for (const PanelAlias &alias : names_.aliases_of(names_.domains[place])) {
+                const std::string address =
+                    replaced(addresses[i], '@' + names_.domains[place].name, '@' + alias.name);
+
+                if (address == addresses[i] || !reached.insert(address).second)
+                    continue;
+                limits_.expect_junk(address,
+                                    place == place_ ? &code_at_in_name : &code_alias_overlaps_domain);
+                addresses.push_back(address);
+            }
         }
     }
 }
@@ -311,10 +355,14 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     if (forwards.size() > 1)
         find_in_panel(code_several_forwards, owner);
     judge_texts(mailbox, owner);
+    expect_repeated(mailbox);
     for (const std::uint32_t taker : limits_.takers(names_, mailbox.local, place_)) {
         for (const PanelAlias &alias : names_.aliases_of(names_.domains[taker])) {
             find_in_panel(code_alias_overlaps_domain, alias.name, "", owner);
-            limits_.expect_junk(mailbox.local + '@' + ascii_lower(alias.name), &code_alias_overlaps_domain);
+            /* Handlers are copied up to their first @. */
+            limits_.expect_junk(mailbox.local.substr(0, mailbox.local.find('@')) + '@' +
+                                    ascii_lower(alias.name),
+                                &code_alias_overlaps_domain);
         }
     }
     for (const Target &target : targets_) {
@@ -328,6 +376,9 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
             wanted.limits = {first_of(wanted.limits.reply, &code_address_twice),
                              first_of(wanted.limits.handler, &code_address_twice)};
         }
+        wanted.limits.reply = first_of(wanted.limits.reply, limits_.of_reply(address));
+        if (wanted.limits.reply == nullptr && target.is_alias && has_domain(mailbox.local, *domain_))
+            wanted.limits.reply = &code_at_in_name;
         judge_.judge(*domain_, target, wanted);
     }
 }

@@ -36,6 +36,7 @@ private:
     void enter_domain(std::uint32_t place);
     void judge_names(std::uint32_t place);
     void add_alias(std::uint32_t place, const PanelAlias &alias);
+    void expect_repeated(const WantedMailbox &mailbox);
     void judge_mailbox(const PanelRows &row);
     void judge_name(const PanelRows &row, const std::string &address, WantedMailbox *mailbox);
     void judge_texts(const WantedMailbox &mailbox, const std::string &address);

@@ -10,6 +10,10 @@ namespace kolmo
 namespace
 {
 
+/* Each alias that begins with its domain's name doubles them: a rebuild of many such does not end, this does.
+ */
+constexpr std::size_t most_repeated = 10000;
+
 /* A mailbox in the order in which the server lists its domain's. */
 struct ListedMailbox {
     unsigned long id;
@@ -27,18 +31,6 @@ int read_mailbox_list(MYSQL *panel, unsigned long domain_id, MailboxList *list)
                     [&](const PanelRows &row) {
                         list->push_back({row.number(0), std::string(row.text(0)), std::string(row.text(1))});
                     });
-}
-
-/* How many names a rebuild makes of a list: empty ones go, but for the last. */
-std::size_t count_items(const std::string &list)
-{
-    std::size_t count = 1;
-
-    for (std::size_t i = 1; i < list.size(); i++) {
-        if (list[i] == ',' && list[i - 1] != ',')
-            count++;
-    }
-    return count;
 }
 
 const FindingCode *fault_of_name(const std::string &name)
@@ -62,6 +54,23 @@ std::vector<std::string> pieces(const std::string &name, const char *delimiters)
             return found;
         start = end + 1;
     }
+}
+
+/* What a rebuild makes of a list: empty items go, but for the last. */
+std::vector<std::string> items(const std::string &list)
+{
+    std::vector<std::string> found = pieces(list, ",");
+
+    found.erase(std::remove(found.begin(), found.end() - 1, ""), found.end() - 1);
+    return found;
+}
+
+/* The server cuts between characters. */
+std::string cut_list(const std::string &list, std::size_t limit)
+{
+    while (limit > 0 && limit < list.size() && (list[limit] & 0xc0) == 0x80)
+        limit--;
+    return list.substr(0, limit);
 }
 
 std::string address_of(const std::string &local, const std::string &name)
@@ -137,16 +146,29 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
             each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
     }
 
-    const std::string cut_names = all_names.substr(0, server.list_limit);
-    const std::string cut_ids = all_ids.substr(0, server.list_limit);
+    const std::string cut_ids = cut_list(all_ids, server.list_limit);
+    const std::vector<std::string> local_names = items(cut_list(ascii_lower(all_names), server.list_limit));
+    const std::vector<std::string> ids = items(cut_ids);
     const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
+    std::map<std::string, std::string> replies;       /* in the end: under each name that of one id */
 
+    for (std::size_t i = 0; i < std::min(local_names.size(), ids.size()); i++)
+        replies[local_names[i]] = ids[i];
     for (const ListedMailbox &mailbox : list) {
-        if (breaks_query && mailboxes_[mailbox.id].reply == nullptr)
-            mailboxes_[mailbox.id].reply = &code_list_cut;
+        const auto reply = replies.find(ascii_lower(mailbox.name));
+        const bool is_right = reply != replies.end() && reply->second == mailbox.id_text;
+        const FindingCode *&limit = mailboxes_[mailbox.id].reply;
+
+        if (is_right)
+            replies.erase(reply);
+        if (limit == nullptr && (breaks_query || !is_right))
+            limit = fault;
     }
-    if (domain->ends_walk == nullptr && fault != nullptr &&
-        (breaks_query || count_items(cut_names) > count_items(cut_ids)))
+    /* What was cut off a name, or off a faulty one, may be the name of a mailbox of another domain. */
+    for (const auto &[local, id] : replies)
+        each_spelling(names, *domain,
+                      [&](const std::string &name) { overwritten_.emplace(address_of(local, name), fault); });
+    if (domain->ends_walk == nullptr && fault != nullptr && (breaks_query || local_names.size() > ids.size()))
         domain->ends_walk = fault;
     return 0;
 }
@@ -215,10 +237,44 @@ void PanelLimits::find_overlaps(const PanelNames &names)
             expect_junk(ascii_lower(alias.name), &code_alias_overlaps_domain);
             for (const std::string &other : others) {
                 if (other.starts_with(domain.name))
-                    expect_junk(alias.name + other.substr(domain.name.size()), &code_alias_overlaps_domain);
+                    repeat_under(alias.name + other.substr(domain.name.size()));
             }
         }
     }
+    repeat_again(names);
+}
+
+/* What is repeated under a name stands there for the domains that a rebuild comes to later. */
+void PanelLimits::repeat_again(const PanelNames &names)
+{
+    for (const PanelDomain &domain : names.domains) {
+        for (const PanelAlias &alias : names.aliases_of(domain)) {
+            std::vector<std::string> again;
+
+            for (auto name = repeated_.lower_bound(domain.name);
+                 name != repeated_.end() && name->starts_with(domain.name); ++name)
+                again.push_back(alias.name + name->substr(domain.name.size()));
+            if (repeated_.size() + again.size() > most_repeated)
+                return;
+            for (const std::string &name : again)
+                repeat_under(name);
+        }
+    }
+}
+
+const FindingCode *PanelLimits::of_reply(const std::string &address) const
+{
+    const auto found = overwritten_.find(address);
+
+    if (found != overwritten_.end())
+        return found->second;
+    return repeated_.contains(std::string(domain_of(address))) ? &code_alias_overlaps_domain : nullptr;
+}
+
+void PanelLimits::repeat_under(const std::string &name)
+{
+    repeated_.insert(name);
+    expect_junk(name, &code_alias_overlaps_domain);
 }
 
 void PanelLimits::find_end(const PanelNames &names)

@@ -47,12 +47,21 @@ public:
     /* Whether two mailboxes of the panel have this address. */
     [[nodiscard]] bool is_twice(const std::string &address) const { return twice_.contains(address); }
 
+    /* Why another mailbox's reply may be written over that at this address; null when none is. */
+    [[nodiscard]] const FindingCode *of_reply(const std::string &address) const;
+
     /* Other names of domains whose addresses the domain's aliases take over. */
     [[nodiscard]] const std::vector<std::string> &overlaps(std::uint32_t place) const;
 
     /* Domains, other than these of overlaps(), that take over this mailbox of a domain. */
     [[nodiscard]] std::set<std::uint32_t> takers(const PanelNames &names, const std::string &local,
                                                  std::uint32_t place) const;
+
+    /* The domains with aliases whose name stands in an address. */
+    [[nodiscard]] std::set<std::uint32_t> domains_in(const std::string &address) const
+    {
+        return finder_->domains_in(address, UINT32_MAX);
+    }
 
     /* What a rebuild writes too much stands at this name of a domain, or under this address. */
     void expect_junk(const std::string &name, const FindingCode *limit) { junk_.emplace(name, limit); }
@@ -65,12 +74,16 @@ private:
     int read_twice(MYSQL *panel, const PanelNames &names);
     void find_overlaps(const PanelNames &names);
     void find_end(const PanelNames &names);
+    void repeat_again(const PanelNames &names);
+    void repeat_under(const std::string &name);
 
     std::size_t end_place_ = SIZE_MAX;
     const FindingCode *end_ = nullptr;
     std::unordered_map<unsigned long, Limits> mailboxes_;
     std::set<std::string> twice_;
+    std::map<std::string, const FindingCode *> overwritten_; /* addresses */
     std::map<std::uint32_t, std::vector<std::string>> overlaps_;
+    std::set<std::string> repeated_; /* names under which an alias repeats the replies of others */
     std::optional<OverlapFinder> finder_;
     std::map<std::string, const FindingCode *, std::less<>> junk_;
 };

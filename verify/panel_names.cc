@@ -217,10 +217,10 @@ std::set<std::uint32_t> OverlapFinder::domains_in(std::string_view text, std::ui
 
     for (const std::size_t length : lengths_) {
         for (std::size_t start = 0; start + length <= lower.size(); start++) {
-            const auto place = plain_.find(lower.substr(start, length));
+            const auto [first, last] = plain_.equal_range(lower.substr(start, length));
 
-            if (place != plain_.end())
-                found.insert(place->second);
+            for (auto name = first; name != last; ++name)
+                found.insert(name->second);
         }
     }
     for (const auto &[pattern, place] : patterns_) {

@@ -82,7 +82,7 @@ public:
     [[nodiscard]] bool has_patterns() const { return !patterns_.empty(); }
 
 private:
-    std::unordered_map<std::string, std::uint32_t> plain_; /* in lower case */
+    std::unordered_multimap<std::string, std::uint32_t> plain_; /* in lower case */
     std::vector<std::pair<std::string, std::uint32_t>> patterns_;
     std::set<std::size_t> lengths_;
 };

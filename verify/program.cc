@@ -1,7 +1,6 @@
 #include "verify/program.h"
 
 #include <chrono>
-#include <exception>
 
 #include "handlers_store/handlers_db.h"
 #include "panel/panel_db.h"

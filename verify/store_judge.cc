@@ -186,9 +186,18 @@ void StoreJudge::judge_attachments(const PanelDomain &domain, const WantedMailbo
         const auto wanted =
             std::find(mailbox.attachments.begin(), mailbox.attachments.end(), attachments_.text(0));
         const auto place = static_cast<std::size_t>(wanted - mailbox.attachments.begin());
+        const bool is_surplus = mailbox.is_certain && (place == seen.size() || seen[place]);
 
-        if (!mailbox.is_certain || (wanted != mailbox.attachments.end() && !seen[place]))
+        /* Without a limit it is left, and found with what else nobody asked for. */
+        if (!is_surplus || limit != nullptr)
             attachments_.keep();
+        if (is_surplus && limit != nullptr)
+            report_.find({.code = &code_attachment_stale,
+                          .limit = limit,
+                          .place = Place::responder,
+                          .domain = domain.name,
+                          .address = address,
+                          .found = shown(attachments_.text(0))});
         if (place < seen.size())
             seen[place] = true;
     }

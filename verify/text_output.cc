@@ -197,7 +197,8 @@ void TextOutput::end(const VerifySummary &summary, double)
 
     for (const Group &group : groups_)
         fmt::print("{}{}\n{}", begun_ || &group != groups_.data() ? "\n" : "",
-                   group.name.empty() ? "all replies" : printable(group.name), group.lines);
+                   group.name.empty() ? "all replies" : cut_columns(printable(group.name), width),
+                   group.lines);
     if (!quiet_) {
         print_help();
         line += summary.findings() > 0 ? counted(summary.findings(), "finding", "findings") : "no finding";

@@ -3,7 +3,6 @@
  *
  * KOLMO_VERIFY_PANELS: how many random panels; 500 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
-#include <cstdlib>
 #include <random>
 #include <set>
 #include <string>
@@ -146,13 +145,6 @@ std::string RandomPanel::sql()
     for (int id = 1 + upto(3); id > 0; id--)
         rows += domain(id);
     return rows;
-}
-
-int number_from_environment(const char *name, int fallback)
-{
-    const char *const text = std::getenv(name);
-
-    return text != nullptr ? std::atoi(text) : fallback;
 }
 
 class LawTest : public VerifyTest

@@ -46,11 +46,30 @@ const LimitRow limit_rows[] = {
      "SET GLOBAL group_concat_max_len = 64;" + sql_domain(1, "a.test") + numbered_mailboxes(40) +
          sql_domain(2, "later.test") + sql_answering(1, 2, "info"),
      "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
+    {"ListCutToAnotherMailboxesName",
+     "SET GLOBAL group_concat_max_len = 7;" + sql_domain(1, "a.test") + sql_answering(1, 1, "ann") +
+         sql_answering(2, 1, "annb"),
+     "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
+    {"ListCutWithinACharacterToAnotherMailboxesName",
+     "SET GLOBAL group_concat_max_len = 9;" + sql_domain(1, "a.test") + sql_answering(1, 1, "ann") +
+         sql_answering(2, 1, "ann\xe4\xb8\xad"),
+     "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
+    {"ListCutToTheNameOfAMailboxOfAnotherDomain",
+     "SET GLOBAL group_concat_max_len = 7;" + sql_domain(1, "a.test") + sql_answering(1, 1, "ann") +
+         sql_domain(2, "b.test") + sql_answering(2, 2, "000") + sql_answering(3, 2, "annb") +
+         sql_alias(2, "a.test"),
+     "list-cut", "manual", "SET GLOBAL group_concat_max_len = 1048576;"},
     {"CommaInName", info + sql_answering(2, 1, "a,b") + sql_answering(3, 1, "z"), "comma-in-name", "panel",
      renamed(2, "ab")},
     {"BlankInName", info_with_alias + sql_answering(2, 1, "b c"), "blank-in-name", "panel", renamed(2, "bc")},
     {"AtInName", info_with_alias + sql_answering(2, 1, "b@c"), "at-in-name", "panel", renamed(2, "bc")},
+    {"AtInNameBeforeItsDomain", info_with_alias + sql_answering(2, 1, "x@a.test"), "at-in-name", "panel",
+     renamed(2, "x")},
     {"EmptyName", info_with_alias + sql_answering(2, 1, ""), "empty-name", "panel", renamed(2, "bc")},
+    {"EmptyNameWithAnAttachment",
+     sql_domain(1, "a.test") + sql_answering(1, 1, "") + sql_answering(2, 1, "info") +
+         "INSERT INTO resp_attach VALUES (1001, 'beach.pdf');",
+     "empty-name", "panel", renamed(1, "bc")},
     {"TextBeyondUtf8mb3",
      sql_domain(1, "a.test") + sql_mailbox(1, 1, "info") + sql_reply(1, "Away \xf0\x9f\x8f\x96"),
      "text-beyond-utf8mb3", "panel", "UPDATE mail_resp SET subject = 'Away';"},
@@ -72,6 +91,8 @@ const LimitRow limit_rows[] = {
      "alias-not-ascii", "panel", "UPDATE domain_aliases SET name = 'xn--bcher-kva.test';"},
     {"AliasWithCapitals", info + sql_alias(1, "B.test"), "alias-with-capitals", "panel",
      "UPDATE domain_aliases SET name = 'b.test';"},
+    {"AliasIsItsDomainWithCapitals", info + sql_alias(1, "A.test"), "alias-with-capitals", "panel",
+     "DELETE FROM domain_aliases;"},
     {"AliasOverlapsSubdomain", info_with_alias + sql_domain(2, "sub.a.test") + sql_answering(2, 2, "other"),
      "alias-overlaps-domain", "panel", without_alias},
     {"AliasOverlapsLongerDomain",
@@ -92,6 +113,29 @@ const LimitRow limit_rows[] = {
      sql_domain(1, "o_a.test") + sql_answering(1, 1, "x") + sql_alias(1, "b.test") + sql_domain(2, "a.test") +
          sql_answering(2, 2, "info"),
      "alias-overlaps-domain", "panel", without_alias},
+    {"AliasOverlapsDomainInAMailboxName",
+     sql_domain(1, "a.test.example") + sql_answering(1, 1, "y@t") + sql_domain(2, "t") +
+         sql_answering(2, 2, "info") + sql_alias(2, "b.test"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
+    {"AliasesOverlapDomainInAMailboxNameOneAfterTheOther",
+     sql_domain(1, "a.test") + sql_answering(1, 1, "y@b.test") + sql_domain(2, "b.test") +
+         sql_answering(2, 2, "info") + sql_alias(2, "c.test") + sql_domain(3, "c.test") +
+         sql_answering(3, 3, "other") + sql_alias(3, "d.test"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
+    {"AliasOverlapsDomainAlikeButForCase",
+     "ALTER TABLE domains MODIFY name VARCHAR(255) COLLATE utf8mb4_bin;" + sql_domain(1, "A.test") +
+         sql_answering(1, 1, "info") + sql_alias(1, "b.test") + sql_domain(2, "a.test") +
+         sql_answering(2, 2, "other") + sql_alias(2, "c.test"),
+     "alias-overlaps-domain", "panel", "UPDATE domains SET name = 'd.test' WHERE id = 1;"},
+    {"AliasRepeatsRepliesOverThoseOfADomain",
+     info + sql_alias(1, "0") + sql_domain(2, "0b.test") + sql_answering(2, 2, "info") +
+         sql_alias(2, "a.test.example") + sql_domain(3, "0.example") + sql_answering(3, 3, "info"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases WHERE dom_id = 1;"},
+    {"AliasRepeatsWhatAnotherHasRepeated",
+     info_with_alias + sql_domain(2, "0.test") + sql_answering(2, 2, "info") +
+         sql_alias(2, "a.test.example") + sql_domain(3, "b.test") + sql_answering(3, 3, "other") +
+         sql_alias(3, "c.test"),
+     "alias-overlaps-domain", "panel", "DELETE FROM domain_aliases;"},
     {"AddressTooLong",
      sql_domain(1, "a.test") + sql_answering(1, 1, std::string(245, 'x')) +
          "UPDATE domains SET name = 'abc.test0';",
@@ -138,6 +182,15 @@ protected:
     /* No test may leave its server's setting to the next. */
     void TearDown() override { panel->execute("SET GLOBAL group_concat_max_len = 1048576"); }
 };
+
+/* A rebuild of this panel would not end. */
+TEST_F(LimitServerTest, ALookEndsThoughAliasesDoubleTheReplies)
+{
+    panel->execute(info + "INSERT INTO domain_aliases SELECT 1, CONCAT('a.test.', seq) FROM seq_1_to_50;");
+    make_responder_store();
+
+    EXPECT_TRUE(look().has("alias-overlaps-domain panel"));
+}
 
 class LimitTest : public LimitServerTest, public ::testing::WithParamInterface<LimitRow>
 {

@@ -15,7 +15,7 @@ namespace kolmo
 namespace
 {
 
-TEST(TextOutput, NoCodesHelpIsWiderThanAHundredColumns)
+TEST(TextOutput, NoHeadingAndNoCodesHelpIsWiderThanAHundredColumns)
 {
     const testing::Output printed = testing::output_of([] {
         const std::unique_ptr<Output> output = make_text_output("verify", false, false);
@@ -30,6 +30,7 @@ TEST(TextOutput, NoCodesHelpIsWiderThanAHundredColumns)
 
         for (const FindingCode *const code : finding_codes())
             report.find({.code = code, .domain = "a.test", .address = "info@a.test"});
+        report.find({.code = finding_codes()[0], .domain = std::string(187, 'x')});
         output->end(summary, 0);
     });
     std::istringstream lines(printed.out);

@@ -113,6 +113,13 @@ std::string sql_headers(const std::string &json)
            ", 1, 'mailServer');";
 }
 
+int number_from_environment(const char *name, int fallback)
+{
+    const char *const text = std::getenv(name);
+
+    return text != nullptr ? std::atoi(text) : fallback;
+}
+
 void VerifyTest::SetUp()
 {
     ASSERT_TRUE(in_sandbox()) << "run this in tools/sandbox";

@@ -58,6 +58,9 @@ std::string sql_reply(int mailbox,
 std::string sql_answering(int id, int domain, const std::string &name); /* both */
 std::string sql_headers(const std::string &json);
 
+/* Of an environment variable. */
+int number_from_environment(const char *name, int fallback);
+
 class VerifyTest : public ::testing::Test
 {
 protected:
