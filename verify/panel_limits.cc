@@ -164,10 +164,11 @@ int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelN
         if (limit == nullptr && (breaks_query || !is_right))
             limit = fault;
     }
-    /* What was cut off a name, or off a faulty one, may be the name of a mailbox of another domain. */
-    for (const auto &[local, id] : replies)
-        each_spelling(names, *domain,
-                      [&](const std::string &name) { overwritten_.emplace(address_of(local, name), fault); });
+    /* What is left of a name that was cut, or of a faulty one, may be a mailbox of another domain. */
+    for (const auto &reply : replies)
+        each_spelling(names, *domain, [&](const std::string &name) {
+            overwritten_.emplace(address_of(reply.first, name), fault);
+        });
     if (domain->ends_walk == nullptr && fault != nullptr && (breaks_query || local_names.size() > ids.size()))
         domain->ends_walk = fault;
     return 0;
@@ -268,7 +269,7 @@ const FindingCode *PanelLimits::of_reply(const std::string &address) const
 
     if (found != overwritten_.end())
         return found->second;
-    return repeated_.contains(std::string(domain_of(address))) ? &code_alias_overlaps_domain : nullptr;
+    return repeated_.contains(domain_of(address)) ? &code_alias_overlaps_domain : nullptr;
 }
 
 void PanelLimits::repeat_under(const std::string &name)

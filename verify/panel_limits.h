@@ -83,7 +83,8 @@ private:
     std::set<std::string> twice_;
     std::map<std::string, const FindingCode *> overwritten_; /* addresses */
     std::map<std::uint32_t, std::vector<std::string>> overlaps_;
-    std::set<std::string> repeated_; /* names under which an alias repeats the replies of others */
+    std::set<std::string, std::less<>>
+        repeated_; /* names under which an alias repeats the replies of others */
     std::optional<OverlapFinder> finder_;
     std::map<std::string, const FindingCode *, std::less<>> junk_;
 };
