@@ -232,19 +232,11 @@ TEST_F(RemoveDomain, RefusedDeletesAreReportedAndDoNotStopTheOthers)
 TEST_F(RemoveDomain, FailedBatchIsReportedByTheDriverAndThenWithTheCopysMessage)
 {
     StoreConnection connection = store.open();
-    std::size_t held = 0;
 
     add("spam", "a@d.test");
     ASSERT_EQ(sqlite3_exec(connection.get(), "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
-    {
-        const AllocFaults faults(0);
-
-        log.on_line = [&] {
-            held = faults.held();
-        };
-        EXPECT_EQ(handlers_db_remove_domain(&connection, "d.test"), -1);
-    }
-    EXPECT_EQ(held, 0U) << "the list is freed before the last line";
+    EXPECT_EQ(held_at_last_line(&log, [&] { return handlers_db_remove_domain(&connection, "d.test"); }),
+              std::pair(-1, std::size_t(0)));
     EXPECT_EQ(log.take(),
               (Lines{"3 Unable to begin sqlite transaction: cannot start a transaction within a transaction",
                      not_added}));

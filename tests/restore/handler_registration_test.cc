@@ -184,36 +184,21 @@ TEST_F(SetAutoresponderHandlers, ListWithoutMemoryGoesOnWithTheNextName)
 TEST_F(SetAutoresponderHandlers, AllIsFreedBeforeItIsLoggedThatNothingIsApplied)
 {
     const std::string names = "anna," + std::string(255, 'n');
-    std::size_t held = 0;
-    {
-        const AllocFaults faults(0);
 
-        log.on_line = [&] {
-            held = faults.held();
-        };
-        EXPECT_EQ(set_autoresponder_handlers(names.c_str(), "one.example", HANDLER_ACTION_ADD), -1);
-    }
+    EXPECT_EQ(held_at_last_line(&log, [&] { return add(names, "one.example"); }),
+              std::pair(-1, std::size_t(0)));
     EXPECT_EQ(log.take(), (Lines{"3 domain name too long\n", incomplete}));
-    EXPECT_EQ(held, 0U);
 }
 
-/* The texts that the lists were made of. */
+/* What the texts were split into; a record, its four texts and its place in the list are held. */
 TEST_F(SetAutoresponderHandlers, SplitsAreFreedBeforeTheStoreIsOpened)
 {
-    std::size_t held = 0;
     const std::string path = store.folder().path("missing/handlers.db");
 
     handlers_db_set_path(path.c_str());
-    {
-        const AllocFaults faults(0);
-
-        log.on_line = [&] {
-            held = faults.held();
-        };
-        EXPECT_EQ(set_autoresponder_handlers("info", "one.example", HANDLER_ACTION_ADD), -1);
-    }
+    EXPECT_EQ(held_at_last_line(&log, [] { return add("info", "one.example"); }),
+              std::pair(-1, std::size_t(6)));
     (void)log.take_one();
-    EXPECT_EQ(held, 6U) << "a record, its four texts and its place in the list";
 }
 
 } // namespace

@@ -16,7 +16,10 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 #include <vector>
+
+#include "tests/support/log_capture.h"
 
 namespace kolmo::testing
 {
@@ -39,6 +42,21 @@ public:
     /* What was freed since then, in order. */
     [[nodiscard]] std::vector<const void *> freed() const;
 };
+
+/* What an operation gives, and how much it holds when it logs its last line. */
+template <typename Operation>
+[[nodiscard]] std::pair<int, std::size_t> held_at_last_line(LogCapture *log, const Operation &operation)
+{
+    std::pair<int, std::size_t> seen = {};
+    const AllocFaults faults(0);
+
+    log->on_line = [&] {
+        seen.second = faults.held();
+    };
+    seen.first = operation();
+    log->on_line = nullptr;
+    return seen;
+}
 
 /* What an operation gives whose nth call fails; errno is as the operation left it. */
 template <typename Operation>
