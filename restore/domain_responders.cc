@@ -24,6 +24,11 @@ namespace
 
 using OwnedResponderList = OwnedList<ResponderList, responder_list_init, responder_list_free>;
 
+void free_array(char **names)
+{
+    std::free(static_cast<void *>(names));
+}
+
 /* File names in the server's order. */
 class FileNames
 {
@@ -41,7 +46,7 @@ public:
     [[nodiscard]] int add(const char *name);
 
 private:
-    std::unique_ptr<char *[], Release<std::free>> names_;
+    std::unique_ptr<char *[], Release<free_array>> names_;
     int capacity_ = 0;
     int count_ = 0;
 };
