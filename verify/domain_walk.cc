@@ -301,6 +301,7 @@ void DomainWalk::expect_repeated(const WantedMailbox &mailbox)
 
     if (mailbox.local.find('@') == std::string::npos)
         return;
+    addresses.reserve(targets_.size());
     for (const Target &target : targets_)
         addresses.push_back(mailbox.local + '@' + target.reply_domain);
     for (std::size_t i = 0; i < addresses.size() && addresses.size() < most_repeated; i++) {
