@@ -20,11 +20,10 @@ struct ListedMailbox {
     std::string id_text;
     std::string name;
 };
-using MailboxList = std::vector<ListedMailbox>;
 
-int read_mailbox_list(MYSQL *panel, unsigned long domain_id, MailboxList *list)
+int read_mailboxes(MYSQL *panel, unsigned long domain_id, std::vector<ListedMailbox> *list)
 {
-    /* Without an order, like the rebuild: the server will choose the same one. */
+    /* Without an order, like the rebuild: the server will hardly choose another one. */
     return each_row(panel,
                     "SELECT id, mail_name FROM mail WHERE dom_id=" + std::to_string(domain_id) +
                         " AND autoresponder='true'",
@@ -83,6 +82,14 @@ std::string address_of(const std::string &local, const std::string &name)
 
 } // namespace
 
+/* A domain's mailboxes, what the server joins of them, uncut, and the first fault of these lists. */
+struct PanelLimits::MailboxLists {
+    std::vector<ListedMailbox> mailboxes;
+    std::string names;
+    std::string ids;
+    const FindingCode *fault = nullptr;
+};
+
 int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names)
 {
     for (PanelDomain &domain : names->domains) {
@@ -103,78 +110,89 @@ int PanelLimits::read(MYSQL *panel, const PanelServer &server, PanelNames *names
 int PanelLimits::read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names,
                            PanelDomain *domain)
 {
-    MailboxList list;
-    std::string all_names;
-    std::string all_ids;
+    MailboxLists lists;
+
+    if (read_mailboxes(panel, domain->id, &lists.mailboxes) != 0)
+        return -1;
+    find_faults(server, names, *domain, &lists);
+    pair_lists(server, names, domain, lists);
+    return 0;
+}
+
+/* What is wrong with each mailbox's place in the lists, and joins these. */
+void PanelLimits::find_faults(const PanelServer &server, const PanelNames &names, const PanelDomain &domain,
+                              MailboxLists *lists)
+{
     const FindingCode *shift = nullptr;
-    const FindingCode *fault = nullptr;
     std::set<std::string> seen;
 
-    if (read_mailbox_list(panel, domain->id, &list) != 0)
-        return -1;
-    for (std::size_t i = 0; i < list.size(); i++) {
-        const ListedMailbox &mailbox = list[i];
+    for (const ListedMailbox &mailbox : lists->mailboxes) {
         const FindingCode *const own = fault_of_name(mailbox.name);
-
-        all_names += (i > 0 ? "," : "") + mailbox.name;
-        all_ids += (i > 0 ? "," : "") + mailbox.id_text;
-
-        const FindingCode *const name_cut = all_names.size() > server.list_limit ? &code_list_cut : nullptr;
-        const FindingCode *const id_cut = all_ids.size() > server.list_limit ? &code_list_cut : nullptr;
-
-        shift = shift != nullptr ? shift : own;
-        mailboxes_[mailbox.id] = {shift != nullptr      ? shift
-                                  : name_cut != nullptr ? name_cut
-                                                        : id_cut,
-                                  own != nullptr ? own : name_cut};
-        fault = fault != nullptr ? fault : shift != nullptr ? shift : name_cut != nullptr ? name_cut : id_cut;
-
         const std::string lower = ascii_lower(mailbox.name);
+        const char *const comma = &mailbox != lists->mailboxes.data() ? "," : "";
 
+        lists->names += comma + mailbox.name;
+        lists->ids += comma + mailbox.id_text;
+
+        const FindingCode *const name_cut =
+            lists->names.size() > server.list_limit ? &code_list_cut : nullptr;
+        const FindingCode *const id_cut = lists->ids.size() > server.list_limit ? &code_list_cut : nullptr;
+
+        shift = first_of(shift, own);
+        mailboxes_[mailbox.id] = {first_of(shift, first_of(name_cut, id_cut)), first_of(own, name_cut)};
+        lists->fault = first_of(lists->fault, mailboxes_[mailbox.id].reply);
         if (!seen.insert(lower).second)
-            each_spelling(names, *domain,
+            each_spelling(names, domain,
                           [&](const std::string &name) { twice_.insert(address_of(lower, name)); });
-        if (own != nullptr) {
-            for (const std::string &piece : pieces(lower, ", "))
-                each_spelling(names, *domain,
-                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
-            for (const std::string &piece : pieces(lower, ","))
-                each_spelling(names, *domain,
-                              [&](const std::string &name) { expect_junk(address_of(piece, name), own); });
-        }
+        if (own != nullptr)
+            expect_pieces(names, domain, lower, own);
         if (name_cut != nullptr)
-            each_spelling(names, *domain, [&](const std::string &name) { expect_junk(name, name_cut); });
+            each_spelling(names, domain, [&](const std::string &name) { expect_junk(name, name_cut); });
     }
+}
 
-    const std::string cut_ids = cut_list(all_ids, server.list_limit);
-    const std::vector<std::string> local_names = items(cut_list(ascii_lower(all_names), server.list_limit));
+/* The handlers' names are taken apart at blanks, too. */
+void PanelLimits::expect_pieces(const PanelNames &names, const PanelDomain &domain, const std::string &local,
+                                const FindingCode *limit)
+{
+    for (const char *const delimiters : {", ", ","}) {
+        for (const std::string &piece : pieces(local, delimiters))
+            each_spelling(names, domain,
+                          [&](const std::string &name) { expect_junk(address_of(piece, name), limit); });
+    }
+}
+
+/* Who gets whose reply when the lists are cut and taken apart, and whether the walk ends there. */
+void PanelLimits::pair_lists(const PanelServer &server, const PanelNames &names, PanelDomain *domain,
+                             const MailboxLists &lists)
+{
+    const std::string cut_ids = cut_list(lists.ids, server.list_limit);
+    const std::vector<std::string> local_names = items(cut_list(ascii_lower(lists.names), server.list_limit));
     const std::vector<std::string> ids = items(cut_ids);
     const bool breaks_query = cut_ids.ends_with(','); /* nothing of the domain is read then */
-    std::map<std::string, std::string> replies;       /* in the end: under each name that of one id */
+    std::map<std::string, std::string> replies;       /* under each name that of one id */
 
     for (std::size_t i = 0; i < std::min(local_names.size(), ids.size()); i++)
         replies[local_names[i]] = ids[i];
-    for (const ListedMailbox &mailbox : list) {
+    for (const ListedMailbox &mailbox : lists.mailboxes) {
         const auto reply = replies.find(ascii_lower(mailbox.name));
         const bool is_right = reply != replies.end() && reply->second == mailbox.id_text;
         const FindingCode *&limit = mailboxes_[mailbox.id].reply;
 
         if (is_right)
             replies.erase(reply);
-        if (limit == nullptr && (breaks_query || !is_right))
-            limit = fault;
+        if (breaks_query || !is_right)
+            limit = first_of(limit, lists.fault);
     }
     /* What is left of a name that was cut, or of a faulty one, may be a mailbox of another domain. */
     for (const auto &reply : replies)
         each_spelling(names, *domain, [&](const std::string &name) {
-            overwritten_.emplace(address_of(reply.first, name), fault);
+            overwritten_.emplace(address_of(reply.first, name), lists.fault);
         });
-    if (domain->ends_walk == nullptr && fault != nullptr && (breaks_query || local_names.size() > ids.size()))
-        domain->ends_walk = fault;
-    return 0;
+    if (breaks_query || local_names.size() > ids.size())
+        domain->ends_walk = first_of(domain->ends_walk, lists.fault);
 }
 
-/* Names of domains that occur more than once; then, which mailboxes meet there. */
 int PanelLimits::read_twice(MYSQL *panel, const PanelNames &names)
 {
     std::vector<std::pair<std::size_t, std::uint32_t>> spellings;
@@ -196,9 +214,9 @@ int PanelLimits::read_twice(MYSQL *panel, const PanelNames &names)
     }
     for (const std::uint32_t place : suspects) {
         const PanelDomain &domain = names.domains[place];
-        MailboxList list;
+        std::vector<ListedMailbox> list;
 
-        if (read_mailbox_list(panel, domain.id, &list) != 0)
+        if (read_mailboxes(panel, domain.id, &list) != 0)
             return -1;
         for (const ListedMailbox &mailbox : list)
             each_spelling(names, domain, [&](const std::string &name) {

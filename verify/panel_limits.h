@@ -70,7 +70,15 @@ public:
     [[nodiscard]] const FindingCode *of_junk(std::string_view address) const;
 
 private:
+    struct MailboxLists;
+
     int read_list(MYSQL *panel, const PanelServer &server, const PanelNames &names, PanelDomain *domain);
+    void find_faults(const PanelServer &server, const PanelNames &names, const PanelDomain &domain,
+                     MailboxLists *lists);
+    void expect_pieces(const PanelNames &names, const PanelDomain &domain, const std::string &local,
+                       const FindingCode *limit);
+    void pair_lists(const PanelServer &server, const PanelNames &names, PanelDomain *domain,
+                    const MailboxLists &lists);
     int read_twice(MYSQL *panel, const PanelNames &names);
     void find_overlaps(const PanelNames &names);
     void find_end(const PanelNames &names);
@@ -83,8 +91,7 @@ private:
     std::set<std::string> twice_;
     std::map<std::string, const FindingCode *> overwritten_; /* addresses */
     std::map<std::uint32_t, std::vector<std::string>> overlaps_;
-    std::set<std::string, std::less<>>
-        repeated_; /* names under which an alias repeats the replies of others */
+    std::set<std::string, std::less<>> repeated_; /* names where an alias repeats the replies of others */
     std::optional<OverlapFinder> finder_;
     std::map<std::string, const FindingCode *, std::less<>> junk_;
 };
