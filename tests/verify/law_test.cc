@@ -3,7 +3,6 @@
  *
  * KOLMO_VERIFY_PANELS: how many random panels; 500 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
-#include <random>
 #include <set>
 #include <string>
 
@@ -20,16 +19,14 @@ namespace
 using namespace testing;
 
 /* A panel of a few domains, whose names never contain each other and whose texts are what people write. */
-class RandomPanel
+class RandomPanel : private Dice
 {
 public:
-    explicit RandomPanel(unsigned int seed) : random_(seed) {}
+    using Dice::Dice;
 
     std::string sql();
 
 private:
-    int upto(int most) { return std::uniform_int_distribution<int>(0, most)(random_); }
-    bool one_in(int n) { return upto(n - 1) == 0; }
     std::string letters(int count);
     std::string local();
     std::string text(int most);
@@ -39,7 +36,6 @@ private:
     std::string reply(int mailbox, const std::string &name);
     std::string headers();
 
-    std::mt19937 random_;
     int mailboxes_ = 0;
     int replies_ = 0;
     std::set<std::string> locals_;

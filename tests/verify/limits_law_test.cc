@@ -4,9 +4,7 @@
  *
  * KOLMO_VERIFY_PANELS: how many random panels; 100 without it.  KOLMO_VERIFY_SEED: the first one's seed.
  */
-#include <algorithm>
 #include <cctype>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -68,28 +66,25 @@ const Lines mailbox_names = {"info",
                              "\xf0\x9f\x8f\x96",
                              std::string(245, 'g')};
 
-class LimitedPanel
+class LimitedPanel : private Dice
 {
 public:
-    explicit LimitedPanel(unsigned int seed) : random_(seed) {}
+    using Dice::Dice;
 
     std::string sql();
 
 private:
-    int upto(int most) { return std::uniform_int_distribution<int>(0, most)(random_); }
-    bool one_in(int n) { return upto(n - 1) == 0; }
     Lines some(Lines names, int most);
     std::string mailbox(int domain, const std::string &name);
     std::string domain(int id, const std::string &name);
 
-    std::mt19937 random_;
     Lines names_; /* of its domains */
     int mailboxes_ = 0;
 };
 
 Lines LimitedPanel::some(Lines names, int most)
 {
-    std::shuffle(names.begin(), names.end(), random_);
+    shuffle(&names);
     names.resize(static_cast<std::size_t>(upto(most)));
     return names;
 }

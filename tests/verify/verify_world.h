@@ -3,7 +3,9 @@
  */
 #pragma once
 
+#include <algorithm>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,20 @@ std::string sql_headers(const std::string &json);
 
 /* Of an environment variable. */
 int number_from_environment(const char *name, int fallback);
+
+/* The same throws for the same seed. */
+class Dice
+{
+public:
+    explicit Dice(unsigned int seed) : random_(seed) {}
+
+    int upto(int most) { return std::uniform_int_distribution<int>(0, most)(random_); }
+    bool one_in(int n) { return upto(n - 1) == 0; }
+    void shuffle(Lines *lines) { std::shuffle(lines->begin(), lines->end(), random_); }
+
+private:
+    std::mt19937 random_;
+};
 
 class VerifyTest : public ::testing::Test
 {
