@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "verify/common_options.h"
+#include "verify/command_line.h"
 
 namespace kolmo
 {

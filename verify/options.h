@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "verify/common_options.h"
+#include "verify/command_line.h"
 
 namespace kolmo
 {
