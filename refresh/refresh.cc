@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include "handlers_store/handlers_db.h"
-#include "panel/panel_db.h"
 #include "refresh/file_replacement.h"
 #include "refresh/folder.h"
 #include "refresh/interruption.h"
@@ -54,7 +53,6 @@ private:
     [[nodiscard]] int begin();
     void remove_left_folder();
     [[nodiscard]] int estimate();
-    [[nodiscard]] PanelConnection connect() const;
 
     /* Each returns nothing when the try goes on. */
     [[nodiscard]] std::optional<Result> attempt(bool is_last);
@@ -118,20 +116,10 @@ void Refresh::remove_left_folder()
                       " cannot be removed: " + std::strerror(errno));
 }
 
-PanelConnection Refresh::connect() const
-{
-    char reason[4097] = "the database's client gives no reason";
-    PanelConnection panel(panel_db_connect_ex(reason, sizeof reason));
-
-    if (panel == nullptr)
-        trouble_(reason);
-    return panel;
-}
-
 /* A table that cannot be read is the rebuild's to report, in its own words. */
 int Refresh::estimate()
 {
-    const PanelConnection panel = connect();
+    const PanelConnection panel = connect_panel(trouble_);
 
     if (panel == nullptr)
         return -1;
@@ -224,7 +212,7 @@ int Refresh::look_at_stores()
 {
     const PublishPaths paths = staging_.paths();
     const auto start = Clock::now();
-    const PanelConnection panel = connect();
+    const PanelConnection panel = connect_panel(trouble_);
     Progress progress(wants_progress(options_), "look: ");
     std::vector<Finding> findings;
     const VerifySink sink = {

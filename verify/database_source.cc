@@ -74,4 +74,14 @@ int read_database_source(DatabaseSource *source, const TroubleSink &trouble)
     return 0;
 }
 
+PanelConnection connect_panel(const TroubleSink &trouble)
+{
+    char reason[4097] = "the database's client gives no reason";
+    PanelConnection panel(panel_db_connect_ex(reason, sizeof reason));
+
+    if (panel == nullptr)
+        trouble(reason);
+    return panel;
+}
+
 } // namespace kolmo

@@ -1,11 +1,12 @@
 /*
- * database_source: which panel database is asked, as whom, and from which files that comes.
+ * database_source: which panel database is asked, as whom, from which files that comes; and the connection.
  */
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "panel/panel_db.h"
 #include "verify/store_copy.h"
 
 namespace kolmo
@@ -26,5 +27,8 @@ struct DatabaseSource {
  * with the defaults, to another database perhaps.
  */
 [[nodiscard]] int read_database_source(DatabaseSource *source, const TroubleSink &trouble);
+
+/* panel_db_connect_ex; null after telling why. */
+[[nodiscard]] PanelConnection connect_panel(const TroubleSink &trouble);
 
 } // namespace kolmo

@@ -3,7 +3,6 @@
 #include <chrono>
 
 #include "handlers_store/handlers_db.h"
-#include "panel/panel_db.h"
 #include "responder_store/responder_db.h"
 #include "verify/options.h"
 #include "verify/output.h"
@@ -42,18 +41,18 @@ int look(const ProgramOptions &options, Output *output, VerifySummary *summary)
     };
     const Report report(sink, summary);
     DatabaseSource source;
-    char reason[4097] = "the database's client gives no reason";
+    const TroubleSink trouble = [&](const std::string &text) {
+        report.trouble(text);
+    };
 
-    if (read_database_source(&source, [&](const std::string &text) { report.trouble(text); }) != 0)
+    if (read_database_source(&source, trouble) != 0)
         return trouble_status;
     output->begin(source, responder_db_path, handlers_db_path);
 
-    const PanelConnection panel(panel_db_connect_ex(reason, sizeof reason));
+    const PanelConnection panel = connect_panel(trouble);
 
-    if (panel == nullptr) {
-        report.trouble(reason);
+    if (panel == nullptr)
         return trouble_status;
-    }
     return verify_stores(panel.get(), {.domains = options.domains, .wait_seconds = options.wait_seconds},
                          sink, summary);
 }
