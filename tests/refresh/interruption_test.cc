@@ -18,6 +18,7 @@
 #include "refresh/lock.h"
 #include "tests/refresh/held_transaction.h"
 #include "tests/refresh/refresh_world.h"
+#include "tests/support/program_text.h"
 
 namespace kolmo
 {

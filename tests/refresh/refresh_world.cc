@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <thread>
 
 #include <fcntl.h>
@@ -122,11 +121,6 @@ void wait_for_file(const std::string &path)
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << path << " is not reached";
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-}
-
-std::string unwrapped(const std::string &text)
-{
-    return std::regex_replace(text, std::regex("\n +"), " ");
 }
 
 Lines what_is_left()

@@ -86,9 +86,6 @@ protected:
     std::unique_ptr<PanelDatabase> panel;
 };
 
-/* Words without the breaks of lines. */
-std::string unwrapped(const std::string &text);
-
 /* Folders, mounts and processes of a refresh, if it had left any. */
 Lines what_is_left();
 

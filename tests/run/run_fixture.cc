@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
 
+#include "tests/support/program_text.h"
 #include "tests/support/sandbox.h"
 
 namespace kolmo::testing
@@ -20,17 +20,15 @@ std::string with_newline(const std::string &text)
 /* Takes the system error out that stands behind `message` in what a stream got. */
 void cut_system_error(std::string *stream, const std::string &message)
 {
-    static const std::regex system_error("^\\n?System error [0-9]+: [^\\n]*\\n");
     const std::size_t found = stream->find(message);
-    std::smatch match;
 
     if (found == std::string::npos)
         return;
 
-    const std::string rest = stream->substr(found + message.size());
+    const std::size_t end = found + message.size();
 
-    if (std::regex_search(rest, match, system_error))
-        stream->replace(found + message.size(), std::string::npos, match.suffix());
+    stream->replace(end, std::string::npos,
+                    replaced(stream->substr(end), "^\n?System error [0-9]+: [^\n]*\n", ""));
 }
 
 } // namespace

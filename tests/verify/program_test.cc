@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -21,6 +20,7 @@
 #include "tests/support/killed_writer.h"
 #include "tests/support/other_process_lock.h"
 #include "tests/support/program_run.h"
+#include "tests/support/program_text.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/temp_dir.h"
 #include "tests/verify/verify_world.h"
@@ -41,12 +41,6 @@ ProgramResult run(std::vector<std::string> arguments = {}, const std::vector<int
     options.closed = closed;
     options.argv.insert(options.argv.begin(), "mail_responders_verify");
     return Program(KOLMO_VERIFY_PROGRAM, options).finish();
-}
-
-/* Words without the breaks of lines. */
-std::string unwrapped(const std::string &text)
-{
-    return std::regex_replace(text, std::regex("\n +"), " ");
 }
 
 class ProgramTest : public VerifyTest
@@ -566,10 +560,9 @@ TEST_F(ProgressTest, InterruptedItEndsByTheSignalAndLeavesNothing)
 }
 
 /* What is never the same: the time, and a progress line that may or may not have been due. */
-std::string without_time(std::string text)
+std::string without_time(const std::string &text)
 {
-    text = std::regex_replace(text, std::regex("\"seconds\":[0-9.e+-]+"), "\"seconds\":0");
-    return std::regex_replace(text, std::regex("\r[^\r\n]*\x1b\\[K|\r(?=\n)"), "");
+    return replaced(without_seconds(text), "\r[^\r\n]*\x1b\\[K|\r(?=\n)", "");
 }
 
 class GoldenTest : public VerifyTest
