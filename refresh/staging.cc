@@ -47,6 +47,28 @@ std::string without_links(const std::string &path)
     return real != nullptr ? real.get() : "";
 }
 
+/* The first folder on the way up in which somebody beside root can rename what is root's; empty when there is
+   none.  Root is who owns "/": in a user namespace its number may be another one. */
+std::string foreign_folder(const fs::path &path)
+{
+    struct stat root;
+    struct stat status;
+
+    if (::stat("/", &root) != 0)
+        return "/";
+    for (fs::path folder = path;; folder = folder.parent_path()) {
+        if (::lstat(folder.c_str(), &status) != 0)
+            return folder;
+
+        const bool is_roots = status.st_uid == root.st_uid || status.st_uid == ::geteuid();
+
+        if (!is_roots || ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0))
+            return folder;
+        if (!folder.has_relative_path())
+            return "";
+    }
+}
+
 /* A folder as the one of a live store is. */
 int make_like(const std::string &path, const char *live_store, const TroubleSink &trouble)
 {
@@ -90,6 +112,12 @@ int Staging::make(const std::string &parent, std::uint64_t size, const TroubleSi
 
     if (real.empty() || ::statvfs(real.c_str(), &status) != 0) {
         trouble(parent + " cannot be staged in: " + reason());
+        return -1;
+    }
+
+    if (const std::string foreign = foreign_folder(real); !foreign.empty()) {
+        trouble(parent + " cannot be staged in: others than root can put something else in its place, as " +
+                foreign + " is theirs, or writable for them");
         return -1;
     }
 

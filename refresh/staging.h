@@ -34,7 +34,7 @@ public:
     /*
      * Makes the folder.
      *
-     * parent  the folder to make it in; empty for memory
+     * parent  the folder to make it in, which only root may rename things in; empty for memory
      * size    what will be needed, in bytes
      * Returns 0, or -1 after telling the trouble: there is not that much memory or disk, or it cannot be
      * made.

@@ -328,6 +328,33 @@ const Situation situations[] = {
      2,
      "/nowhere cannot be staged in: No such file or directory",
      Live::untouched},
+    {"a folder of somebody else's to stage in",
+     [](auto &) {
+         fs::create_directories("/run/theirs/stage");
+         EXPECT_EQ(::chown("/run/theirs", 1, 1), 0);
+     },
+     {"--stage", "/run/theirs/stage"},
+     2,
+     "others than root can put something else in its place, as /run/theirs is theirs",
+     Live::untouched},
+    {"a folder to stage in that anybody may write to",
+     [](auto &) {
+         fs::create_directory("/run/anybodys");
+         EXPECT_EQ(::chmod("/run/anybodys", 0777), 0);
+     },
+     {"--stage", "/run/anybodys"},
+     2,
+     "as /run/anybodys is theirs, or writable for them",
+     Live::untouched},
+    {"a folder to stage in like that for temporary files",
+     [](auto &) {
+         fs::create_directory("/run/stage");
+         EXPECT_EQ(::chmod("/run/stage", 01777), 0);
+     },
+     {"--stage", "/run/stage"},
+     0,
+     "",
+     Live::fresh},
     {"not as a refresh would be asked", [](auto &) {}, {"--nonsense"}, 2, "Usage:", Live::untouched},
 };
 
