@@ -100,6 +100,7 @@ private:
     {
         return rows_[static_cast<std::size_t>(table)];
     }
+    [[nodiscard]] PublishResult tell_changed(const std::string &what) const;
     int tell(const std::string &what);
 
     PublishPaths paths_;
@@ -299,15 +300,25 @@ PublishResult Publisher::Live::publish()
 }
 
 /* The file is given its name when nothing but the commit of the handlers can fail any more, and before it: a
-   handler without a reply would be run in vain, a reply without a handler waits. */
+   handler without a reply would be run in vain, a reply without a handler waits.  No lock can be had on a
+   store that is missing or no database: whether somebody has made one is asked once more. */
 PublishResult Publisher::Live::publish_locked(FileReplacement *replacement)
 {
     if (const std::optional<PublishResult> looked = look_again())
         return *looked;
-    if (write() != 0 || (replaces_responder() && replacement->install(sink_.trouble) != 0) ||
-        stores.commit() != 0)
+    if (write() != 0)
+        return PublishResult::failed;
+    if (replaces_responder() && stores.responder_changed() == true)
+        return tell_changed(paths_.live_responder + " was changed meanwhile");
+    if ((replaces_responder() && replacement->install(sink_.trouble) != 0) || stores.commit() != 0)
         return PublishResult::failed;
     return PublishResult::published;
+}
+
+PublishResult Publisher::Live::tell_changed(const std::string &what) const
+{
+    sink_.trouble(what);
+    return PublishResult::changed_meanwhile;
 }
 
 /* Whether under the lock something is not any more as it was compared, and what comes of that. */
@@ -324,10 +335,8 @@ std::optional<PublishResult> Publisher::Live::look_again()
         changed = paths_.live_responder + " was changed meanwhile";
     else if (handlers == Recheck::changed)
         changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
-    if (!changed.empty()) {
-        sink_.trouble(changed);
-        return PublishResult::changed_meanwhile;
-    }
+    if (!changed.empty())
+        return tell_changed(changed);
     if (responder_changed && handlers == Recheck::same)
         return std::nullopt;
     (void)tell("the live stores cannot be read");

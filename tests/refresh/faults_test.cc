@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -266,6 +267,31 @@ TEST(StagingOfHandlers, FileThatHasNoRoomIsNamed)
                 << trouble;
     }
     EXPECT_GT(nth, 10);
+}
+
+/* No lock can be had on a store that is missing. */
+TEST(ReplacementOrder, StoreThatIsMadeWhileTheHandlersAreWrittenIsNotReplaced)
+{
+    const FaultWorld world(true);
+    const Lines handlers = world.rows(world.paths.live_handlers);
+    const std::string made = world.folder.path("made.db");
+    std::optional<WriteFaults> faults;
+    Lines troubles;
+    Publisher publisher(world.paths, 0,
+                        {.trouble = [&](const std::string &words) { troubles.push_back(words); },
+                         .note = [](const std::string &) {},
+                         .locked =
+                             [&] {
+                                 faults.emplace(
+                                     [&] { std::filesystem::copy_file(made, world.paths.live_responder); });
+                             }});
+
+    std::filesystem::rename(world.paths.live_responder, made);
+    ASSERT_EQ(world.get_ready(&publisher, [&] { world.rebuild(); }), 0);
+    EXPECT_EQ(publisher.publish(), PublishResult::changed_meanwhile);
+    EXPECT_EQ(troubles, Lines{world.paths.live_responder + " was changed meanwhile"});
+    EXPECT_EQ(world.run(world.paths.live_responder, "PRAGMA user_version"), Lines{"7"});
+    EXPECT_EQ(world.rows(world.paths.live_handlers), handlers);
 }
 
 /* After a power cut there may be of each folder what was synced last, and of a file what was synced before.

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -31,6 +32,7 @@ struct State {
     bool is_armed = false;
     int left = 0;
     WriteFault fault = WriteFault::fails_once;
+    std::function<void()> meanwhile = {};
 };
 
 State state;
@@ -47,6 +49,10 @@ bool strikes()
 {
     if (!state.is_armed)
         return false;
+    if (state.meanwhile) {
+        std::exchange(state, {}).meanwhile();
+        return false;
+    }
     state.left--;
     if (state.left > 0 || (state.left < 0 && state.fault == WriteFault::fails_once))
         return false;
@@ -97,7 +103,12 @@ const std::array replacements = {
 
 } // namespace
 
-WriteFaults::WriteFaults(int nth, WriteFault fault)
+WriteFaults::WriteFaults(int nth, WriteFault fault) : WriteFaults(std::function<void()>())
+{
+    state = {true, nth, fault};
+}
+
+WriteFaults::WriteFaults(std::function<void()> meanwhile)
 {
     sqlite3_vfs *const files = sqlite3_vfs_find(nullptr);
 
@@ -105,7 +116,7 @@ WriteFaults::WriteFaults(int nth, WriteFault fault)
         if (files->xGetSystemCall(files, replacement.name) != nullptr) {
             EXPECT_EQ(files->xSetSystemCall(files, replacement.name, replacement.call), SQLITE_OK);
         }
-    state = {true, nth, fault};
+    state = {true, 0, WriteFault::fails_once, std::move(meanwhile)};
     calls_made.clear();
 }
 

@@ -8,6 +8,7 @@
  */
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,10 @@ class WriteFaults
 public:
     /* From here on the nth call has the fault.  One at a time. */
     WriteFaults(int nth, WriteFault fault);
+
+    /* Before the next call this happens, once, as another process might do it; no call fails. */
+    explicit WriteFaults(std::function<void()> meanwhile);
+
     ~WriteFaults();
     WriteFaults(const WriteFaults &) = delete;
     WriteFaults &operator=(const WriteFaults &) = delete;
