@@ -81,16 +81,18 @@ int RunLock::take(int wait_seconds, const TroubleSink &trouble)
     }
     left_folder_ = read_note(file.get()).folder;
     file_ = std::move(file);
+    (void)note_folder(left_folder_); /* with our process id, for those who wait */
     return 0;
 }
 
+/* What stood there before is cut off last: who is killed in between has not lost the note. */
 int RunLock::note_folder(const std::string &folder)
 {
     const std::string note = std::to_string(::getpid()) + '\n' + folder + '\n';
 
-    if (::ftruncate(file_.get(), 0) != 0)
+    if (::pwrite(file_.get(), note.data(), note.size(), 0) != static_cast<ssize_t>(note.size()))
         return -1;
-    return ::pwrite(file_.get(), note.data(), note.size(), 0) == static_cast<ssize_t>(note.size()) ? 0 : -1;
+    return ::ftruncate(file_.get(), static_cast<off_t>(note.size()));
 }
 
 } // namespace kolmo

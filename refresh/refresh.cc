@@ -111,9 +111,9 @@ void Refresh::remove_left_folder()
         return;
     if (remove_staging_folder(left.c_str()) == 0)
         output_->note("a refresh was killed; what it has left at " + left + " is gone");
-    else
-        output_->note("a refresh was killed; what it has left at " + left +
-                      " cannot be removed: " + std::strerror(errno));
+    else /* it is forgotten now: told even to who wants it quiet */
+        trouble_("a refresh was killed; what it has left at " + left +
+                 " cannot be removed: " + std::strerror(errno));
 }
 
 /* A table that cannot be read is the rebuild's to report, in its own words. */

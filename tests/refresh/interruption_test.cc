@@ -160,6 +160,32 @@ TEST_F(InterruptionTest, CaughtAtEachStepItEndsByTheSignalAndLeavesNothing)
     }
 }
 
+/* Not by the one before it, though it hangs before it has made anything. */
+TEST_F(InterruptionTest, RefreshAtWorkIsKnownByItsOwnProcess)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+
+    write_file(run_lock_path, "4711\n\n", 0600);
+    write_file(conf_path, "MYSQL_SOCKET " + silent_socket + "\n", 0644);
+
+    const std::unique_ptr<Program> first = start();
+    const std::string process = std::to_string(first->pid());
+
+    while (!read_file(run_lock_path).starts_with(process)) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+
+    const ProgramResult second = refresh({"--wait", "0"});
+
+    EXPECT_EQ(second.status, 2);
+    EXPECT_NE(unwrapped(second.err).find("another refresh is at work (process " + process + ")"),
+              std::string::npos)
+        << second.err;
+    EXPECT_EQ(::kill(first->pid(), SIGTERM), 0);
+    EXPECT_EQ(first->finish().status, 1000 + SIGTERM);
+}
+
 /* The kernel ends what the killed one had started, though not before its parent knows of the end. */
 void wait_for_the_processes_to_end()
 {
@@ -311,7 +337,7 @@ TEST_F(InterruptionTest, WhatIsNotARefreshsIsNotRemoved)
         row.make();
         write_file(run_lock_path, "1\n" + row.folder + "\n");
 
-        const ProgramResult result = refresh();
+        const ProgramResult result = refresh({"--quiet"});
 
         EXPECT_EQ(result.status, 0);
         EXPECT_NE(unwrapped(result.err).find("what it has left at " + row.folder + " cannot be removed"),
