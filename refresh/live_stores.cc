@@ -1,6 +1,7 @@
 #include "refresh/live_stores.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <thread>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include "refresh/killed_writer.h"
+#include "refresh/store_file.h"
 
 namespace kolmo
 {
@@ -98,7 +100,10 @@ std::string LiveStores::detail() const
     const int error = sqlite3_system_errno(db_.get());
     std::string words = sqlite3_errmsg(db_.get());
 
-    if ((rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN) && error != 0)
+    /* What SQLite cannot create it tries to read, and then that is missing. */
+    const bool is_created = rc == SQLITE_CANTOPEN && words == sqlite3_errstr(rc);
+
+    if ((rc == SQLITE_IOERR || rc == SQLITE_CANTOPEN) && error != 0 && !(is_created && error == ENOENT))
         words += std::string(" (") + std::strerror(error) + ')';
     return words;
 }
@@ -149,6 +154,10 @@ int LiveStores::open_responder()
     const StoreFileKind kind = look_at_store_file(responder_);
 
     responder_file_ = FileIdentity::of(responder_);
+    if (kind == StoreFileKind::missing && is_link(responder_)) {
+        trouble_(responder_ + " is a link to a file that is missing");
+        return -1;
+    }
     if (kind == StoreFileKind::missing)
         flaw_ = "is missing";
     else if (kind == StoreFileKind::empty)

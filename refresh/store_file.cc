@@ -16,6 +16,13 @@ std::string real_path(const std::string &path)
     return error ? path : real.string();
 }
 
+bool is_link(const std::string &path)
+{
+    struct stat status;
+
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 bool is_missing_or_empty(const std::string &path)
 {
     struct stat status;

@@ -80,6 +80,23 @@ TEST_F(FileSystemTest, FileForWhichThereIsNoSpaceIsTroubleAndTheOldOneStays)
     EXPECT_EQ(world.files(), (Lines{"handlers.db", "responder.db"}));
 }
 
+/* SQLite tries to read what it cannot create, and would say that there is no such file. */
+TEST_F(FileSystemTest, JournalThatCannotBeMadeIsNotSaidToBeMissing)
+{
+    const std::string live = world.folder.path("live");
+
+    (void)world.run(world.paths.staged_responder, sql_reply("b@x.test", "B"));
+
+    const Published published = world.publish({}, {}, [&] {
+        EXPECT_EQ(::mount("none", live.c_str(), nullptr, MS_REMOUNT, "size=256k,nr_inodes=3"), 0);
+    });
+
+    EXPECT_EQ(published.result, PublishResult::failed);
+    EXPECT_EQ(published.troubles,
+              Lines{world.paths.live_responder + " cannot be written: unable to open database file"});
+    EXPECT_EQ(addresses(), Lines{"a@x.test"});
+}
+
 TEST_F(FileSystemTest, ReadOnlyStoreIsTroubleAtOnce)
 {
     Published published;

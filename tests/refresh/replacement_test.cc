@@ -222,6 +222,19 @@ TEST_F(ReplacementTest, StoreThatIsReachedByALinkStaysReachedByIt)
     EXPECT_EQ(read_file(elsewhere), read_file(world.paths.staged_responder));
 }
 
+/* Where something is not mounted, perhaps. */
+TEST_F(ReplacementTest, LinkToAFileThatIsMissingIsTrouble)
+{
+    const PublisherWorld world;
+    Published published;
+
+    std::filesystem::remove(world.paths.live_responder);
+    std::filesystem::create_symlink(world.folder.path("elsewhere.db"), world.paths.live_responder);
+    EXPECT_EQ(world.publisher(&published)->open_live(), -1);
+    EXPECT_EQ(published.troubles, Lines{world.paths.live_responder + " is a link to a file that is missing"});
+    EXPECT_TRUE(std::filesystem::is_symlink(world.paths.live_responder));
+}
+
 /* In each case the old file is there, and the handlers are not written. */
 TEST_F(ReplacementTest, FileThatChangedMeanwhileIsNotReplaced)
 {
