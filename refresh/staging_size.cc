@@ -88,6 +88,8 @@ std::uint64_t available_memory(const std::string &proc, const std::string &cgrou
     const std::optional<std::uint64_t> kib_available = number_in(proc + "/meminfo", "MemAvailable:");
     std::uint64_t available = kib_available ? *kib_available * kib : no_limit;
 
+    /* The host's root has no limit; what a container takes for the root may have one. */
+    available = std::min(available, left_in_group(cgroup));
     for (std::filesystem::path group = control_group(proc); group.has_relative_path();
          group = group.parent_path())
         available = std::min(available, left_in_group(cgroup + group.string()));
