@@ -113,7 +113,7 @@ private:
 int copy_pages(sqlite3_backup *backup, std::chrono::milliseconds wait)
 {
     constexpr std::chrono::milliseconds pause(5);
-    const Clock::time_point deadline = Clock::now() + wait;
+    Clock::time_point deadline = Clock::now() + wait;
     Beginnings beginnings;
     int pages = pages_of_a_step;
     int rc;
@@ -122,6 +122,7 @@ int copy_pages(sqlite3_backup *backup, std::chrono::milliseconds wait)
         if (rc == SQLITE_OK) {
             if (beginnings.count(backup) >= most_beginnings)
                 pages = -1;
+            deadline = Clock::now() + wait; /* it is the lock that is waited for, not the copy */
         } else if (!is_busy(rc) || Clock::now() >= deadline) {
             return rc;
         } else {

@@ -48,7 +48,7 @@ enum class CopyEnding {
  * The copy is made in steps of a moment, which let go of the lock in between; when somebody changes the store
  * meanwhile, it begins again, and after ten beginnings is made in one step.
  *
- * wait  how long a lock is waited for, all in all
+ * wait  how long a lock is waited for, each time
  * copy  a connection whose main database becomes the copy
  */
 [[nodiscard]] CopyEnding copy_database(const std::string &path, std::chrono::milliseconds wait, sqlite3 *copy,
