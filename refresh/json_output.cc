@@ -16,11 +16,14 @@ public:
     void trouble(const std::string &text) override { verify_->trouble(text); }
     void note(const std::string &text) override { verify_->note(text); }
 
-    void look(const DatabaseSource &source, const std::string &responder_store,
-              const std::string &handlers_store, const StagedLook &look) override
+    void begin_look() override { findings_.clear(); }
+    void finding(const Finding &finding) override { findings_.push_back(finding); }
+
+    void end_look(const DatabaseSource &source, const std::string &responder_store,
+                  const std::string &handlers_store, const StagedLook &look) override
     {
         verify_->begin(source, responder_store, handlers_store);
-        for (const Finding &finding : look.findings)
+        for (const Finding &finding : findings_)
             verify_->finding(finding);
         verify_->end(look.summary, look.seconds);
     }
@@ -49,6 +52,7 @@ public:
 private:
     std::unique_ptr<Output> verify_;
     bool quiet_;
+    std::vector<Finding> findings_;
 };
 
 } // namespace

@@ -41,7 +41,6 @@ enum class Result {
 /* A look at the staged stores. */
 struct StagedLook {
     int status = 2; /* as verify_stores returned it */
-    std::vector<Finding> findings;
     VerifySummary summary;
     double seconds = 0;
 };
@@ -65,9 +64,15 @@ public:
     virtual void trouble(const std::string &text) = 0;
     virtual void note(const std::string &text) = 0;
 
-    /* Where the look was, and what it found; of several looks the last. */
-    virtual void look(const DatabaseSource &source, const std::string &responder_store,
-                      const std::string &handlers_store, const StagedLook &look) = 0;
+    /* A look begins: what the one before found is forgotten. */
+    virtual void begin_look() = 0;
+
+    /* Kept until end_look; for people only as much as is shown of it. */
+    virtual void finding(const Finding &finding) = 0;
+
+    /* Where the last look was, and what it found. */
+    virtual void end_look(const DatabaseSource &source, const std::string &responder_store,
+                          const std::string &handlers_store, const StagedLook &look) = 0;
 
     virtual void change(const Change &change) = 0;
 

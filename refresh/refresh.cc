@@ -205,7 +205,7 @@ void Refresh::take_finding(Finding finding)
     }
     if (place != std::string::npos)
         finding.command.replace(place, staged.size(), handlers_db_path);
-    look_->findings.push_back(std::move(finding));
+    output_->finding(finding);
 }
 
 int Refresh::look_at_stores()
@@ -214,9 +214,8 @@ int Refresh::look_at_stores()
     const auto start = Clock::now();
     const PanelConnection panel = connect_panel(trouble_);
     Progress progress(wants_progress(options_), "look: ");
-    std::vector<Finding> findings;
     const VerifySink sink = {
-        .finding = [&](const Finding &finding) { findings.push_back(finding); },
+        .finding = [&](const Finding &finding) { take_finding(finding); },
         .trouble =
             [&](const std::string &text) {
                 progress.clear();
@@ -239,8 +238,6 @@ int Refresh::look_at_stores()
                                    .wait_seconds = options_.wait_seconds,
                                    .check_owners = false},
                                   sink, &look_->summary);
-    for (Finding &finding : findings)
-        take_finding(std::move(finding));
     look_->seconds = std::chrono::duration<double>(Clock::now() - start).count();
     return look_->status == 2 ? -1 : 0;
 }
@@ -248,6 +245,7 @@ int Refresh::look_at_stores()
 std::optional<Result> Refresh::look(bool is_last)
 {
     look_.emplace();
+    output_->begin_look();
     prune_.clear();
     if (look_at_stores() != 0) {
         trouble_("the staged stores could not be judged; nothing is published");
@@ -361,7 +359,8 @@ RefreshEnd Refresh::run()
             break;
     }
     if (look_ && look_->status != 2)
-        output_->look(source_, staging_.paths().staged_responder, staging_.paths().staged_handlers, *look_);
+        output_->end_look(source_, staging_.paths().staged_responder, staging_.paths().staged_handlers,
+                          *look_);
     if (is_published(end.result) || end.result == Result::dry_run) {
         for (const Change &row : rows_)
             output_->change(row);

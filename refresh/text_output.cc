@@ -67,10 +67,7 @@ void tell(const Words &words)
 class TextOutput : public RefreshOutput
 {
 public:
-    TextOutput(bool quiet, bool color)
-        : verify_(make_text_output("mail_responders_refresh", quiet, color)), quiet_(quiet)
-    {
-    }
+    TextOutput(bool quiet, bool color) : quiet_(quiet), color_(color) { begin_look(); }
 
     void trouble(const std::string &text) override
     {
@@ -81,15 +78,23 @@ public:
         tell([&] { verify_->note(text); });
     }
 
-    void look(const DatabaseSource &, const std::string &, const std::string &,
-              const StagedLook &look) override
+    void begin_look() final
     {
-        tell([&] {
-            for (const Finding &finding : look.findings)
-                verify_->finding(finding);
-            if (!look.findings.empty())
-                verify_->end(look.summary, look.seconds);
-        });
+        verify_ = make_text_output("mail_responders_refresh", quiet_, color_);
+        has_findings_ = false;
+    }
+
+    void finding(const Finding &finding) override
+    {
+        verify_->finding(finding);
+        has_findings_ = true;
+    }
+
+    void end_look(const DatabaseSource &, const std::string &, const std::string &,
+                  const StagedLook &look) override
+    {
+        if (has_findings_)
+            tell([&] { verify_->end(look.summary, look.seconds); });
     }
 
     void change(const Change &change) override
@@ -109,8 +114,10 @@ public:
 private:
     void print_end(const RefreshEnd &end) const;
 
-    std::unique_ptr<Output> verify_;
     bool quiet_;
+    bool color_;
+    std::unique_ptr<Output> verify_;
+    bool has_findings_ = false;
 };
 
 void TextOutput::print_end(const RefreshEnd &end) const

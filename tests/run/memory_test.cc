@@ -1,5 +1,6 @@
 /*
- * How much memory a run needs: that of one domain at a time, however many there are.
+ * How much memory a run needs: that of one domain at a time, however many there are; a refresh, no more for
+ * what it finds.
  *
  * A sanitizer build's memory says nothing about the program's: this is built without them only.
  */
@@ -32,11 +33,11 @@ protected:
                        "INSERT INTO resp_attach SELECT id, 'file.txt' FROM mail_resp");
     }
 
-    static ProgramResult measure(long *peak)
+    static ProgramResult measure(const std::string &measured, long *peak)
     {
         const std::string file = "/run/peak";
-        Program program(KOLMO_PEAK_MEMORY, {.argv = {"peak_memory", file, KOLMO_MEASURED_PROGRAM},
-                                            .deadline = std::chrono::seconds(60)});
+        Program program(KOLMO_PEAK_MEMORY,
+                        {.argv = {"peak_memory", file, measured}, .deadline = std::chrono::seconds(60)});
         const ProgramResult result = program.finish();
 
         *peak = std::stol(read_file(file));
@@ -50,7 +51,7 @@ protected:
 
         fill(domains);
 
-        const ProgramResult result = measure(&peak);
+        const ProgramResult result = measure(KOLMO_MEASURED_PROGRAM, &peak);
 
         expect_result(result, 0);
         EXPECT_EQ(query_store(responder_store, "SELECT count(*) FROM autoresponder"),
@@ -71,6 +72,23 @@ TEST_F(MemoryRun, FourTimesTheDomainsNeedNoMoreMemory)
 
     EXPECT_LT(many, few + mebibyte / 2);
     EXPECT_LT(many, 16 * mebibyte);
+}
+
+/* Each text has a character that a rebuild loses. */
+TEST_F(MemoryRun, RefreshKeepsOfWhatItFindsWhatItShows)
+{
+    long peak = 0;
+
+    fill(30);
+    expect_result(measure(KOLMO_MEASURED_PROGRAM, &peak), 0);
+    panel->execute(
+        "UPDATE mail_resp SET text = CONCAT(CONVERT(UNHEX('F09F8F96') USING utf8mb4), REPEAT('x', 100000))");
+
+    const ProgramResult result = measure(KOLMO_MEASURED_REFRESH, &peak);
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("600 findings"), std::string::npos) << result.out;
+    EXPECT_LT(peak, 40 * mebibyte);
 }
 
 } // namespace kolmo::testing
