@@ -58,6 +58,20 @@ bool is_needed(const std::string &path)
     return ::pread(journal.get(), &first, 1, 0) < 0 || first != 0;
 }
 
+/* SQLite's own names: "-mj", six digits of chance, a 9 so that no name of eight and three letters is met, two
+   more digits. */
+bool is_list(const std::filesystem::directory_entry &entry, const std::string &store)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    const std::string name = entry.path().filename().string();
+    const std::string start = store + "-mj";
+    std::error_code error;
+
+    return name.starts_with(start) && name.size() == start.size() + 9 && name[start.size() + 6] == '9' &&
+           name.find_first_not_of(digits, start.size()) == std::string::npos &&
+           std::filesystem::is_regular_file(entry.symlink_status(error));
+}
+
 bool names_a_journal(const std::filesystem::path &list)
 {
     std::ifstream file(list, std::ios::binary);
@@ -88,13 +102,12 @@ bool has_hot_journal(const std::string &path)
 std::vector<std::string> stale_journal_lists(const std::string &path)
 {
     const std::filesystem::path store(real_path(path));
-    const std::string start = store.filename().string() + "-mj";
     std::vector<std::string> lists;
     std::error_code error;
     std::filesystem::directory_iterator entry(store.parent_path(), error);
 
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
-        if (entry->path().filename().string().starts_with(start) && !names_a_journal(entry->path()))
+        if (is_list(*entry, store.filename().string()) && !names_a_journal(entry->path()))
             lists.push_back(entry->path().string());
     return lists;
 }

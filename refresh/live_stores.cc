@@ -190,10 +190,12 @@ int LiveStores::open_responder()
 int LiveStores::get_ready()
 {
     const bool is_attached = flaw_.empty();
-    const std::optional<std::int64_t> version = is_attached ? data_version() : 0;
+    const std::optional<std::int64_t> responder = is_attached ? data_version("responder") : 0;
+    const std::optional<std::int64_t> handlers = data_version("main");
 
-    data_version_ = version.value_or(0);
-    if (version &&
+    responder_version_ = responder.value_or(0);
+    handlers_version_ = handlers.value_or(0);
+    if (responder && handlers &&
         execute(is_attached ? "PRAGMA responder.synchronous = FULL; PRAGMA responder.cache_size = -6144"
                             : "PRAGMA main.synchronous = EXTRA") == SQLITE_OK)
         return 0;
@@ -278,11 +280,12 @@ int LiveStores::attach(const std::string &path, const char *schema)
     return tell(path + " cannot be read");
 }
 
-std::optional<std::int64_t> LiveStores::data_version()
+std::optional<std::int64_t> LiveStores::data_version(const char *schema)
 {
+    const std::string sql = std::string("PRAGMA ") + schema + ".data_version";
     SqliteQuery version;
 
-    if (version.prepare(db_.get(), "PRAGMA responder.data_version") != 0 || !version.next())
+    if (version.prepare(db_.get(), sql.c_str()) != 0 || !version.next())
         return std::nullopt;
     return version.number(0);
 }
@@ -296,11 +299,20 @@ std::optional<bool> LiveStores::responder_changed()
     if (!flaw_.empty())
         return false;
 
-    const std::optional<std::int64_t> version = data_version();
+    const std::optional<std::int64_t> version = data_version("responder");
 
     if (!version)
         return std::nullopt;
-    return *version != data_version_;
+    return *version != responder_version_;
+}
+
+std::optional<bool> LiveStores::handlers_changed()
+{
+    const std::optional<std::int64_t> version = data_version("main");
+
+    if (!version)
+        return std::nullopt;
+    return *version != handlers_version_;
 }
 
 bool LiveStores::handlers_replaced() const

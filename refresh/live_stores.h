@@ -58,6 +58,9 @@ public:
     /* Whether somebody wrote or replaced the responder store since open; nothing when it cannot be told. */
     [[nodiscard]] std::optional<bool> responder_changed();
 
+    /* The same for the handlers store's rows. */
+    [[nodiscard]] std::optional<bool> handlers_changed();
+
     /* Whether the handlers store's file is another one. */
     [[nodiscard]] bool handlers_replaced() const;
 
@@ -86,7 +89,7 @@ private:
     [[nodiscard]] int first_read(const char *schema);
     [[nodiscard]] int execute(const char *sql);
     [[nodiscard]] int try_to(const char *begin);
-    [[nodiscard]] std::optional<std::int64_t> data_version();
+    [[nodiscard]] std::optional<std::int64_t> data_version(const char *schema);
     int tell(const std::string &what);
 
     std::string handlers_;
@@ -97,7 +100,8 @@ private:
     SqliteConnection db_;
     std::string flaw_;
     FileIdentity responder_file_;
-    std::int64_t data_version_ = 0;
+    std::int64_t responder_version_ = 0;
+    std::int64_t handlers_version_ = 0;
 };
 
 } // namespace kolmo

@@ -109,6 +109,7 @@ private:
     SqliteConnection responder_copy_;
     std::string why_replaced_;
     bool writes_rows_ = true; /* in all tables; otherwise what differs at all is replaced whole */
+    bool prunes_ = false;
     std::array<std::vector<RowChange>, changed_tables> rows_;
 };
 
@@ -236,6 +237,7 @@ int Publisher::Live::compare_handlers(const std::vector<HandlerKey> &prune, cons
 {
     std::set<RowKey> unwanted;
 
+    prunes_ = !prune.empty();
     for (const HandlerKey &handler : prune)
         unwanted.insert(key_of(handler));
     return compare_table(
@@ -321,10 +323,12 @@ PublishResult Publisher::Live::tell_changed(const std::string &what) const
     return PublishResult::changed_meanwhile;
 }
 
-/* Whether under the lock something is not any more as it was compared, and what comes of that. */
+/* Whether under the lock something is not any more as it was compared, and what comes of that.  A handler
+   that was unwanted and is now wanted can be the same row, written again. */
 std::optional<PublishResult> Publisher::Live::look_again()
 {
     const std::optional<bool> responder_changed = stores.responder_changed();
+    const std::optional<bool> handlers_changed = prunes_ ? stores.handlers_changed() : false;
     const Recheck handlers = recheck_rows(stores.db(), ChangedTable::handlers, handlers_in, handlers_before,
                                           staged_handlers, rows_of(ChangedTable::handlers));
     std::string changed;
@@ -335,9 +339,11 @@ std::optional<PublishResult> Publisher::Live::look_again()
         changed = paths_.live_responder + " was changed meanwhile";
     else if (handlers == Recheck::changed)
         changed = paths_.live_handlers + ": a handler that was to be written was changed meanwhile";
+    else if (handlers_changed == true)
+        changed = paths_.live_handlers + " was changed meanwhile";
     if (!changed.empty())
         return tell_changed(changed);
-    if (responder_changed && handlers == Recheck::same)
+    if (responder_changed && handlers_changed && handlers == Recheck::same)
         return std::nullopt;
     (void)tell("the live stores cannot be read");
     return PublishResult::failed;

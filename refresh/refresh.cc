@@ -190,15 +190,16 @@ std::optional<Result> Refresh::rebuild(Publisher *publisher)
     return std::nullopt;
 }
 
-/* With --prune a stale handler is removed, not found; one behind which a limit stands would come again. After
-   a rebuild that failed nothing is removed. */
+/* With --prune a stale handler is removed, not found; one behind which a limit stands would come again, and a
+   blob is not told from the wanted text of the same bytes.  After a rebuild that failed nothing is removed.
+ */
 void Refresh::take_finding(Finding finding)
 {
     const std::string staged = staging_.paths().staged_handlers;
     const std::size_t place = finding.command.find(staged);
 
-    if (finding.code == &code_handler_stale && finding.limit == nullptr && options_.prune &&
-        !rebuild_failed_) {
+    if (finding.code == &code_handler_stale && finding.limit == nullptr && !finding.handler.has_blob &&
+        options_.prune && !rebuild_failed_) {
         prune_.push_back({finding.handler.queue, finding.handler.type, finding.address});
         look_->summary.manual--;
         return;

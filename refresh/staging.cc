@@ -110,6 +110,11 @@ int Staging::make(const std::string &parent, std::uint64_t size, const TroubleSi
     const std::string real = without_links(parent);
     struct statvfs status;
 
+    if (real.find('\n') != std::string::npos) { /* the lock's file has it in one line */
+        trouble(parent + " cannot be staged in: " + std::strerror(EINVAL));
+        return -1;
+    }
+
     if (real.empty() || ::statvfs(real.c_str(), &status) != 0) {
         trouble(parent + " cannot be staged in: " + reason());
         return -1;

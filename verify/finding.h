@@ -39,6 +39,7 @@ struct FindingCode {
 struct HandlerKind {
     std::optional<std::string> queue;
     std::optional<std::string> type;
+    bool has_blob = false; /* its address is one: another row's may have the same bytes as a text */
 };
 
 /* What does not apply is empty. */

@@ -129,21 +129,22 @@ void StoreJudge::judge_reply(const PanelDomain &domain, const Target &target, co
 
     replies_.ask(address);
 
-    const bool has_reply = replies_.next();
+    bool has_reply = false;
 
+    /* A store without a unique key has each row again for each alias that was copied to. */
+    for (; replies_.next(); has_reply = true) {
+        replies_.keep();
+        if (mailbox.is_certain)
+            judge_columns(domain, target, mailbox, address);
+    }
     if (unreadable(replies_, responder_path_, &responders_))
         return;
-    if (!has_reply) {
+    if (!has_reply)
         report_.find({.code = target.is_alias ? &code_alias_reply_missing : &code_reply_missing,
                       .limit = limit,
                       .place = Place::responder,
                       .domain = domain.name,
                       .address = address});
-    } else {
-        replies_.keep();
-        if (mailbox.is_certain)
-            judge_columns(domain, target, mailbox, address);
-    }
     judge_attachments(domain, mailbox, address, limit);
 }
 
@@ -186,7 +187,7 @@ void StoreJudge::judge_attachments(const PanelDomain &domain, const WantedMailbo
         const auto wanted =
             std::find(mailbox.attachments.begin(), mailbox.attachments.end(), attachments_.text(0));
         const auto place = static_cast<std::size_t>(wanted - mailbox.attachments.begin());
-        const bool is_surplus = mailbox.is_certain && (place == seen.size() || seen[place]);
+        const bool is_surplus = mailbox.is_certain && place == seen.size();
 
         /* Without a limit it is left, and found with what else nobody asked for. */
         if (!is_surplus || limit != nullptr)
@@ -223,6 +224,7 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
 {
     const std::string address = mailbox.local + '@' + target.handler_domain;
     const FindingCode *const limit = first_of(mailbox.limits.handler, target.limits.handler);
+    std::vector<std::int64_t> rivals;
     bool has_handler = false;
 
     handler_rows_.ask(address);
@@ -231,7 +233,9 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
             handler_rows_.text(type_column) == handler_columns[type_column].wanted) {
             has_handler = true;
             handler_rows_.keep();
-            judge_handler_row(domain, address, limit);
+            if (target.is_alias && limit == nullptr && is_handler_wrong())
+                rivals = rivals_of(domain, mailbox.local);
+            judge_handler_row(domain, address, limit, rivals);
         }
     }
     if (unreadable(handler_rows_, handlers_path_, &handlers_))
@@ -244,23 +248,79 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
                       .address = address});
 }
 
+bool StoreJudge::is_handler_wrong() const
+{
+    for (int i = enabled_column; i < static_cast<int>(std::size(handler_columns)); i++) {
+        if (handler_rows_.text(i) != handler_columns[i].wanted)
+            return true;
+    }
+    return false;
+}
+
 void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string &address,
-                                   const FindingCode *limit)
+                                   const FindingCode *limit, const std::vector<std::int64_t> &rivals)
 {
     for (int i = enabled_column; i < static_cast<int>(std::size(handler_columns)); i++) {
         const HandlerColumn &column = handler_columns[i];
         const std::optional<std::string_view> found = handler_rows_.text(i);
 
-        if (found != column.wanted)
-            report_.find({.code = i == enabled_column ? &code_handler_disabled : &code_handler_differs,
-                          .limit = limit,
-                          .place = Place::handlers,
-                          .domain = domain.name,
-                          .address = address,
-                          .column = column.name,
-                          .expected = column.wanted,
-                          .found = shown(found)});
+        if (found == column.wanted)
+            continue;
+
+        Finding finding{.code = i == enabled_column ? &code_handler_disabled : &code_handler_differs,
+                        .limit = limit,
+                        .place = Place::handlers,
+                        .domain = domain.name,
+                        .address = address,
+                        .column = column.name,
+                        .expected = column.wanted,
+                        .found = shown(found)};
+
+        if (rivals.empty())
+            report_.find(std::move(finding));
+        else
+            postponed_.push_back({std::move(finding), rivals});
     }
+}
+
+/* The rows but those that are known to be wanted. */
+std::vector<std::int64_t> StoreJudge::rivals_of(const PanelDomain &domain, const std::string &local)
+{
+    std::vector<std::int64_t> rivals;
+
+    if (rivals_domain_ != &domain) {
+        SqliteQuery rows;
+
+        rivals_domain_ = &domain;
+        rivals_.clear();
+        if (rows.prepare(handlers_.get(), "SELECT rowid, address FROM handlers WHERE name = 'autoresponder' "
+                                          "AND address LIKE '%' || ?1 || '%'") != 0)
+            return {};
+        rows.ask(domain.name);
+        while (rows.next()) {
+            const std::string_view address = rows.text(1).value_or("");
+
+            rivals_.emplace(ascii_lower(address.substr(0, address.find('@'))), rows.number(0));
+        }
+    }
+    for (auto [row, end] = rivals_.equal_range(local); row != end; ++row) {
+        if (!handler_rows_.is_kept(row->second))
+            rivals.push_back(row->second);
+    }
+    return rivals;
+}
+
+void StoreJudge::report_postponed()
+{
+    for (Postponed &postponed : postponed_) {
+        const bool is_spoilt = std::any_of(postponed.rivals.begin(), postponed.rivals.end(),
+                                           [&](std::int64_t row) { return !handler_rows_.is_kept(row); });
+
+        if (is_spoilt)
+            postponed.finding.limit = &code_handler_stale;
+        report_.find(std::move(postponed.finding));
+    }
+    postponed_.clear();
 }
 
 void StoreJudge::judge_headers(std::span<const char *const> names, std::span<const char *const> values,
@@ -324,6 +384,8 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     const auto junk_or_end = [&](std::string_view address) {
         return first_of(limits.of_junk(address), end);
     };
+
+    report_postponed();
     if (responders_ != nullptr) {
         replies_.each_left([&](std::string_view address, const SqliteQuery &) {
             fill(address,
@@ -343,7 +405,7 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
     if (handlers_ != nullptr) {
         handler_rows_.each_left([&](std::string_view address, const SqliteQuery &row) {
             const HandlerKind handler = {std::optional<std::string>(row.text(2)),
-                                         std::optional<std::string>(row.text(3))};
+                                         std::optional<std::string>(row.text(3)), row.text(4) == "blob"};
             Finding finding{.code = &code_handler_stale,
                             .limit = limits.of_junk(address),
                             .place = Place::handlers,
@@ -361,7 +423,7 @@ void StoreJudge::judge_rest(const PanelLimits &limits, const DomainFinder &domai
                                   " \"DELETE FROM handlers WHERE name = 'autoresponder' AND queue IS " +
                                   sql_literal_of(row.text(2)) + " AND type IS " +
                                   sql_literal_of(row.text(3)) +
-                                  " AND address = " + sql_literal(address, row.text(4) == "blob") + '"';
+                                  " AND address = " + sql_literal(address, handler.has_blob) + '"';
             fill(address, std::move(finding));
         });
         unreadable(handler_rows_, handlers_path_, &handlers_);

@@ -4,11 +4,13 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "verify/panel_limits.h"
@@ -73,7 +75,11 @@ private:
     void judge_attachments(const PanelDomain &domain, const WantedMailbox &mailbox,
                            const std::string &address, const FindingCode *limit);
     void judge_handler(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
-    void judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit);
+    void judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit,
+                           const std::vector<std::int64_t> &rivals);
+    [[nodiscard]] bool is_handler_wrong() const;
+    [[nodiscard]] std::vector<std::int64_t> rivals_of(const PanelDomain &domain, const std::string &local);
+    void report_postponed();
     void judge_header(std::string_view name, std::string_view value, bool loses_texts,
                       const FindingCode *limit);
 
@@ -88,6 +94,17 @@ private:
     KeyedTable attachments_;
     KeyedTable headers_;
     KeyedTable handler_rows_;
+
+    /* Handlers that a rebuild copies to the same address at a domain's aliases, by the local part. */
+    const PanelDomain *rivals_domain_ = nullptr;
+    std::unordered_multimap<std::string, std::int64_t> rivals_;
+
+    /* What is wrong with an alias's handler is behind one of these if nobody asks for that. */
+    struct Postponed {
+        Finding finding;
+        std::vector<std::int64_t> rivals;
+    };
+    std::vector<Postponed> postponed_;
 };
 
 } // namespace kolmo

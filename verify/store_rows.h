@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -42,6 +43,7 @@ public:
 
     /* The row that next() found was expected. */
     void keep() { kept_.add(rows_.number(0)); }
+    [[nodiscard]] bool is_kept(std::int64_t row) const { return kept_.has(row); }
 
     /* Calls body with the key and the row (columns from 2) of each row that was not kept, in the order of
        the keys. */

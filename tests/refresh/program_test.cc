@@ -303,6 +303,17 @@ const Situation situations[] = {
      0,
      "4 replies changed; 1 handler removed\n",
      Live::fresh},
+    {"a stale handler whose address is a blob, with the bytes of a wanted one",
+     [](auto &) {
+         change_store(
+             handlers_store,
+             "INSERT INTO handlers SELECT queue, type, enabled, priority, name, CAST(address AS BLOB), "
+             "executable, context, protected FROM handlers WHERE address = 'info@a.test'");
+     },
+     {"--prune"},
+     0,
+     "handler-stale",
+     Live::fresh},
     {"stale handlers of no queue there is, which are pruned",
      [](auto &) {
          change_store(
@@ -355,6 +366,12 @@ const Situation situations[] = {
      0,
      "",
      Live::fresh},
+    {"a folder to stage in whose name the lock's file cannot keep",
+     [](auto &) { fs::create_directory("/run/sta\nge"); },
+     {"--stage", "/run/sta\nge"},
+     2,
+     "cannot be staged in: Invalid argument",
+     Live::untouched},
     {"not as a refresh would be asked", [](auto &) {}, {"--nonsense"}, 2, "Usage:", Live::untouched},
 };
 
@@ -548,10 +565,10 @@ TEST_F(ProgramTest, StoreThatIsReachedByALinkIsLookedAtWhereItIs)
         EXPECT_EQ(refresh({"-n"}).status, 2);
         expect_untouched(journal);
         expect_untouched(before);
-        write_file(real + "-mj012345678", "left", 0600);
+        write_file(real + "-mj012345978", "left", 0600);
         EXPECT_EQ(refresh().status, 0);
         EXPECT_FALSE(fs::exists(real + "-journal"));
-        EXPECT_EQ(fs::exists(real + "-mj012345678"), store != handlers_store);
+        EXPECT_EQ(fs::exists(real + "-mj012345978"), store != handlers_store);
         fs::remove(store);
         fs::copy_file(real, store);
         fs::remove(real);
@@ -598,7 +615,7 @@ TEST_F(ProgramTest, WhatAKilledWriterHasLeftIsNoAffairOfADryRun)
         {responder_store, "UPDATE autoresponder SET body = 'x'"},
         {handlers_store, "UPDATE handlers SET context = 'x'"},
     };
-    const std::string leftovers[] = {responder_store + "-refresh", handlers_store + "-mj012345678"};
+    const std::string leftovers[] = {responder_store + "-refresh", handlers_store + "-mj012345978"};
 
     for (const auto &[store, sql] : writers) {
         kill_writer(store, sql);

@@ -213,6 +213,23 @@ TEST_F(PublisherTest, UnwantedAutoresponderHandlersAreRemoved)
                      "0|autoresponder|null@x.test", "2|autoresponder|odd@x.test"}));
 }
 
+/* It may be wanted by now, and be the same row again. */
+TEST_F(PublisherTest, NothingIsPrunedWhenSomebodyHasWrittenHandlersMeanwhile)
+{
+    PublishOptions options;
+
+    options.prune = {{"2", "1", "gone@x.test"}};
+    (void)world.run(world.paths.live_handlers, sql_handler("gone@x.test"));
+
+    const Published published = world.publish({}, options, [&] {
+        (void)world.run(world.paths.live_handlers, "DELETE FROM handlers; " + sql_handler("gone@x.test"));
+    });
+
+    EXPECT_EQ(published.result, PublishResult::changed_meanwhile);
+    EXPECT_EQ(published.troubles, Lines{world.paths.live_handlers + " was changed meanwhile"});
+    EXPECT_EQ(world.run(world.paths.live_handlers, "SELECT address FROM handlers"), Lines{"gone@x.test"});
+}
+
 TEST_F(PublisherTest, AfterARebuildThatFailedNothingIsRemoved)
 {
     PublishOptions options;
