@@ -60,10 +60,8 @@ int DomainWalk::run()
     unsigned long mailboxes = 0;
 
     for (const PanelDomain &domain : names_.domains)
-        all_mailboxes_ += domain.selected ? domain.mailboxes : 0;
+        all_mailboxes_ += domain.mailboxes;
     for (std::uint32_t i = 0; i < names_.domains.size(); i++) {
-        if (!names_.domains[i].selected)
-            continue;
         batch.push_back(i);
         mailboxes += names_.domains[i].mailboxes;
         if (batch.size() < domains_of_a_batch && mailboxes < mailboxes_of_a_batch)
@@ -140,10 +138,12 @@ void DomainWalk::enter_domain(std::uint32_t place)
 
     place_ = place;
     domain_ = &names_.domains[place];
-    last_mailbox_ = 0;
+    last_mailbox_.reset();
     targets_.clear();
-    report_.summary().domains++;
-    report_.summary().aliases += domain_->aliases;
+    if (domain_->selected) {
+        report_.summary().domains++;
+        report_.summary().aliases += domain_->aliases;
+    }
 
     Target own{.reply_domain = ascii_lower(domain_->name), .handler_domain = handler_domain(domain_->name)};
 
@@ -330,8 +330,8 @@ void DomainWalk::judge_mailbox(const PanelRows &row)
     if (row.number(mailbox_id) == last_mailbox_)
         return; /* another of several default replies */
     last_mailbox_ = row.number(mailbox_id);
-    report_.summary().mailboxes++;
-    report_.progress(all_mailboxes_);
+    report_.summary().mailboxes += domain_->selected ? 1 : 0;
+    report_.progress(++judged_mailboxes_, all_mailboxes_);
 
     mailbox.local = ascii_lower(row.text(mail_name));
     mailbox.loses_texts = server_.loses_beyond_utf8mb3;

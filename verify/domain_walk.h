@@ -3,6 +3,7 @@
  */
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -24,7 +25,7 @@ public:
     {
     }
 
-    /* Judges each selected domain.  Returns 0, or -1: mysql_error says why. */
+    /* Judges each domain and counts those that are to be told of.  Returns 0, or -1: mysql_error says why. */
     [[nodiscard]] int run();
 
 private:
@@ -51,10 +52,11 @@ private:
     StoreJudge &judge_;
     const Report &report_;
     unsigned long all_mailboxes_ = 0;
+    unsigned long judged_mailboxes_ = 0;
     std::uint32_t place_ = 0; /* of the domain at hand */
     const PanelDomain *domain_ = nullptr;
     std::vector<Target> targets_; /* its own name, then its aliases */
-    unsigned long last_mailbox_ = 0;
+    std::optional<unsigned long> last_mailbox_;
     Texts forwards_; /* of the batch at hand */
     Texts attachments_;
 };

@@ -8,7 +8,7 @@ std::optional<int> parse_options(int argc, char **argv, ProgramOptions *options)
     const CommandLine line = {
         "mail_responders_verify",
         "Does the mail server answer as the panel says?",
-        {{"--domain", "NAME", "Look at this domain only, in either form; may be repeated",
+        {{"--domain", "NAME", "Tell of this domain only, in either form; may be repeated",
           &options->domains}},
         "How long a locked store is waited for",
         "Exit status: 0 all as the panel says, 1 findings, 2 trouble.\n"

@@ -30,7 +30,7 @@ struct PanelDomain {
     std::uint32_t mailboxes = 0; /* that answer */
     std::uint32_t first_alias = 0;
     std::uint32_t aliases = 0;
-    bool selected = true;                   /* is to be looked at */
+    bool selected = true;                   /* is to be told of; all are judged, as they meet in the stores */
     bool list_is_odd = false;               /* its list of mailboxes deserves a closer look */
     const FindingCode *ends_walk = nullptr; /* why a rebuild fails at it */
 };

@@ -7,6 +7,8 @@ void Report::find(Finding finding) const
 {
     const FindingCode *const behind = finding.limit != nullptr ? finding.limit : finding.code;
 
+    if (domains_ && !domains_->contains(finding.domain))
+        return;
     finding.remedy = behind->remedy;
     finding.help = behind->help;
     switch (finding.remedy) {
@@ -37,10 +39,10 @@ void Report::note(const std::string &text) const
         sink_.note(text);
 }
 
-void Report::progress(unsigned long all) const
+void Report::progress(unsigned long done, unsigned long all) const
 {
     if (sink_.progress)
-        sink_.progress(summary_->mailboxes, all);
+        sink_.progress(done, all);
 }
 
 } // namespace kolmo

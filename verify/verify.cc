@@ -5,6 +5,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
+#include <utility>
 
 #include "handlers_store/handlers_db.h"
 #include "panel/reply_headers.h"
@@ -39,6 +41,7 @@ NameIndex index_names(const PanelNames &names)
     return index;
 }
 
+/* Of several domains of that name one that is to be told of; null when there is none. */
 const PanelDomain *domain_of_name(const PanelNames &names, const NameIndex &index, std::string_view name)
 {
     const std::size_t hash = std::hash<std::string>{}(ascii_lower(name));
@@ -55,8 +58,8 @@ const PanelDomain *domain_of_name(const PanelNames &names, const NameIndex &inde
 class Verification
 {
 public:
-    Verification(MYSQL *panel, const VerifyOptions &options, const Report &report)
-        : panel_(panel), options_(options), report_(report), judge_(report)
+    Verification(MYSQL *panel, const VerifyOptions &options, Report *report)
+        : panel_(panel), options_(options), report_(*report), judge_(*report)
     {
     }
 
@@ -72,7 +75,7 @@ private:
 
     MYSQL *panel_;
     const VerifyOptions &options_;
-    const Report &report_;
+    Report &report_;
     StoreJudge judge_;
     PanelServer server_;
     PanelNames names_;
@@ -123,6 +126,14 @@ int Verification::select()
 
     for (const std::string &name : unknown)
         report_.trouble("the panel has no domain " + name + " with mail service");
+
+    std::set<std::string> told;
+
+    for (const PanelDomain &domain : names_.domains) {
+        if (domain.selected)
+            told.insert(domain.name);
+    }
+    report_.tell_only(std::move(told));
     return unknown.empty() ? 0 : -1;
 }
 
@@ -225,10 +236,10 @@ int verify_stores(MYSQL *panel, const VerifyOptions &options, const VerifySink &
 {
     *summary = {};
 
-    const Report report(sink, summary);
+    Report report(sink, summary);
 
     try {
-        Verification(panel, options, report).run();
+        Verification(panel, options, &report).run();
     } catch (const std::bad_alloc &) {
         report.trouble("there is no memory left");
     }

@@ -195,10 +195,15 @@ TEST_F(ChangeTest, TablesOfOtherKeysAreReadAsWell)
                               change + "UPDATE autoresponder SET mn = 'x@a.test' WHERE mn LIKE '%a.test'"),
                   (Lines{"reply-missing rebuild info@a.test", "reply-stale rebuild x@a.test"}));
     }
+    /* As each copy to an alias leaves them there. */
+    const std::string twice = plain + "INSERT INTO autoresponder SELECT * FROM autoresponder; "
+                                      "INSERT INTO attachments SELECT * FROM attachments; ";
+
+    EXPECT_EQ(found_after(responder_store, twice), Lines{});
     EXPECT_EQ(found_after(responder_store,
-                          plain + "INSERT INTO autoresponder SELECT * FROM autoresponder WHERE mn LIKE "
-                                  "'%a.test'; INSERT INTO attachments VALUES ('info@a.test', 'one.pdf')"),
-              (Lines{"attachment-stale rebuild info@a.test:  > one.pdf", "reply-stale rebuild info@a.test"}));
+                          twice + "UPDATE autoresponder SET body = 'x' WHERE rowid = (SELECT max(rowid) FROM "
+                                  "autoresponder WHERE mn = 'info@a.test')"),
+              Lines{"reply-differs rebuild info@a.test body: Back soon. > x"});
 }
 
 struct OwnerRow {
@@ -276,6 +281,32 @@ TEST_F(ChangeTest, WithDomainsGivenOnlyTheseAreLookedAt)
     change_store(responder_store, "INSERT INTO autoresponder (mn) VALUES ('stale@c.test')");
     options.domains = {"c.test"};
     EXPECT_EQ(look(options).findings, Lines{"reply-stale rebuild stale@c.test"});
+
+    /* Its own mailboxes are none of the other's, and none that nobody wants. */
+    panel->execute(sql_answering(3, 3, "bob"));
+    EXPECT_EQ(rebuild().status, 0);
+    options.domains = {"a.test"};
+    EXPECT_EQ(look(options).findings, Lines{});
+    EXPECT_EQ(look(options).summary.domains, 1u);
+    EXPECT_EQ(look(options).summary.mailboxes, 1u);
+}
+
+/* A rebuild copies what stands at every longer name of the domain to its aliases, wanted or not. */
+TEST_F(ChangeTest, AHandlerThatSpoilsAnAliasesIsBehindWhatIsWrongThere)
+{
+    change_store(handlers_store,
+                 "INSERT INTO handlers VALUES (2, 1, 0, 90, 'autoresponder', 'Info@sub.a.test', "
+                 "'/opt/qsx/handlers/hooks/autoresponder', 'responder', 0)");
+    EXPECT_EQ(rebuild().status, 0);
+
+    const Look seen = look();
+
+    EXPECT_EQ(seen.findings, (Lines{"handler-disabled manual info@b.test enabled: 1 > 0",
+                                    "handler-stale manual Info@sub.a.test"}));
+    ASSERT_EQ(seen.commands.size(), 1u);
+    run_shell(seen.commands[0]);
+    EXPECT_EQ(rebuild().status, 0);
+    EXPECT_EQ(look().status, 0);
 }
 
 TEST_F(ChangeTest, TheCommandOfAStaleHandlerDeletesExactlyIt)

@@ -244,6 +244,8 @@ const NoLimitRow no_limit_rows[] = {
     {"ListAsLongAsTheServersLimit", "SET GLOBAL group_concat_max_len = 64;" + sql_domain(1, "a.test") +
                                         sql_answering(1, 1, std::string(30, 'x')) +
                                         sql_answering(2, 1, std::string(33, 'y'))},
+    {"MailboxOfNumberZero", "SET SESSION sql_mode = 'NO_AUTO_VALUE_ON_ZERO';" + sql_domain(1, "a.test") +
+                                sql_answering(0, 1, "zero") + sql_answering(2, 1, "info")},
     {"SameFileAndSameAddressTwice",
      "ALTER TABLE resp_attach DROP PRIMARY KEY; ALTER TABLE resp_forward DROP PRIMARY KEY;" +
          info_with_alias +
