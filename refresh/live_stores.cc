@@ -172,8 +172,9 @@ int LiveStores::open_responder()
     const int attached = attach_as(responder_, "rw", "responder");
     const int rc = attached == SQLITE_OK ? first_read("responder") : attached;
 
-    if (is_unusable(rc)) {
-        flaw_ = "is no database, or is damaged";
+    if (is_unusable(rc) || rc == SQLITE_ERROR) {
+        /* The other error is of a format that this SQLite does not know: a bit of the header may be wrong. */
+        flaw_ = is_unusable(rc) ? "is no database, or is damaged" : "cannot be read: " + detail();
         (void)execute("DETACH responder");
     } else if (accept(responder_, "responder", rc, is_hot) != 0) {
         return -1;

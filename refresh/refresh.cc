@@ -368,6 +368,9 @@ RefreshEnd Refresh::run()
         end.counts = counts_;
         end.replaces_responder = replaces_responder_;
     }
+    if (is_published(end.result)) /* whatever the rows are, the mail server has to read them */
+        check_owners(responder_db_path, handlers_db_path,
+                     [this](const std::string &text) { output_->note(text); });
     return end;
 }
 

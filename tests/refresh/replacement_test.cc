@@ -89,6 +89,14 @@ const std::vector<FlawRow> flaw_rows = {
          world.empty_index(path, "sqlite_autoindex_autoresponder_1", "mn, row");
      },
      " is damaged (PRAGMA integrity_check): ", all_added},
+    {"of a format that nobody knows yet",
+     [](const PublisherWorld &, const std::string &path) {
+         std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+
+         file.seekp(47);
+         file << '\7';
+     },
+     " cannot be read: unsupported file format", all_added},
     {"without a table", sql("DROP TABLE attachments"), " has other tables than a rebuild makes", differing},
     {"with another column", sql("ALTER TABLE autoresponder ADD COLUMN more"),
      " has other tables than a rebuild makes", all_added},

@@ -24,6 +24,8 @@ PROGRAM, NOTE = "mail_responders_refresh: ", "note: "
 # The trouble of a comparison is not told word for word by its manual, but by its kinds.
 COMPARISON = (r"(\S+ cannot be copied: |\S+ is damaged \(PRAGMA integrity_check\): |"
               r"no private copy can be made(: | in the folder for temporary files \(TMPDIR\): no space$)|"
+              r"\S+ (cannot be read by the mail server's group|belongs to \d+:\d+, not to|has mode \d+, not) .*|"
+              r"there is no group popuser, by which the mail server reads the stores|"
               r"\S+ is there, but (is no file|cannot be read: )|\S+ is no (file|responder store|handlers store)|"
               r"the private cop(y|ies) .*cannot be read to|"
               r"the panel database (gives no snapshot|cannot be read): ).*")
