@@ -59,16 +59,18 @@ int __wrap_sqlite3_backup_step(sqlite3_backup *backup, int pages)
     return is_fake && steps++ % 2 != 0 ? SQLITE_BUSY : __real_sqlite3_backup_step(backup, pages);
 }
 
-std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
+} // extern "C"
 
-std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv()
+/* By the names that the linker looks for: C's functions return no class. */
+std::chrono::steady_clock::time_point real_now() __asm__("__real__ZNSt6chrono3_V212steady_clock3nowEv");
+std::chrono::steady_clock::time_point ticking_now() __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+
+std::chrono::steady_clock::time_point ticking_now()
 {
     if (!is_fake)
-        return __real__ZNSt6chrono3_V212steady_clock3nowEv();
+        return real_now();
     now += std::chrono::seconds(1);
     return std::chrono::steady_clock::time_point(now);
 }
-
-} // extern "C"
 
 } // namespace kolmo
