@@ -224,7 +224,6 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
 {
     const std::string address = mailbox.local + '@' + target.handler_domain;
     const FindingCode *const limit = first_of(mailbox.limits.handler, target.limits.handler);
-    std::vector<std::int64_t> rivals;
     bool has_handler = false;
 
     handler_rows_.ask(address);
@@ -233,9 +232,7 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
             handler_rows_.text(type_column) == handler_columns[type_column].wanted) {
             has_handler = true;
             handler_rows_.keep();
-            if (target.is_alias && limit == nullptr && is_handler_wrong())
-                rivals = rivals_of(domain, mailbox.local);
-            judge_handler_row(domain, address, limit, rivals);
+            judge_handler_row(domain, target, mailbox, limit);
         }
     }
     if (unreadable(handler_rows_, handlers_path_, &handlers_))
@@ -248,17 +245,8 @@ void StoreJudge::judge_handler(const PanelDomain &domain, const Target &target, 
                       .address = address});
 }
 
-bool StoreJudge::is_handler_wrong() const
-{
-    for (int i = enabled_column; i < static_cast<int>(std::size(handler_columns)); i++) {
-        if (handler_rows_.text(i) != handler_columns[i].wanted)
-            return true;
-    }
-    return false;
-}
-
-void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string &address,
-                                   const FindingCode *limit, const std::vector<std::int64_t> &rivals)
+void StoreJudge::judge_handler_row(const PanelDomain &domain, const Target &target,
+                                   const WantedMailbox &mailbox, const FindingCode *limit)
 {
     for (int i = enabled_column; i < static_cast<int>(std::size(handler_columns)); i++) {
         const HandlerColumn &column = handler_columns[i];
@@ -271,19 +259,19 @@ void StoreJudge::judge_handler_row(const PanelDomain &domain, const std::string 
                         .limit = limit,
                         .place = Place::handlers,
                         .domain = domain.name,
-                        .address = address,
+                        .address = mailbox.local + '@' + target.handler_domain,
                         .column = column.name,
                         .expected = column.wanted,
                         .found = shown(found)};
 
-        if (rivals.empty())
-            report_.find(std::move(finding));
+        if (target.is_alias && limit == nullptr)
+            postponed_.push_back({std::move(finding), rivals_of(domain, mailbox.local)});
         else
-            postponed_.push_back({std::move(finding), rivals});
+            report_.find(std::move(finding));
     }
 }
 
-/* The rows but those that are known to be wanted. */
+/* Those that are not as a rebuild makes them, without what is never copied. */
 std::vector<std::int64_t> StoreJudge::rivals_of(const PanelDomain &domain, const std::string &local)
 {
     std::vector<std::int64_t> rivals;
@@ -293,8 +281,12 @@ std::vector<std::int64_t> StoreJudge::rivals_of(const PanelDomain &domain, const
 
         rivals_domain_ = &domain;
         rivals_.clear();
-        if (rows.prepare(handlers_.get(), "SELECT rowid, address FROM handlers WHERE name = 'autoresponder' "
-                                          "AND address LIKE '%' || ?1 || '%'") != 0)
+        if (rows.prepare(
+                handlers_.get(),
+                "SELECT rowid, address FROM handlers WHERE name = 'autoresponder' AND queue = 2 AND "
+                "type = 1 AND (enabled IS NOT 1 OR priority IS NOT 90 OR context IS NOT 'responder' OR "
+                "executable IS NOT '/opt/qsx/handlers/hooks/autoresponder') AND address LIKE '%' || ?1 "
+                "|| '%'") != 0)
             return {};
         rows.ask(domain.name);
         while (rows.next()) {
@@ -303,10 +295,8 @@ std::vector<std::int64_t> StoreJudge::rivals_of(const PanelDomain &domain, const
             rivals_.emplace(ascii_lower(address.substr(0, address.find('@'))), rows.number(0));
         }
     }
-    for (auto [row, end] = rivals_.equal_range(local); row != end; ++row) {
-        if (!handler_rows_.is_kept(row->second))
-            rivals.push_back(row->second);
-    }
+    for (auto [row, end] = rivals_.equal_range(local); row != end; ++row)
+        rivals.push_back(row->second);
     return rivals;
 }
 

@@ -75,9 +75,8 @@ private:
     void judge_attachments(const PanelDomain &domain, const WantedMailbox &mailbox,
                            const std::string &address, const FindingCode *limit);
     void judge_handler(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox);
-    void judge_handler_row(const PanelDomain &domain, const std::string &address, const FindingCode *limit,
-                           const std::vector<std::int64_t> &rivals);
-    [[nodiscard]] bool is_handler_wrong() const;
+    void judge_handler_row(const PanelDomain &domain, const Target &target, const WantedMailbox &mailbox,
+                           const FindingCode *limit);
     [[nodiscard]] std::vector<std::int64_t> rivals_of(const PanelDomain &domain, const std::string &local);
     void report_postponed();
     void judge_header(std::string_view name, std::string_view value, bool loses_texts,

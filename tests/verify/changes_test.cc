@@ -307,6 +307,15 @@ TEST_F(ChangeTest, AHandlerThatSpoilsAnAliasesIsBehindWhatIsWrongThere)
     run_shell(seen.commands[0]);
     EXPECT_EQ(rebuild().status, 0);
     EXPECT_EQ(look().status, 0);
+
+    /* One of another queue is copied beside it, and one that is as it should be mends it. */
+    change_store(
+        handlers_store,
+        "INSERT INTO handlers VALUES (3, 1, 0, 90, 'autoresponder', 'info@sub.a.test', 'x', 'c', 0), "
+        "(2, 1, 1, 90, 'autoresponder', 'info@sub.a.test', "
+        "'/opt/qsx/handlers/hooks/autoresponder', 'responder', 0); "
+        "UPDATE handlers SET enabled = 0 WHERE address = 'info@b.test'");
+    EXPECT_TRUE(look().has("handler-disabled rebuild info@b.test"));
 }
 
 TEST_F(ChangeTest, TheCommandOfAStaleHandlerDeletesExactlyIt)
