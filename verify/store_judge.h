@@ -43,7 +43,7 @@ struct WantedMailbox {
     std::span<const std::string> attachments;
 };
 
-/* Says which domain of the panel a name belongs to; null for none that is to be looked at. */
+/* Says which domain of the panel a name belongs to; null for none that is to be told of. */
 using DomainFinder = std::function<const PanelDomain *(std::string_view name)>;
 
 class StoreJudge
