@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -29,13 +30,18 @@ void run_shell(const std::string &command)
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 
-/* The programs, and the keeper, which is the refresh's. */
+/* The programs, and the keeper, which is the refresh's; a process that ends meanwhile is none, as an
+   output stream, unlike an iterator, throws nothing when the kernel refuses the reading. */
 bool is_of_a_refresh(const fs::path &process)
 {
     std::error_code error;
     const std::string program = fs::read_symlink(process / "exe", error);
-    std::ifstream file(process / "cmdline");
-    const std::string line((std::istreambuf_iterator<char>(file)), {});
+    const std::ifstream file(process / "cmdline");
+    std::ostringstream arguments;
+
+    arguments << file.rdbuf();
+
+    const std::string line = arguments.str();
 
     return program == KOLMO_REFRESH_PROGRAM || program == KOLMO_PROGRAM ||
            line.find(utility_path) != std::string::npos || line.find(script_path) != std::string::npos;
@@ -46,18 +52,27 @@ bool is_number(const std::string &text)
     return text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-Lines folders_left()
+std::vector<fs::path> staging_folders()
 {
-    Lines left;
+    std::vector<fs::path> folders;
 
     for (const char *parent : {"/run", "/run/stage"}) {
         if (!fs::exists(parent))
             continue;
         for (const fs::directory_entry &entry : fs::directory_iterator(parent)) {
             if (entry.path().filename().string().starts_with(staging_prefix))
-                left.push_back("folder " + entry.path().string());
+                folders.push_back(entry.path());
         }
     }
+    return folders;
+}
+
+Lines files_left()
+{
+    Lines left;
+
+    for (const fs::path &folder : staging_folders())
+        left.push_back("folder " + folder.string());
     for (const std::string &store : {responder_store, handlers_store}) {
         std::error_code is_gone;
 
@@ -125,7 +140,7 @@ void wait_for_file(const std::string &path)
 
 Lines what_is_left()
 {
-    Lines left = folders_left();
+    Lines left = files_left();
     std::ifstream mounts("/proc/self/mounts");
     std::string line;
 
@@ -151,6 +166,9 @@ void RefreshTest::SetUp()
     panel->add_alias(1, "alias.test");
     rebuild();
     panel->execute("UPDATE mail_resp SET subject = 'New'");
+    /* What a failed test has left is that one's alone. */
+    for (const fs::path &folder : staging_folders())
+        fs::remove_all(folder);
     fs::remove_all("/run/stage");
     for (const char *name : {"/run/reached", "/run/once", run_lock_path})
         fs::remove(name);
