@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,7 +19,9 @@
 #include "refresh/lock.h"
 #include "tests/refresh/held_transaction.h"
 #include "tests/refresh/refresh_world.h"
+#include "tests/support/program_run.h"
 #include "tests/support/program_text.h"
+#include "tests/support/wait_until.h"
 
 namespace kolmo
 {
@@ -66,9 +69,16 @@ protected:
     /* Hangs it, sends the signal, and returns how the program ended; the live stores are untouched. */
     int end_at(const Step &step, int signal_number);
 
+    /* Until somebody has called at the silent socket. */
+    void wait_for_caller()
+    {
+        pollfd caller = {silent_.get(), POLLIN, 0};
+
+        EXPECT_EQ(::poll(&caller, 1, 30000), 1) << "nobody asks";
+    }
+
     Fd silent_;
     Fd run_lock_;
-    std::unique_ptr<StoreLock> store_lock_;
     std::optional<HeldTransaction> reader_;
 };
 
@@ -82,17 +92,15 @@ const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
              EXPECT_EQ(::flock(test.run_lock_.get(), LOCK_EX), 0);
          },
          {},
-         ""},
+         run_lock_path},
         {"asking a panel that does not answer",
          [](InterruptionTest &) { write_file(conf_path, "MYSQL_SOCKET " + silent_socket + "\n", 0644); },
          {},
-         ""},
+         silent_socket},
         {"waiting for a live store",
-         [](InterruptionTest &test) {
-             test.store_lock_ = std::make_unique<StoreLock>(StoreLock::Kind::exclusive);
-         },
+         [](InterruptionTest &test) { test.reader_.emplace(handlers_store, "BEGIN EXCLUSIVE"); },
          {},
-         ""},
+         handlers_store},
         {"in the panel's utility",
          [](InterruptionTest &) {
              write_utility(": >" + reached + "; sleep 1000");
@@ -108,8 +116,9 @@ const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
          [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; : >" + reached + "; sleep 1000"); },
          {"--rebuild", script_path, "--progress"}},
         {"in the look",
-         [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; " + silence + "; : >" + reached); },
-         {"--rebuild", script_path}},
+         [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; " + silence); },
+         {"--rebuild", script_path},
+         silent_socket},
         {"publishing, with a new file beside the old one, and a reader of the handlers",
          [](InterruptionTest &test) {
              fs::remove(responder_store);
@@ -130,14 +139,17 @@ int InterruptionTest::end_at(const Step &step, int signal_number)
     const FileState handlers(handlers_store);
     const std::unique_ptr<Program> program = start(step.arguments);
 
-    if (!step.file.empty())
+    if (step.file == silent_socket)
+        wait_for_caller();
+    else if (step.file == run_lock_path || step.file == handlers_store)
+        wait_until([&] { return has_open(program->pid(), KOLMO_REFRESH_PROGRAM, step.file); }, step.file);
+    else
         wait_for_file(step.file);
     EXPECT_TRUE(program->is_running());
     EXPECT_EQ(::kill(program->pid(), signal_number), 0);
 
     const int status = program->finish().status;
 
-    store_lock_.reset();
     reader_.reset();
     run_lock_.reset();
     expect_untouched(responders);
@@ -163,18 +175,13 @@ TEST_F(InterruptionTest, CaughtAtEachStepItEndsByTheSignalAndLeavesNothing)
 /* Not by the one before it, though it hangs before it has made anything. */
 TEST_F(InterruptionTest, RefreshAtWorkIsKnownByItsOwnProcess)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-
-    write_file(run_lock_path, "4711\n\n", 0600);
+    write_file(run_lock_path, "4194304\n\n", 0600); /* which no process has */
     write_file(conf_path, "MYSQL_SOCKET " + silent_socket + "\n", 0644);
 
     const std::unique_ptr<Program> first = start();
     const std::string process = std::to_string(first->pid());
 
-    while (!read_file(run_lock_path).starts_with(process)) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    wait_until([&] { return read_file(run_lock_path).starts_with(process + "\n"); }, "the lock");
 
     const ProgramResult second = refresh({"--wait", "0"});
 
@@ -189,19 +196,14 @@ TEST_F(InterruptionTest, RefreshAtWorkIsKnownByItsOwnProcess)
 /* The kernel ends what the killed one had started, though not before its parent knows of the end. */
 void wait_for_the_processes_to_end()
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    const auto has_process = [] {
-        for (const std::string &line : what_is_left()) {
-            if (line.starts_with("process"))
-                return true;
-        }
-        return false;
-    };
+    wait_until(
+        [] {
+            const Lines left = what_is_left();
 
-    while (has_process()) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+            return std::none_of(left.begin(), left.end(),
+                                [](const std::string &line) { return line.starts_with("process"); });
+        },
+        "the end of all processes");
 }
 
 TEST_F(InterruptionTest, KilledAtEachStepItLeavesAFolderAtMostWhichTheNextOneRemoves)

@@ -19,6 +19,7 @@
 #include "tests/support/killed_writer.h"
 #include "tests/support/program_text.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/wait_until.h"
 
 namespace kolmo
 {
@@ -670,8 +671,13 @@ TEST_F(ProgramTest, SecondRefreshWaitsForTheFirst)
 
     const std::unique_ptr<Program> program = start_traced({"-o", trace, "-e", "trace=flock"});
 
-    while (program->is_running() && read_file(trace).find("EAGAIN") == read_file(trace).rfind("EAGAIN"))
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    wait_until(
+        [&] {
+            const std::string calls = read_file(trace);
+
+            return calls.find("EAGAIN") != calls.rfind("EAGAIN");
+        },
+        "the second try");
     EXPECT_TRUE(program->is_running());
     ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
     EXPECT_EQ(program->finish().status, 0);

@@ -53,7 +53,7 @@ public:
     void empty_index(const std::string &path, const std::string &index, const std::string &columns) const;
 
     /* A publisher that tells what it hears to `published`. */
-    [[nodiscard]] std::unique_ptr<Publisher> publisher(Published *published, int wait_seconds = 5) const;
+    [[nodiscard]] std::unique_ptr<Publisher> publisher(Published *published, int wait_seconds = 60) const;
 
     /* All steps.  `rebuild` is what happens to the staged stores, `meanwhile` what comes before publish; a
        step that fails ends it with PublishResult::failed. */

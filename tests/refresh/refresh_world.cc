@@ -1,12 +1,10 @@
 #include "tests/refresh/refresh_world.h"
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -16,6 +14,7 @@
 #include "refresh/folder.h"
 #include "refresh/lock.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/wait_until.h"
 
 namespace kolmo::testing
 {
@@ -130,12 +129,7 @@ Service::~Service()
 
 void wait_for_file(const std::string &path)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-
-    while (!fs::exists(path)) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << path << " is not reached";
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    wait_until([&] { return fs::exists(path); }, path);
 }
 
 Lines what_is_left()

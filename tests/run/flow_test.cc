@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "tests/support/environment.h"
+#include "tests/support/wait_until.h"
 
 namespace kolmo::testing
 {
@@ -25,13 +26,26 @@ protected:
         panel->set_reply_headers("{\"X-Never\": \"written\"}");
     }
 
+    /* A client does not wait until the server has logged that it takes its leave. */
+    void wait_for_others_to_leave()
+    {
+        wait_until(
+            [this] {
+                return panel->value("SELECT count(*) FROM information_schema.processlist "
+                                    "WHERE user = 'admin' AND id <> CONNECTION_ID()") == "0";
+            },
+            "their end");
+    }
+
     /* What a run that ends so says to the server, by the server's own log. */
     std::vector<std::string> asked_in(int status, const std::vector<Said> &messages = {})
     {
         std::vector<std::string> asked;
 
+        wait_for_others_to_leave();
         panel->execute("TRUNCATE mysql.general_log; SET GLOBAL log_output = 'TABLE', general_log = ON");
         expect_run(status, messages);
+        wait_for_others_to_leave();
         panel->execute("SET GLOBAL general_log = OFF");
         std::istringstream log(
             panel->value("SELECT GROUP_CONCAT(command_type, ' ', REPLACE(argument, CHAR(0), "

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include <fcntl.h>
@@ -94,6 +95,8 @@ void Program::run_child(const std::string &path, const ProgramOptions &options, 
         (void)::signal(SIGXFSZ, SIG_IGN);
         (void)::setrlimit(RLIMIT_FSIZE, &limit);
     }
+    for (const int signal_number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) /* nohup(1) may be above */
+        (void)::signal(signal_number, SIG_DFL);
     for (const int signal_number : options.ignored)
         (void)::signal(signal_number, SIG_IGN);
     for (const int fd : options.closed)
@@ -159,6 +162,20 @@ ProgramResult Program::finish()
     result_.duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
     pid_ = -1;
     return result_;
+}
+
+bool has_open(pid_t process, const std::string &program, const std::string &path)
+{
+    const std::filesystem::path folder = "/proc/" + std::to_string(process);
+    std::error_code error;
+
+    if (std::filesystem::read_symlink(folder / "exe", error) != program)
+        return false;
+    for (const auto &file : std::filesystem::directory_iterator(folder / "fd", error)) {
+        if (std::filesystem::read_symlink(file, error).string().starts_with(path))
+            return true;
+    }
+    return false;
 }
 
 } // namespace kolmo::testing

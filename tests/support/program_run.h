@@ -67,4 +67,7 @@ private:
     ProgramResult result_;
 };
 
+/* Whether the process has become the program of this path, and has a file open whose name begins so. */
+[[nodiscard]] bool has_open(pid_t process, const std::string &program, const std::string &path);
+
 } // namespace kolmo::testing

@@ -23,6 +23,7 @@
 #include "tests/support/program_text.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 #include "tests/verify/verify_world.h"
 
 namespace kolmo
@@ -445,21 +446,6 @@ public:
 
     [[nodiscard]] pid_t pid() const { return pid_; }
 
-    /* Whether the program, not what was forked to become it, has a file open whose name begins so. */
-    [[nodiscard]] bool has_open(const std::string &path) const
-    {
-        const std::string process = "/proc/" + std::to_string(pid_);
-        std::error_code error;
-
-        if (std::filesystem::read_symlink(process + "/exe", error) != KOLMO_VERIFY_PROGRAM)
-            return false;
-        for (const auto &file : std::filesystem::directory_iterator(process + "/fd", error)) {
-            if (std::filesystem::read_symlink(file, error).string().starts_with(path))
-                return true;
-        }
-        return false;
-    }
-
     /* What it writes until these words come, its end, or silence for half a minute. */
     std::string read_until(const std::string &words)
     {
@@ -502,13 +488,9 @@ protected:
     {
         StoreLock lock(StoreLock::Kind::exclusive);
         auto terminal = std::make_unique<Terminal>(arguments);
-        bool has_begun = false;
 
-        for (int tries = 0; tries < 6000 && !has_begun; tries++) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            has_begun = terminal->has_open(responder_store);
-        }
-        EXPECT_TRUE(has_begun);
+        wait_until([&] { return has_open(terminal->pid(), KOLMO_VERIFY_PROGRAM, responder_store); },
+                   responder_store);
         std::this_thread::sleep_for(std::chrono::milliseconds(110));
         return terminal;
     }
@@ -551,7 +533,7 @@ TEST_F(ProgressTest, InterruptedItEndsByTheSignalAndLeavesNothing)
     const std::unique_ptr<Terminal> terminal = start({});
 
     EXPECT_TRUE(terminal->read_until(progress_line).ends_with(progress_line));
-    EXPECT_TRUE(terminal->has_open(folder));
+    EXPECT_TRUE(has_open(terminal->pid(), KOLMO_VERIFY_PROGRAM, folder));
     EXPECT_EQ(::kill(terminal->pid(), SIGINT), 0);
     EXPECT_EQ(terminal->finish(&status), wiped_line);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
