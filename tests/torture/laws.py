@@ -125,6 +125,9 @@ def run_again(worker, state):
     if state in KNOWN_GOOD:
         return
     outcome = worker.run()
+    if outcome.hang:
+        yield "L5", f"{HANG}, the next run"
+        return
     rows = {}
     for store in world.TABLES:
         path = os.path.join(worker.stores, RELATIVE[store])

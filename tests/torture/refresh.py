@@ -319,7 +319,9 @@ def writers(worker, number):
              *laws.nothing_lost(worker, outcome, added)]
     again = worker.run()
     found += [("L5", f"the next refresh: {what}") for _, what in laws.nothing_lost(worker, again, added)]
-    if again.status != 0:
+    if again.hang:
+        found.append(("L5", "the next refresh: it hangs"))
+    elif again.status != 0:
         found.append(("L5", f"the next refresh ends with {again.status}: {again.stderr}"))
     worker.sql(f"USE {worker.database}; DELETE FROM mail WHERE id >= 900; DELETE FROM mail_resp WHERE id >= 900")
     return outcome, True, found

@@ -78,7 +78,7 @@ def make_run(name):
             found = [(law, seen + failing(outcome)) for law, seen in laws.after_run(worker, outcome, state["files"])]
             said = f"{outcome}"
         found = [tuple(entry) for entry in found]
-        late = any(law == "L6" and seen.startswith(laws.LATE) for law, seen in found)
+        late = any(seen.startswith(laws.LATE) for _, seen in found)
         if disturbed and (not late or worker.deadline == DEADLINES[-1]):
             break
     worker.deadline = DEADLINES[-1]
