@@ -29,21 +29,16 @@ std::uint64_t file_size(const std::string &path)
     return ::stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-/* The number behind a word that begins a line, or alone in the file for an empty word. */
+/* The number behind a word, which occurs once, or alone in the file for an empty word. */
 std::optional<std::uint64_t> number_in(const std::string &path, const std::string &word)
 {
     std::ifstream file(path);
-    std::string line;
+    std::string read;
     std::uint64_t number = 0;
 
-    if (word.empty())
-        return file >> number ? std::optional(number) : std::nullopt;
-    while (file >> line) {
-        if (line == word)
-            return file >> number ? std::optional(number) : std::nullopt;
-        std::getline(file, line);
-    }
-    return std::nullopt;
+    while (read != word && file >> read)
+        ;
+    return file >> number ? std::optional(number) : std::nullopt;
 }
 
 /* The group's path in the one hierarchy of version 2, "0::/PATH"; empty when there is none. */

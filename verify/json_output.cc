@@ -73,7 +73,6 @@ void JsonOutput::end(const VerifySummary &summary, double seconds)
                            {"panel", summary.panel},
                            {"manual", summary.manual},
                            {"seconds", seconds}}}});
-    (void)std::fflush(stdout);
 }
 
 } // namespace

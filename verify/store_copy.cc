@@ -34,7 +34,7 @@ bool is_database(const char (&header)[100])
 
 bool is_in_wal_mode(const char (&header)[100])
 {
-    return header[18] == 2 || header[19] == 2;
+    return header[19] == 2;
 }
 
 bool is_busy(int rc)

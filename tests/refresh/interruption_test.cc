@@ -193,6 +193,13 @@ TEST_F(InterruptionTest, RefreshAtWorkIsKnownByItsOwnProcess)
     EXPECT_EQ(first->finish().status, 1000 + SIGTERM);
 }
 
+/* With its folder the note of it goes: the next refresh has nothing to look for. */
+TEST_F(InterruptionTest, RefreshThatEndedHasNoteOfNoFolder)
+{
+    EXPECT_EQ(refresh().status, 0);
+    EXPECT_TRUE(read_file(run_lock_path).ends_with("\n\n")) << read_file(run_lock_path);
+}
+
 /* The kernel ends what the killed one had started, though not before its parent knows of the end. */
 void wait_for_the_processes_to_end()
 {

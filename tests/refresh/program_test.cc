@@ -386,8 +386,8 @@ class ProgramTest : public RefreshTest
 {
 protected:
     /* What the prepared situation comes to. */
-    void expect_outcome(const std::vector<std::string> &arguments, int status, const std::string &words,
-                        Live live)
+    ProgramResult expect_outcome(const std::vector<std::string> &arguments, int status,
+                                 const std::string &words, Live live)
     {
         const FileState responders(responder_store);
         const FileState handlers(handlers_store);
@@ -403,6 +403,7 @@ protected:
         EXPECT_EQ(what_is_left(), Lines{});
         if (live == Live::fresh)
             expect_fresh();
+        return result;
     }
 };
 
@@ -489,12 +490,14 @@ struct FailingCall {
     const char *words;
 };
 
-/* The refresh makes one mount with a folder to stage in; the third is the keeper's own. */
+/* The refresh makes one mount with a folder to stage in; the third is the keeper's own.  First it notes its
+   own process, then the folder. */
 const FailingCall failing_calls[] = {
     {"clone3", "error=EAGAIN:when=1",
      "no process namespace for the rebuild can be had: Resource temporarily"},
     {"prctl", "error=EPERM:when=1",
      "the rebuild's keeper cannot be bound to this process's end: Operation not permitted"},
+    {"pwrite64", "error=ENOSPC:when=2", "cannot be made: No space left on device"},
     {"openat", "error=EMFILE:when=1", "the staging folders cannot be opened: Too many open files"},
     {"mount", "error=EPERM:when=2",
      "the staging cannot be laid over the live stores: Operation not permitted"},
@@ -687,7 +690,10 @@ TEST_F(ProgramTest, SecondRefreshWaitsForTheFirst)
 TEST_F(ProgramTest, LockFileThatIsNotOursIsTrouble)
 {
     fs::create_symlink("/run/elsewhere", run_lock_path);
-    expect_outcome({}, 2, "mail_responders_refresh.lock cannot be opened", Live::untouched);
+    EXPECT_EQ(
+        unwrapped(expect_outcome({}, 2, "", Live::untouched).err),
+        "mail_responders_refresh: /run/mail_responders_refresh.lock cannot be opened: Too many levels of "
+        "symbolic links\n");
     EXPECT_FALSE(fs::exists("/run/elsewhere"));
     fs::remove(run_lock_path);
     ASSERT_EQ(::mkfifo(run_lock_path, 0600), 0);
@@ -741,7 +747,11 @@ TEST_F(ProgramTest, StoreThatSomebodyChangedMeanwhileIsTriedOnceMore)
                           " \"UPDATE autoresponder SET body = 'x'\"; touch /run/once");
 
     write_utility(stand_in + "; " + Service::ask);
-    expect_outcome({}, 0, "responder.db was changed meanwhile: once more", Live::fresh);
+
+    const ProgramResult result =
+        expect_outcome({}, 0, "responder.db was changed meanwhile: once more", Live::fresh);
+
+    EXPECT_EQ(result.out, "4 replies changed\n"); /* by the second try, not by both */
 }
 
 TEST_F(ProgramTest, StoreThatSomebodyChangesAllTheTimeIsNotOverwritten)
@@ -922,14 +932,18 @@ TEST_F(ProgramTest, NoSignalIsHeldBackFromTheRebuild)
 }
 
 /* The rebuild does not end before it was shown how far it is. */
-TEST_F(ProgramTest, ProgressOfTheRebuildIsShown)
+TEST_F(ProgramTest, ProgressOfTheRebuildIsShownUntilItsEnd)
 {
     ProgramOptions options;
 
-    (void)rebuild_script("\"$rebuild\"; until grep -q 'rebuild: ' /run/shown; do sleep 0.01; done");
+    (void)rebuild_script("\"$rebuild\"; until grep -q 'rebuild: ' /run/shown; do sleep 0.01; done; exit 3");
     options.argv = {"sh", "-c",
                     "exec " KOLMO_REFRESH_PROGRAM " --progress --rebuild " + script_path + " 2>/run/shown"};
-    EXPECT_EQ(Program("/bin/sh", options).finish().status, 0);
+    EXPECT_EQ(Program("/bin/sh", options).finish().status, 1);
+
+    const std::string shown = read_file("/run/shown");
+
+    EXPECT_EQ(shown.rfind("\r\x1b[Kmail_responders_refresh: "), shown.rfind('\r')) << shown;
     fs::remove("/run/shown");
 }
 

@@ -1,4 +1,5 @@
 /* One thing is changed in a store that is right: exactly that is found. */
+#include <cstdio>
 #include <filesystem>
 #include <new>
 #include <string>
@@ -233,13 +234,16 @@ TEST_F(ChangeTest, OwnerAndModeAreTrouble)
         EXPECT_EQ(::chmod(row.store.c_str(), row.mode), 0);
 
         const Look seen = look();
+        char mode[16];
 
+        (void)std::snprintf(mode, sizeof mode, "mode %04o", row.mode);
         EXPECT_EQ(seen.troubles.size(), static_cast<std::size_t>(row.troubles))
             << row.store << ' ' << row.popuser << ' ' << row.mode << ::testing::PrintToString(seen.troubles);
         EXPECT_EQ(seen.status, row.troubles > 0 ? 2 : 0);
         EXPECT_EQ(seen.findings, Lines{});
         for (const std::string &trouble : seen.troubles) {
             EXPECT_NE(trouble.find(row.store), std::string::npos) << trouble;
+            EXPECT_EQ(trouble.find("mode "), trouble.find(mode)) << trouble;
             run_shell(trouble.substr(trouble.rfind(": ") + 2));
         }
         EXPECT_EQ(look().status, 0);
@@ -336,6 +340,19 @@ TEST_F(ChangeTest, TheCommandOfAStaleHandlerDeletesExactlyIt)
         run_shell(seen.commands[0]);
         EXPECT_EQ(handler_rows(), before) << seen.commands[0];
     }
+}
+
+/* They are asked for by 256. */
+TEST_F(ChangeTest, EachOfManyDomainsIsJudgedOnce)
+{
+    panel->execute(sql_many_domains(258));
+
+    const Look seen = look();
+
+    EXPECT_EQ(seen.summary.domains, 259U);
+    EXPECT_EQ(seen.summary.mailboxes, 259U);
+    EXPECT_EQ(seen.codes(), (Lines{"handler-missing", "reply-missing"}));
+    EXPECT_EQ(seen.findings.size(), 2 * 258U);
 }
 
 /* Steps of SQLite left until one fails. */

@@ -257,6 +257,27 @@ const NoLimitRow no_limit_rows[] = {
     {"HeadersBehindAByteOrderMark", info + sql_headers("\xef\xbb\xbf {\"X-A\": \"1\"}")},
 };
 
+/* Their replies have one name, their handlers have two. */
+TEST_F(LimitServerTest, InternationalisedAliasAndDomainOfItsAsciiFormAreTheSameAddress)
+{
+    panel->execute(info +
+                   sql_alias(1, "b\xc3\xbc"
+                                "cher.test") +
+                   sql_domain(2, "xn--bcher-kva.test") + sql_answering(2, 2, "info"));
+    EXPECT_EQ(rebuild().status, 0);
+    EXPECT_TRUE(look().has("address-twice"));
+}
+
+TEST_F(LimitServerTest, EachOfSeveralForwardsIsRight)
+{
+    panel->execute(info + "INSERT INTO resp_forward VALUES (1001, 'a@x.test'), (1001, 'b@x.test');");
+    EXPECT_EQ(rebuild().status, 0);
+    for (const char *forward : {"a@x.test", "b@x.test"}) {
+        change_store(responder_store, std::string("UPDATE autoresponder SET forward_to = '") + forward + "'");
+        EXPECT_EQ(look().codes(), Lines{"several-forwards"}) << forward;
+    }
+}
+
 class NoLimitTest : public LimitServerTest, public ::testing::WithParamInterface<NoLimitRow>
 {
 };

@@ -132,6 +132,7 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput)
 
         EXPECT_EQ(result.status, 0);
         EXPECT_NE(result.out.find("--domain NAME"), std::string::npos) << result.out;
+        EXPECT_NE(result.out.find("\nExit status: 0 "), std::string::npos) << result.out;
         EXPECT_EQ(result.err, "");
     }
     EXPECT_EQ(run({"-V"}).out, "mail_responders_verify " KOLMO_VERSION "\n");

@@ -15,7 +15,7 @@ namespace kolmo
 namespace
 {
 
-TEST(TextOutput, NoHeadingAndNoCodesHelpIsWiderThanAHundredColumns)
+TEST(TextOutput, NothingIsWiderThanAHundredColumns)
 {
     const testing::Output printed = testing::output_of([] {
         const std::unique_ptr<Output> output = make_text_output("verify", false, false);
@@ -30,7 +30,12 @@ TEST(TextOutput, NoHeadingAndNoCodesHelpIsWiderThanAHundredColumns)
 
         for (const FindingCode *const code : finding_codes())
             report.find({.code = code, .domain = "a.test", .address = "info@a.test"});
-        report.find({.code = finding_codes()[0], .domain = std::string(187, 'x')});
+        report.find({.code = finding_codes()[0],
+                     .domain = std::string(187, 'x'),
+                     .address = std::string(187, 'y'),
+                     .column = "body",
+                     .expected = std::string(187, 'e'),
+                     .found = std::string(187, 'f')});
         output->end(summary, 0);
     });
     std::istringstream lines(printed.out);

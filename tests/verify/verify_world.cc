@@ -113,6 +113,16 @@ std::string sql_headers(const std::string &json)
            ", 1, 'mailServer');";
 }
 
+std::string sql_many_domains(int count)
+{
+    return "INSERT INTO domains SELECT 1000 + seq, CONCAT('d', seq, '.test') FROM seq_1_to_" +
+           std::to_string(count) +
+           "; INSERT INTO DomainServices SELECT id, 'mail' FROM domains WHERE id > 1000"
+           "; INSERT INTO mail SELECT id, id, 'info', 'true' FROM domains WHERE id > 1000"
+           "; INSERT INTO mail_resp (mn_id, resp_name, subject) SELECT id, 'default', 'Away' FROM mail "
+           "WHERE id > 1000;";
+}
+
 int number_from_environment(const char *name, int fallback)
 {
     const char *const text = std::getenv(name);

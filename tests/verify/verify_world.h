@@ -59,6 +59,7 @@ std::string sql_reply(int mailbox,
                       const std::string &subject = "Away"); /* its id is the mailbox's plus 1000 */
 std::string sql_answering(int id, int domain, const std::string &name); /* both */
 std::string sql_headers(const std::string &json);
+std::string sql_many_domains(int count); /* with a mailbox each that answers; ids above 1000 */
 
 /* Of an environment variable. */
 int number_from_environment(const char *name, int fallback);
