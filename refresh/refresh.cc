@@ -62,6 +62,7 @@ private:
     [[nodiscard]] std::optional<Result> compare(Publisher *publisher);
     [[nodiscard]] std::optional<Result> publish(Publisher *publisher, bool is_last);
 
+    void wait_for(RebuildChild *child);
     [[nodiscard]] int run_child(int *status);
     [[nodiscard]] int look_at_stores();
     void take_finding(Finding finding);
@@ -127,12 +128,21 @@ int Refresh::estimate()
     return 0;
 }
 
-int Refresh::run_child(int *status)
+void Refresh::wait_for(RebuildChild *child)
 {
     constexpr int poll_milliseconds = 500;
     Progress progress(wants_progress(options_), "rebuild: ");
     const bool is_watched = wants_progress(options_) && estimate_.replies > 0;
     const std::string store = staging_.paths().staged_responder;
+
+    while (!child->wait(is_watched ? poll_milliseconds : -1)) {
+        if (is_watched)
+            progress.show(std::min(count_replies_unlocked(store), estimate_.replies), estimate_.replies);
+    }
+}
+
+int Refresh::run_child(int *status)
+{
     RebuildChild child;
 
     if (child.start({.program = program_,
@@ -141,11 +151,7 @@ int Refresh::run_child(int *status)
                      .output_to_stderr = options_.json},
                     trouble_) != 0)
         return -1;
-    while (!child.wait(is_watched ? poll_milliseconds : -1)) {
-        if (is_watched)
-            progress.show(std::min(count_replies_unlocked(store), estimate_.replies), estimate_.replies);
-    }
-    progress.clear();
+    wait_for(&child);
     return child.end(status, trouble_);
 }
 
@@ -336,7 +342,6 @@ std::optional<Result> Refresh::attempt(bool is_last)
     rebuild_failed_ = false;
     look_.reset();
     rows_.clear();
-    counts_ = {};
     if (const auto result = stage(&publisher))
         return result;
     if (const auto result = rebuild(&publisher))
