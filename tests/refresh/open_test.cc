@@ -172,11 +172,13 @@ TEST(PublisherOpen, ListOfJournalsIsRemovedWhenNoneOfThemIsThere)
     const std::string kept = world.paths.live_handlers + "-mj0123AB901";
     const std::string stale = world.paths.live_handlers + "-mj0123AB902";
     const std::string journal = world.folder.path("other.db-journal");
+    const std::string empty = world.folder.path("empty.db-journal");
     Published published;
 
     std::ofstream(journal) << "x";
+    std::ofstream(empty) << "";
     std::ofstream(kept) << world.paths.live_responder + "-journal" << '\0' << journal << '\0';
-    std::ofstream(stale) << world.paths.live_responder + "-journal" << '\0';
+    std::ofstream(stale) << world.paths.live_responder + "-journal" << '\0' << empty << '\0';
     EXPECT_EQ(world.publisher(&published)->open_live(), 0);
     EXPECT_EQ(world.files(), (Lines{"handlers.db", "handlers.db-mj0123AB901", "responder.db"}));
 }

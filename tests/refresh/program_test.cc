@@ -1,5 +1,6 @@
 /* Whole refreshes: what is published, what is not, why, and what stays as it was. */
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -944,6 +945,17 @@ TEST_F(ProgramTest, ProgressOfTheRebuildIsShownUntilItsEnd)
     const std::string shown = read_file("/run/shown");
 
     EXPECT_EQ(shown.rfind("\r\x1b[Kmail_responders_refresh: "), shown.rfind('\r')) << shown;
+
+    (void)rebuild_script(
+        "\"$rebuild\"; until grep -q 'rebuild: ' /run/shown; do sleep 0.01; done; : >/run/once; "
+        "sleep 1000");
+
+    Program program("/bin/sh", options);
+
+    wait_for_file("/run/once");
+    EXPECT_EQ(::kill(program.pid(), SIGTERM), 0);
+    EXPECT_EQ(program.finish().status, 1000 + SIGTERM);
+    EXPECT_TRUE(read_file("/run/shown").ends_with("\r\x1b[K"));
     fs::remove("/run/shown");
 }
 

@@ -66,6 +66,7 @@ TEST(Printable, LongTextsAreCutAroundTheirDifference)
     EXPECT_EQ(shorter.first, "...aaaaaaaaaaaa");
     EXPECT_EQ(shorter.second, "...aaaaaaaaaaaab");
     EXPECT_EQ(cut_around_difference("one", "two", 40).first, "one");
+    EXPECT_EQ(cut_around_difference(head + "a", head + "b", 61).first, head + "a");
 }
 
 TEST(Printable, LinesAreBrokenAtBlanks)
