@@ -82,6 +82,19 @@ TEST_F(ProgramTest, StatusSaysWhetherAllIsAsThePanelSays)
     EXPECT_EQ(run().status, 1);
 }
 
+/* On one stream, too, what is looked at comes before what is wrong with it. */
+TEST_F(ProgramTest, HeadingComesBeforeTrouble)
+{
+    ProgramOptions options;
+
+    options.argv = {"sh", "-c", "exec " KOLMO_VERIFY_PROGRAM " 2>&1"};
+    std::filesystem::remove(handlers_store);
+
+    const std::string said = Program("/bin/sh", options).finish().out;
+
+    EXPECT_LT(said.find("handlers store   "), said.find("mail_responders_verify: ")) << said;
+}
+
 /* A note and a finding that no buffer holds go out while the database's connection is needed: there would be
    trouble if they went into it. */
 TEST_F(ProgramTest, WithoutStandardStreamsNothingGoesIntoTheDatabase)

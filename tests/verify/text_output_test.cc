@@ -50,6 +50,27 @@ TEST(TextOutput, NothingIsWiderThanAHundredColumns)
     EXPECT_GT(helps, 20u) << printed.out;
 }
 
+TEST(TextOutput, TheEndSaysHowMuchWasLookedAtAndFound)
+{
+    const struct {
+        unsigned long findings;
+        const char *words;
+    } rows[] = {{0, "no finding\n"},
+                {1, "1 finding; 1 a rebuild mends\n"},
+                {1234567, "1,234,567 findings; 1,234,567 a rebuild"}};
+
+    for (const auto &row : rows) {
+        const testing::Output printed = testing::output_of([&] {
+            VerifySummary summary;
+
+            summary.rebuild = row.findings;
+            make_text_output("verify", false, false)->end(summary, 0);
+        });
+
+        EXPECT_NE(printed.out.find(row.words), std::string::npos) << printed.out;
+    }
+}
+
 } // namespace
 
 } // namespace kolmo
