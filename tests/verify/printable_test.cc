@@ -67,6 +67,8 @@ TEST(Printable, LongTextsAreCutAroundTheirDifference)
     EXPECT_EQ(shorter.second, "...aaaaaaaaaaaab");
     EXPECT_EQ(cut_around_difference("one", "two", 40).first, "one");
     EXPECT_EQ(cut_around_difference(head + "a", head + "b", 61).first, head + "a");
+    EXPECT_EQ(cut_around_difference(head, head + head, 100).first,
+              "...aaaaaaaaaaaa"); /* the other does not fit */
 }
 
 TEST(Printable, LinesAreBrokenAtBlanks)
