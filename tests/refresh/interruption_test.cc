@@ -12,8 +12,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "refresh/lock.h"
@@ -21,6 +19,7 @@
 #include "tests/refresh/refresh_world.h"
 #include "tests/support/program_run.h"
 #include "tests/support/program_text.h"
+#include "tests/support/unix_socket.h"
 #include "tests/support/wait_until.h"
 
 namespace kolmo
@@ -34,53 +33,58 @@ namespace fs = std::filesystem;
 
 const std::string reached = "/run/reached";
 
-/* Listens and never accepts: who connects waits for a greeting. */
-Fd listen_in_silence(const std::string &path)
-{
-    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-
-    fs::remove(path);
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    EXPECT_EQ(::listen(socket.get(), 8), 0);
-    return socket;
-}
-
 class InterruptionTest : public RefreshTest
 {
 protected:
     void SetUp() override
     {
         RefreshTest::SetUp();
-        silent_ = listen_in_silence(silent_socket);
+        silent_ = listen_at(silent_socket);
     }
 
-    /* Each hangs a refresh at a step, where a file appears if the step can make one. */
+    /* Whether a refresh has come to where it hangs. */
+    using Arrival = std::function<bool(const InterruptionTest &, pid_t)>;
+    static Arrival exists(const std::string &path);
+    static Arrival opened(const std::string &path);
+    static bool has_asked(const InterruptionTest &test, pid_t process);
+
+    /* Each hangs a refresh at a step. */
     struct Step {
         const char *what;
         std::function<void(InterruptionTest &)> hang;
         std::vector<std::string> arguments = {};
-        std::string file = reached;
+        Arrival has_come = exists(reached);
     };
     static const std::vector<Step> &steps();
 
     /* Hangs it, sends the signal, and returns how the program ended; the live stores are untouched. */
     int end_at(const Step &step, int signal_number);
 
-    /* Until somebody has called at the silent socket. */
-    void wait_for_caller()
-    {
-        pollfd caller = {silent_.get(), POLLIN, 0};
-
-        EXPECT_EQ(::poll(&caller, 1, 30000), 1) << "nobody asks";
-    }
-
-    Fd silent_;
+    Fd silent_; /* connected to, and never accepted: who asks waits for a greeting */
     Fd run_lock_;
-    std::optional<HeldTransaction> reader_;
+    std::optional<HeldTransaction> other_;
 };
+
+InterruptionTest::Arrival InterruptionTest::exists(const std::string &path)
+{
+    return [path](const InterruptionTest &, pid_t) {
+        return fs::exists(path);
+    };
+}
+
+InterruptionTest::Arrival InterruptionTest::opened(const std::string &path)
+{
+    return [path](const InterruptionTest &, pid_t process) {
+        return has_open(process, KOLMO_REFRESH_PROGRAM, path);
+    };
+}
+
+bool InterruptionTest::has_asked(const InterruptionTest &test, pid_t)
+{
+    pollfd caller = {test.silent_.get(), POLLIN, 0};
+
+    return ::poll(&caller, 1, 0) == 1;
+}
 
 const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
 {
@@ -92,15 +96,15 @@ const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
              EXPECT_EQ(::flock(test.run_lock_.get(), LOCK_EX), 0);
          },
          {},
-         run_lock_path},
+         opened(run_lock_path)},
         {"asking a panel that does not answer",
          [](InterruptionTest &) { write_file(conf_path, "MYSQL_SOCKET " + silent_socket + "\n", 0644); },
          {},
-         silent_socket},
+         has_asked},
         {"waiting for a live store",
-         [](InterruptionTest &test) { test.reader_.emplace(handlers_store, "BEGIN EXCLUSIVE"); },
+         [](InterruptionTest &test) { test.other_.emplace(handlers_store, "BEGIN EXCLUSIVE"); },
          {},
-         handlers_store},
+         opened(handlers_store)},
         {"in the panel's utility",
          [](InterruptionTest &) {
              write_utility(": >" + reached + "; sleep 1000");
@@ -118,14 +122,14 @@ const std::vector<InterruptionTest::Step> &InterruptionTest::steps()
         {"in the look",
          [](InterruptionTest &) { (void)rebuild_script("\"$rebuild\"; " + silence); },
          {"--rebuild", script_path},
-         silent_socket},
+         has_asked},
         {"publishing, with a new file beside the old one, and a reader of the handlers",
          [](InterruptionTest &test) {
              fs::remove(responder_store);
-             test.reader_.emplace(handlers_store, "BEGIN; SELECT count(*) FROM handlers");
+             test.other_.emplace(handlers_store, "BEGIN; SELECT count(*) FROM handlers");
          },
          {},
-         responder_store + "-refresh"},
+         exists(responder_store + "-refresh")},
     };
 
     return all;
@@ -139,18 +143,13 @@ int InterruptionTest::end_at(const Step &step, int signal_number)
     const FileState handlers(handlers_store);
     const std::unique_ptr<Program> program = start(step.arguments);
 
-    if (step.file == silent_socket)
-        wait_for_caller();
-    else if (step.file == run_lock_path || step.file == handlers_store)
-        wait_until([&] { return has_open(program->pid(), KOLMO_REFRESH_PROGRAM, step.file); }, step.file);
-    else
-        wait_for_file(step.file);
+    wait_until([&] { return step.has_come(*this, program->pid()); }, step.what);
     EXPECT_TRUE(program->is_running());
     EXPECT_EQ(::kill(program->pid(), signal_number), 0);
 
     const int status = program->finish().status;
 
-    reader_.reset();
+    other_.reset();
     run_lock_.reset();
     expect_untouched(responders);
     expect_untouched(handlers);

@@ -5,10 +5,8 @@
 
 #include <filesystem>
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include "tests/support/sandbox.h"
+#include "tests/support/unix_socket.h"
 
 namespace kolmo::testing
 {
@@ -57,15 +55,10 @@ std::string unreachable(const std::string &socket, int error)
     return "Can't connect to local server through socket '" + socket + "' (" + std::to_string(error) + ")";
 }
 
-/* A socket that nobody listens on, in a place of its own. */
+/* A socket that nobody listens on any more. */
 void leave_dead_socket(const std::string &path)
 {
-    const Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
-
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    (void)listen_at(path);
 }
 
 } // namespace

@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "tests/support/program_text.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/unix_socket.h"
 
 namespace kolmo::testing
 {
@@ -23,10 +23,8 @@ const char log_path[] = "/dev/log";
 Fd bind_log()
 {
     Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {};
+    const sockaddr_un address = unix_address(log_path);
 
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, log_path, sizeof log_path);
     (void)::unlink(log_path);
     EXPECT_EQ(::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0)
         << log_path << ": " << std::strerror(errno);

@@ -18,7 +18,7 @@ from runner import DEADLINES, ENVIRONMENT, UTILITY
 
 ROUNDS = {"readers": 300, "writer": 300, "second": 200, "utility": 200}
 
-# What a companion may meet: a store that is locked or has a journal that is just going; the responder store is also
+# What a reader may meet: a store that is locked or has a journal that is just going; the responder store is also
 # made anew, and has no file or no table for a moment.
 PASSING = {world.HANDLERS: {sqlite3.SQLITE_BUSY, sqlite3.SQLITE_READONLY}}
 PASSING[world.RESPONDERS] = PASSING[world.HANDLERS] | {sqlite3.SQLITE_CANTOPEN, sqlite3.SQLITE_ERROR}

@@ -7,12 +7,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include "common/owned.h"
 #include "panel/panel_db.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/unix_socket.h"
 #include "tests/verify/verify_world.h"
 
 namespace kolmo
@@ -25,28 +25,13 @@ using namespace testing;
 
 const std::string broken_socket = "/run/broken.sock";
 
-sockaddr_un address_of(const std::string &path)
-{
-    sockaddr_un address = {};
-
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return address;
-}
-
 /* Stands between one client and the server, and hangs up after so many bytes from the server. */
 class BreakingServer
 {
 public:
     explicit BreakingServer(std::size_t bytes)
-        : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), left_(bytes)
+        : listener_(listen_at(broken_socket)), left_(bytes), thread_([this] { serve(); })
     {
-        const sockaddr_un address = address_of(broken_socket);
-
-        (void)::unlink(broken_socket.c_str());
-        EXPECT_EQ(::bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(listener_.get(), 1), 0);
-        thread_ = std::thread([this] { serve(); });
     }
     ~BreakingServer() { (void)end(); }
     BreakingServer(const BreakingServer &) = delete;
@@ -64,7 +49,7 @@ public:
 private:
     void serve()
     {
-        const sockaddr_un address = address_of(server_socket);
+        const sockaddr_un address = unix_address(server_socket);
         const Fd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         const Fd server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 
